@@ -1,0 +1,62 @@
+#include "core/zarmem.h"
+
+#include <errno.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "platform/faultinj.h"
+
+namespace zar::mem {
+namespace {
+
+bool injectedFailure() noexcept {
+  int err = fault::check(fault::Op::kAlloc);
+  if (err == 0) return false;
+  errno = err;
+  return true;
+}
+
+}  // namespace
+
+void* alloc(size_t len) noexcept {
+  if (injectedFailure()) return nullptr;
+  return ::malloc(len == 0 ? 1 : len);
+}
+
+void* allocZero(size_t count, size_t size) noexcept {
+  if (injectedFailure()) return nullptr;
+  if (count == 0 || size == 0) return ::calloc(1, 1);
+  if (count > SIZE_MAX / size) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  return ::calloc(count, size);
+}
+
+void* realloc(void* p, size_t len) noexcept {
+  if (injectedFailure()) return nullptr;
+  return ::realloc(p, len == 0 ? 1 : len);
+}
+
+void free(void* p) noexcept { ::free(p); }
+
+char* strDup(const char* s) noexcept {
+  if (s == nullptr) return nullptr;
+  size_t n = strlen(s);
+  char* d = static_cast<char*>(alloc(n + 1));
+  if (d != nullptr) memcpy(d, s, n + 1);
+  return d;
+}
+
+char* strNDup(const char* s, size_t maxLen) noexcept {
+  if (s == nullptr) return nullptr;
+  size_t n = strnlen(s, maxLen);
+  char* d = static_cast<char*>(alloc(n + 1));
+  if (d == nullptr) return nullptr;
+  memcpy(d, s, n);
+  d[n] = '\0';
+  return d;
+}
+
+}  // namespace zar::mem

@@ -1,0 +1,140 @@
+#include "tests/testutil/testutil.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+namespace zar::test {
+
+std::string hexStatus(uint64_t st) {
+  char buf[32];
+  snprintf(buf, sizeof buf, "0x%8.8llx", static_cast<unsigned long long>(st & 0xffffffffu));
+  return buf;
+}
+
+TempDir::TempDir() {
+  const char* base = getenv("TMPDIR");
+  std::string tmpl = std::string(base && *base ? base : "/tmp") + "/zartest.XXXXXX";
+  std::vector<char> buf(tmpl.begin(), tmpl.end());
+  buf.push_back('\0');
+  if (mkdtemp(buf.data()) == nullptr) {
+    ADD_FAILURE() << "mkdtemp failed";
+    return;
+  }
+  path_ = buf.data();
+}
+
+TempDir::~TempDir() {
+  if (path_.empty()) return;
+  nftw(
+      path_.c_str(),
+      [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); }, 16,
+      FTW_DEPTH | FTW_PHYS);
+}
+
+ScopedEnv::ScopedEnv(const char* name, std::optional<std::string> value) : name_(name) {
+  if (const char* old = getenv(name)) old_ = old;
+  if (value)
+    setenv(name, value->c_str(), 1);
+  else
+    unsetenv(name);
+}
+
+ScopedEnv::~ScopedEnv() {
+  if (old_)
+    setenv(name_.c_str(), old_->c_str(), 1);
+  else
+    unsetenv(name_.c_str());
+}
+
+CaptureFd::CaptureFd(int fd) : fd_(fd) {
+  fflush(nullptr);
+  const char* base = getenv("TMPDIR");
+  std::string tmpl = std::string(base && *base ? base : "/tmp") + "/zarcap.XXXXXX";
+  std::vector<char> buf(tmpl.begin(), tmpl.end());
+  buf.push_back('\0');
+  int tmp = mkstemp(buf.data());
+  path_ = buf.data();
+  saved_ = dup(fd_);
+  dup2(tmp, fd_);
+  close(tmp);
+}
+
+CaptureFd::~CaptureFd() {
+  fflush(nullptr);
+  dup2(saved_, fd_);
+  close(saved_);
+  unlink(path_.c_str());
+}
+
+std::string CaptureFd::text() {
+  fflush(nullptr);
+  return readFile(path_);
+}
+
+FaultPlan::FaultPlan(fault::Op op, long failAt, bool sticky, int err) : op_(op) {
+  fault::arm(op, failAt, sticky, err);
+}
+
+FaultPlan::~FaultPlan() { fault::disarm(op_); }
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+void writeFile(const std::string& path, const std::string& text) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << text;
+}
+
+bool fileExists(const std::string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+std::vector<std::string> splitLines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::string cur;
+  for (char c : text) {
+    if (c == '\n') {
+      lines.push_back(cur);
+      cur.clear();
+    } else {
+      cur += c;
+    }
+  }
+  if (!cur.empty()) lines.push_back(cur);
+  return lines;
+}
+
+int runInChild(const std::function<int()>& fn) {
+  fflush(nullptr);
+  pid_t pid = fork();
+  if (pid == 0) {
+    int rc = fn();
+    fflush(nullptr);
+    _exit(rc);
+  }
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  return status;
+}
+
+int exitCode(int waitStatus) { return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : -1; }
+
+std::string sourceDir() { return ZAR_TEST_SOURCE_DIR; }
+std::string buildDir() { return ZAR_TEST_BUILD_DIR; }
+
+}  // namespace zar::test

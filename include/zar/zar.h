@@ -20,5 +20,6 @@
 
 #include "zar/export.h"
 #include "zar/status.h"
+#include "zar/nls.h"
 
 #endif /* ZAR_ZAR_H */

@@ -21,5 +21,7 @@
 #include "zar/export.h"
 #include "zar/status.h"
 #include "zar/nls.h"
+#include "zar/thread.h"
+#include "zar/util.h"
 
 #endif /* ZAR_ZAR_H */

@@ -55,6 +55,15 @@ ZAR_API void zar_base64_std_decode(const char* text, uint64_t length, void* data
 ZAR_API void zar_base64_uri_decode(const char* text, uint64_t length, void* data,
                                    uint64_t* dataLength);
 
+/* ---- Random bytes ------------------------------------------------------- */
+
+/* Fills buffer with count cryptographically strong random bytes.
+ * Returns 0; ZAR_S_INVALID_INPUT (0x38C5209B) for a count of 0 or a null
+ * buffer (the buffer is not touched); ZAR_S_NO_MEMORY (0x38C52097) when the
+ * random source could not be set up; ZAR_S_KRY_FAILURE (0x38C520B2) when it
+ * failed (the failure is also logged as an error message). */
+ZAR_API uint32_t zar_get_random_bytes(void* buffer, uint32_t count);
+
 /* ---- Numbers ------------------------------------------------------------ */
 
 /* Converts text to a long integer in base (0, or 2 to 36, as strtol) and

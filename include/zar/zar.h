@@ -23,5 +23,6 @@
 #include "zar/nls.h"
 #include "zar/thread.h"
 #include "zar/util.h"
+#include "zar/utc.h"
 
 #endif /* ZAR_ZAR_H */

@@ -41,7 +41,7 @@ template <class T>
 void destroy(T* p) noexcept {
   if (p == nullptr) return;
   p->~T();
-  free(p);
+  zar::mem::free(static_cast<void*>(p));
 }
 
 struct FreeDeleter {

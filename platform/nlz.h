@@ -12,7 +12,12 @@
 //   with a 0 unit. A surrogate pair is one character.
 // - Byte lengths are int; conversions never write more than the room given,
 //   write no terminator unless they say so, and return -1 on any failure
-//   (invalid or unrepresentable input, room too small, no memory).
+//   (invalid or unrepresentable input, room too small, no memory) with errno
+//   EILSEQ, E2BIG, EINVAL or ENOMEM. An input length below 0 means the input
+//   is NUL-terminated.
+// - Code sets are byte-oriented and ASCII-transparent where the name allows
+//   it; UTF-16 and UTF-32 are not byte code sets and are refused by
+//   nlz_cs_new. nlz_mblen and nlz_strstr assume a stateless code set.
 // - Nothing here logs; failures are results (and errno where stated).
 #ifndef ZAR_PLATFORM_NLZ_H_
 #define ZAR_PLATFORM_NLZ_H_
@@ -32,9 +37,11 @@ typedef uint16_t nlz_wchar_t;
 // ---- Code sets --------------------------------------------------------------
 
 // Makes a handle for a code-set name ("UTF8", "utf-8", "ISO8859-1",
-// "ISO-8859-1", "646", ...). The name is normalised (case, '-' and '_'
-// ignored; common aliases mapped) before iconv is asked. Null when the code set
-// is unknown or memory is short.
+// "ISO-8859-1", "646", ...). The name is normalised (case, '-', '_', '.' and
+// blanks ignored; common aliases mapped) before iconv is asked. Null when the
+// code set is unknown (errno EINVAL), the name is longer than 63 bytes, or
+// memory is short. Each handle keeps a small pool of iconv descriptors per
+// direction, so concurrent conversions never share one descriptor.
 nlz_cs_t nlz_cs_new(const char* name);
 void nlz_cs_free(nlz_cs_t cs);  // null is ignored
 // The normalised name the handle was made for, e.g. "UTF-8", "ISO-8859-1".
@@ -90,33 +97,65 @@ int nlz_os_cs_name(char* buf, int len);
 int nlz_canonical_loc(const char* name, char* buf, int len);
 int nlz_canonical_lang(const char* name, char* buf, int len);
 
+// A handle shared for the life of the process for a code-set name (made on
+// first request, never freed; callers must not free it). Null as nlz_cs_new.
+nlz_cs_t nlz_cs_shared(const char* name);
+// 1 when the two handles name the same code set (null: the thread's).
+int nlz_cs_same(nlz_cs_t a, nlz_cs_t b);
+
 // ---- Settings of the layer -----------------------------------------------------
 
 // The message path in use: the NLSPATH environment variable, or null.
 const char* nlz_get_nlspath(void);
 // The layer's data directory ("" until set; from the environment variable
-// QVNLZDIR when that is set). The returned text stays valid until the next
-// nlz_set_dir.
+// QVNLZDIR when that is set; qumbra_initialize settles it from the install
+// layout). nlz_catopen looks there, as "<dir>/%L/%N" and "<dir>/%L/%N.cat",
+// after the elements of NLSPATH. Every text returned stays valid for the life
+// of the process (a later nlz_set_dir does not release it).
 const char* nlz_get_dir(void);
 int nlz_set_dir(const char* dir);  // 0, or -1 on no memory
 // Default code set for nlz_vsprintf and nlz_vfprintf; the layer takes
-// ownership of cs. Null restores the thread-locale rule.
+// ownership of cs and keeps every handle it was given for the life of the
+// process (another thread may still use a replaced one). Null restores the
+// thread-locale rule. 0, or -1 on no memory (the setting is then unchanged).
 int nlz_set_def_cs(nlz_cs_t cs);
 nlz_cs_t nlz_get_def_cs(void);
 
 // ---- Catalogs ------------------------------------------------------------------
 
-// Opens the XPG catalog name for the locale loc (null: the thread's current
-// locale). A name containing '/' is a path; otherwise NLSPATH is expanded for
-// loc (%N name, %L locale name, %l language, %t territory, %c code set, %%)
-// and each element tried in order. flags: see the implementation's header
-// comment. Null with errno set (ENOENT, EACCES/EPERM, ENOMEM, EINVAL for a
-// corrupt file) on failure.
+// Open flags of nlz_catopen (bits; 0 gives the broadest search).
+#define NLZ_CAT_LOCALE 0x1          // %L, %l, %t, %c from the LC_MESSAGES name of
+                                    // loc (null: the thread's current locale);
+                                    // without it from the LANG variable ("C" if unset)
+#define NLZ_CAT_NO_DATADIR 0x2      // do not look in the layer's data directory
+#define NLZ_CAT_NO_LANG_FALLBACK 0x4  // %L is only the locale name and its
+                                      // normalised forms, never the bare language
+#define NLZ_CAT_NO_C_FALLBACK 0x8   // never fall back to the "C" (English) catalogs
+
+// Opens the XPG catalog name for the locale loc. A name containing '/' is a
+// path; otherwise NLSPATH is expanded (%N name, %L locale name, %l language,
+// %t territory, %c code set, %%; other '%' sequences stand for themselves;
+// empty elements and expansions longer than PATH_MAX are skipped) and each
+// element tried in order, then the data directory. %L is tried as the locale
+// name, then as language_TERRITORY.CODESET with the code set normalised, then
+// language_TERRITORY, then the language, then "C" (flags narrow this).
+// The file is read whole and checked: every table entry and every text must
+// lie inside the file. The catalog's code set is the one named by its marker
+// message (set NLZ_CAT_CODESET_SET, message 1, text "charset=NAME"), else the
+// code set in the locale name of the directory it was found in, else the code
+// set of the locale it was opened for.
+// Null with errno on failure: EACCES when some candidate was not readable,
+// EINVAL when some candidate was not a valid catalog, ENOMEM, else ENOENT.
 nlz_cat_t nlz_catopen(const char* name, int flags, nlz_loc_t loc);
+#define NLZ_CAT_CODESET_SET 255
 // The text of message num of set, converted from the catalog's code set into
-// cs (null: no conversion); def when there is none. The text stays valid until
-// nlz_catclose of the handle.
+// cs (null: no conversion); def when there is none or it cannot be converted.
+// The text stays valid until nlz_catclose of the handle. Thread-safe.
 const char* nlz_catgets(nlz_cat_t cat, int set, int num, const char* def, nlz_cs_t cs);
 int nlz_catclose(nlz_cat_t cat);  // 0, or -1 for a null handle
+// The path the catalog was read from, and the name of its code set ("" when
+// unknown). Both owned by the handle.
+const char* nlz_cat_path(nlz_cat_t cat);
+const char* nlz_cat_cs_name(nlz_cat_t cat);
 
 #endif  // ZAR_PLATFORM_NLZ_H_

@@ -138,3 +138,34 @@ std::string sourceDir() { return ZAR_TEST_SOURCE_DIR; }
 std::string buildDir() { return ZAR_TEST_BUILD_DIR; }
 
 }  // namespace zar::test
+
+namespace {
+
+// Sets the test environment (NAME=VALUE items separated by '|') before any test runs,
+// leaving variables that the caller already set.
+[[maybe_unused]] const bool gTestEnvSet = [] {
+#ifdef ZAR_TEST_ENV
+  std::string all = ZAR_TEST_ENV;
+  size_t start = 0;
+  while (start < all.size()) {
+    size_t end = all.find('|', start);
+    if (end == std::string::npos) end = all.size();
+    std::string line = all.substr(start, end - start);
+    size_t eq = line.find('=');
+    if (eq != std::string::npos) setenv(line.substr(0, eq).c_str(), line.substr(eq + 1).c_str(), 0);
+    start = end + 1;
+  }
+#endif
+  return true;
+}();
+
+}  // namespace
+
+// Sanitizer settings of every test executable (the runtime reads these before
+// main, so they cannot come from the environment set above).
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+// glibc's newlocale leaks the split copy of LOCPATH on every call while LOCPATH
+// is set, as it is for every test; the blocks belong to the C library.
+extern "C" const char* __lsan_default_suppressions() {
+  return "leak:__argz_add_sep\nleak:__argz_create_sep\n";
+}

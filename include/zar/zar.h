@@ -21,6 +21,7 @@
 #include "zar/export.h"
 #include "zar/status.h"
 #include "zar/nls.h"
+#include "zar/svc.h"
 #include "zar/thread.h"
 #include "zar/util.h"
 #include "zar/utc.h"

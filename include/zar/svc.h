@@ -1,0 +1,243 @@
+/*
+ * libzar: serviceability — components, severity messages and their routes.
+ *
+ * A program registers a component (a short name and a table of its
+ * sub-components) and gets a handle; every message names that handle, a
+ * sub-component index, an attribute word (severity and action bits) and a
+ * status code whose text is the message's printf format. The library writes
+ * each message to the routes configured for its severity: standard streams,
+ * text, UTF-8 or XML log files, other route lists, or nowhere.
+ *
+ * Conventions of this header:
+ * - Status: functions with a status argument write it through a pointer to
+ *   unsigned long; the low 32 bits receive the code (zar/status.h), the rest
+ *   is 0; 0 is success. A null status pointer means "not wanted".
+ * - Print calls return nothing: a message that cannot be printed is lost.
+ *   A null handle makes a print call do nothing.
+ * - Ownership: handles belong to the library from registration to
+ *   unregistration. A sub-component table belongs to the caller, who keeps it
+ *   alive and writable for as long as any handle made from it exists (the
+ *   library writes descriptions and debug levels into it).
+ * - Threads: every function may be called from any thread. Registration and
+ *   level-change callbacks and handle filters run while the library holds its
+ *   serviceability mutex; they must not call the functions of this header
+ *   that take it (all of them except zar_svc_register2, zar_svc_init with
+ *   ZAR_SVC_INIT_MUTEX_HELD, zar_svc_get_progname and zar_svc_inq_sev_name).
+ * - Fork: the library holds its mutex across fork(2); a child of fork gets
+ *   its own TEXTFILE log files when their names contain the process id.
+ */
+#ifndef ZAR_SVC_H
+#define ZAR_SVC_H
+
+#include <stdarg.h>
+#include <stdint.h>
+
+#include "zar/export.h"
+#include "zar/nls.h"
+
+/* ---- The attribute word --------------------------------------------------
+ * Bits 0-3: debug level 1 to 9 (0 for a severity message).
+ * Bits 4-8: severity 1 to 5 (values below), read as (attr & 0x1F0) >> 4.
+ * Action and routing bits may be or-ed into a severity message's word. */
+#define svc_c_sev_fatal 0x00000010U
+#define svc_c_sev_error 0x00000020U
+#define svc_c_sev_warning 0x00000030U
+#define svc_c_sev_notice 0x00000040U
+#define svc_c_sev_notice_verbose 0x00000050U
+#define svc_c_sev_mask 0x000001F0U   /* the severity bits */
+#define svc_c_debug_mask 0x0000000FU /* the debug-level bits */
+
+#define svc_c_debug1 0x00000001U
+#define svc_c_debug2 0x00000002U
+#define svc_c_debug3 0x00000003U
+#define svc_c_debug4 0x00000004U
+#define svc_c_debug5 0x00000005U
+#define svc_c_debug6 0x00000006U
+#define svc_c_debug7 0x00000007U
+#define svc_c_debug8 0x00000008U
+#define svc_c_debug9 0x00000009U
+
+#define svc_c_action_abort 0x00001000U    /* abort() after the record is written */
+#define svc_c_action_exit_bad 0x00002000U /* exit(1) after the record is written */
+#define svc_c_action_exit_ok 0x00004000U  /* exit(0) after the record is written */
+#define svc_c_action_brief 0x00008000U    /* the message text without the record prefix */
+#define svc_c_route_stderr 0x00010000U    /* also write the record to standard error */
+#define svc_c_route_nolog 0x00020000U     /* do not use the severity's routes */
+
+/* Magic of zar_svc_init: the caller already holds the serviceability mutex. */
+#define ZAR_SVC_INIT_MUTEX_HELD 0x1C0FFEEUL
+
+ZAR_EXTERN_C_BEGIN
+
+/* ---- Types ----------------------------------------------------------------- */
+
+/* One entry of a sub-component table. A table is an array of these ended by
+ * an entry whose name is null; print calls name a sub-component by its index
+ * in the table (the first entry is index 0). */
+typedef struct zar_svc_subcomp_s {
+  const char* name;        /* e.g. "core" */
+  const char* description; /* one line; replaced by its catalog text on translation */
+  uint32_t description_id; /* status code of the description's text, 0 for none */
+  uint32_t level;          /* low 4 bits: the sub-component's current debug level, 0-9 */
+} zar_svc_subcomp;
+
+/* One route of a route list; its contents are private to the library. */
+struct zar_svc_route_s;
+
+/* A route list: the routes that receive the messages of one severity, or the
+ * debug messages of one component, in order. Read-only for callers. */
+typedef struct zar_svc_route_list_s {
+  int32_t count;                   /* routes in use */
+  int32_t capacity;                /* slots allocated */
+  struct zar_svc_route_s** routes; /* capacity slots, count of them in use */
+} svc_route_list;
+
+/* What one print call knows of its message (component, sub-component,
+ * attributes, message id, time, source position, thread): handed to filters
+ * and routes. */
+typedef struct zar_svc_prolog_s zar_svc_prolog;
+
+/* A handle's message filter: called for every message printed through the
+ * zar_svc_*printf* functions on that handle, before routing, with the
+ * message's prolog and its arguments. Returning 0 suppresses the message and
+ * its abort or exit action. Runs with the serviceability mutex held. */
+typedef int (*zar_svc_filter_fn)(zar_svc_prolog* prolog, va_list args);
+
+/* A serviceability handle, as registration makes it. Callers read it and may
+ * set the filter (before the handle is used from other threads); every other
+ * field belongs to the library and changes only under its mutex. */
+struct zar_svc_handle_s {
+  char* component;              /* owned copy of the component name */
+  zar_svc_subcomp* table;       /* the caller's table, not owned */
+  uint8_t debug_filled;         /* debug levels and routes have been settled */
+  uint8_t translated;           /* descriptions have been replaced by catalog texts */
+  uint8_t allocated;            /* made by registration; unregistration frees it */
+  uint8_t in_map;               /* listed in the component map */
+  uint32_t table_size;          /* entries of table before its terminator */
+  svc_route_list debug_routes;  /* routes of the component's debug messages */
+  zar_svc_filter_fn filter;     /* null, or the message filter */
+};
+typedef struct zar_svc_handle_s* zar_svc_handle;
+
+/* Callbacks told of registrations (component name and table), of
+ * unregistrations (the same), and of debug-level changes (component name,
+ * sub-component name, description id and the new level). Each may be null.
+ * They run with the serviceability mutex held. */
+typedef void (*zar_svc_register_fn)(const char* component, zar_svc_subcomp* table);
+typedef void (*zar_svc_level_fn)(const char* component, const char* subcomp,
+                                 uint32_t description_id, uint32_t level);
+
+/* ---- Registration ----------------------------------------------------------- */
+
+/* Registers a component and returns its new handle, or null with the status
+ * 0x106521F4 (no memory) or 0x106521F7 (null component name). table may be
+ * null (a component without sub-components prints nothing). Registering a
+ * name twice gives two handles; lookups by name find the first. Tells every
+ * register callback. */
+ZAR_API zar_svc_handle zar_svc_register(zar_svc_subcomp* table, const char* component,
+                                        unsigned long* status);
+
+/* As zar_svc_register, for a caller that already holds the serviceability
+ * mutex: a registration or level-change callback.
+ * REQUIRES: the calling thread is inside such a callback. */
+ZAR_API zar_svc_handle zar_svc_register2(zar_svc_subcomp* table, const char* component,
+                                         unsigned long* status);
+
+/* Closes the handle's debug routes, tells the unregister callbacks, removes
+ * the handle from the component map and frees it. A null handle is ignored.
+ * The status is always 0. The handle must not be used afterwards. */
+ZAR_API void zar_svc_unregister(zar_svc_handle handle, unsigned long* status);
+
+/* Registers the product's three components ("wsc", "wsd", "wsi") whose handle
+ * variables (below) are still null, stopping at the first failure (whose
+ * status it leaves). A second call changes nothing. magic
+ * ZAR_SVC_INIT_MUTEX_HELD is for callers that hold the mutex (callbacks). */
+ZAR_API void zar_svc_init(unsigned long magic, unsigned long* status);
+
+/* Adds a callback set (any member may be null); status 0 or 0x106521F4. Sets
+ * added later are not told of components registered earlier. */
+ZAR_API void zar_svc_register_callbacks(zar_svc_register_fn on_register,
+                                        zar_svc_register_fn on_unregister,
+                                        zar_svc_level_fn on_level, unsigned long* status);
+/* Removes the first set equal in all three members; 0x106521F9 when none is. */
+ZAR_API void zar_svc_unregister_callbacks(zar_svc_register_fn on_register,
+                                          zar_svc_register_fn on_unregister,
+                                          zar_svc_level_fn on_level, unsigned long* status);
+
+/* Sets the program name shown in every record (at most 31 bytes are kept).
+ * The first name set wins; later calls change nothing. Status always 0.
+ * Until a name is set, records show "PID#" and the process id. */
+ZAR_API void zar_svc_set_progname(const char* name, unsigned long* status);
+/* The program name (a 32-byte buffer of the library; empty until set). */
+ZAR_API const char* zar_svc_get_progname(void);
+
+/* The name of the attribute's debug level ("DEBUG1" to "DEBUG9") when its
+ * level bits are non-zero, else of its severity ("FATAL", "ERROR", "WARNING",
+ * "NOTICE", "NOTICE_VERBOSE"). Null when the word names neither a debug level
+ * 1 to 9 nor a severity 1 to 5. The text is constant. */
+ZAR_API const char* zar_svc_inq_sev_name(uint32_t attributes);
+
+/* Destroys the serviceability mutex and its thread-specific key. Nothing of
+ * this header may be called afterwards; meant for the very end of a process
+ * (for example before unloading the library). */
+ZAR_API void zar_svc_shutdown(void);
+
+/* ---- Routing ------------------------------------------------------------------
+ * A route string is one or more elements separated by ';':
+ *   KIND[.GENS.LIMIT]:WHERE[:MODE[:USER[:GROUP]]]
+ * KIND is STDOUT, STDERR, XMLSTDOUT, XMLSTDERR, DISCARD, TEXTFILE (or FILE),
+ * UTF8FILE, XMLFILE or GOESTO; WHERE is the log file name (a printf format
+ * given the process id, so "%d" becomes the pid), or for GOESTO the name of a
+ * severity or a component. See docs/serviceability.md. */
+
+/* Replaces the routes of one severity: setting is "SEVERITY:ROUTES",
+ * where SEVERITY is a severity name or a prefix of one ("WARN"), or "*" for
+ * all five. The setting is remembered for the life of the process and wins
+ * over the SVC_* variables and the routing file. Status 0, 0x106521F7 (bad
+ * route string, no such severity) or 0x106521F4 (no memory). Files that
+ * cannot be opened make their routes write to standard error instead. */
+ZAR_API void zar_svc_routing(const char* setting, unsigned long* status);
+
+/* ---- Printing -------------------------------------------------------------------
+ * Prints the message msgid of the component of handle, sub-component index
+ * subcomp, with the attribute word attributes and the variable arguments of
+ * the message's text. file and line name the caller's source position (the
+ * record shows the file's last path component). argtypes describes the
+ * arguments as a string of conversions ("%s%d"); it is handed to filters and
+ * routes but the message text is the format. An attribute word that names
+ * neither a debug level 1 to 9 nor a severity 1 to 5, or a sub-component index
+ * beyond the table, prints nothing and takes no action. */
+ZAR_API void zar_svc_printf_withfile(zar_svc_handle handle, const char* file, int line,
+                                     const char* argtypes, uint32_t subcomp,
+                                     uint32_t attributes, uint32_t msgid, ...);
+ZAR_API void zar_svc_vprintf_withfile(zar_svc_handle handle, const char* file, int line,
+                                      const char* argtypes, uint32_t subcomp,
+                                      uint32_t attributes, uint32_t msgid, va_list args);
+
+/* As zar_svc_printf_withfile, but with cs non-null the message's text comes
+ * from the catalog in UTF-8 and the string arguments are UTF-8: text routes
+ * receive the record converted to the local code set, UTF-8 and XML routes
+ * receive it as it is. cs is only tested for null (null behaves exactly as
+ * zar_svc_printf_withfile). */
+ZAR_API void zar_svc_printf_cs_withfile(zar_svc_handle handle, zar_codeset_t cs,
+                                        const char* file, int line, const char* argtypes,
+                                        uint32_t subcomp, uint32_t attributes, uint32_t msgid,
+                                        ...);
+ZAR_API void zar_svc_vprintf_cs_withfile(zar_svc_handle handle, zar_codeset_t cs,
+                                         const char* file, int line, const char* argtypes,
+                                         uint32_t subcomp, uint32_t attributes, uint32_t msgid,
+                                         va_list args);
+
+/* ---- The product's components ---------------------------------------------------
+ * Sub-component tables and handles of the client ("wsc"), deploy ("wsd") and
+ * interface ("wsi") components. The handles are null until zar_svc_init. */
+ZAR_API extern zar_svc_subcomp zarsv_client_svc_table[];
+ZAR_API extern zar_svc_subcomp zarsv_deploy_svc_table[];
+ZAR_API extern zar_svc_subcomp zarsv_if_svc_table[];
+ZAR_API extern zar_svc_handle zarsv_client_svc_handle;
+ZAR_API extern zar_svc_handle zarsv_deploy_svc_handle;
+ZAR_API extern zar_svc_handle zarsv_if_svc_handle;
+
+ZAR_EXTERN_C_END
+
+#endif /* ZAR_SVC_H */

@@ -22,6 +22,8 @@
 #include "zar/status.h"
 #include "zar/nls.h"
 #include "zar/svc.h"
+#include "zar/uuid.h"
+#include "zar/paths.h"
 #include "zar/thread.h"
 #include "zar/util.h"
 #include "zar/utc.h"

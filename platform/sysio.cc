@@ -58,6 +58,11 @@ size_t fwrite(const void* buf, size_t size, size_t count, FILE* stream) {
   return ::fwrite(buf, size, count, stream);
 }
 
+size_t fwriteUnlocked(const void* buf, size_t size, size_t count, FILE* stream) {
+  if (injected(fault::Op::kWrite)) return 0;
+  return ::fwrite_unlocked(buf, size, count, stream);
+}
+
 int fflush(FILE* stream) {
   if (injected(fault::Op::kFlush)) return EOF;
   return ::fflush(stream);

@@ -24,6 +24,8 @@ ssize_t write(int fd, const void* buf, size_t len);
 // errno set when a write fails.
 bool writeAll(int fd, const void* buf, size_t len);
 size_t fwrite(const void* buf, size_t size, size_t count, FILE* stream);
+// fwrite_unlocked: for a caller that holds the stream (flockfile).
+size_t fwriteUnlocked(const void* buf, size_t size, size_t count, FILE* stream);
 int fflush(FILE* stream);
 int rename(const char* from, const char* to);
 

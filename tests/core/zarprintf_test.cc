@@ -1,0 +1,388 @@
+// The formatted-output engine and the snprintf/asprintf families: fixed
+// cases, malformed formats, random formats compared with glibc's snprintf,
+// truncation at every size, heap arrays and their allocation failures.
+#include "core/zarprintf.h"
+
+#include <errno.h>
+#include <limits.h>
+#include <math.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <random>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "tests/testutil/testutil.h"
+#include "zar/printf.h"
+
+namespace zar {
+namespace {
+
+using test::FaultPlan;
+
+const std::string kError = "<error>";
+
+// zar_snprintf's text (or kError), after checking its length result against
+// the text, and every cut of the output against it.
+template <class... A>
+std::string F(const char* fmt, A... a) {
+  char buf[4096];
+  int n = zar_snprintf(buf, sizeof buf, fmt, a...);
+  if (n < 0) return kError;
+  EXPECT_LT(n, static_cast<int>(sizeof buf)) << fmt;
+  return std::string(buf, static_cast<size_t>(n));
+}
+
+// Checks zar_snprintf into every size from 0 to the whole length + 1:
+// the same result, a terminated prefix, nothing written past the size.
+template <class... A>
+void expectCutsArePrefixes(const std::string& whole, const char* fmt, A... a) {
+  std::vector<char> buf(whole.size() + 8);
+  for (size_t size = 0; size <= whole.size() + 1; ++size) {
+    memset(buf.data(), 0x7f, buf.size());
+    ASSERT_EQ(static_cast<int>(whole.size()), zar_snprintf(buf.data(), static_cast<int>(size), fmt, a...))
+        << fmt << " size " << size;
+    size_t kept = size == 0 ? 0 : strnlen(buf.data(), size);
+    if (size > 0) {
+      ASSERT_LT(kept, size) << fmt << " not terminated at size " << size;
+      ASSERT_EQ(0, memcmp(buf.data(), whole.data(), kept)) << fmt << " size " << size;
+    }
+    for (size_t i = size; i < buf.size(); ++i) ASSERT_EQ(0x7f, buf[i]) << fmt << " size " << size;
+  }
+}
+
+TEST(ZarPrintf, FormatsAsDescribed) {
+  int v5 = 5;
+  const struct {
+    std::string got;
+    std::string want;
+  } rows[] = {
+      {F("hello world"), "hello world"},
+      {F("%2$s %1$s", "a", "b"), "b a"},
+      {F("%1$*2$d", 5, 3), "  5"},
+      {F("%*d|%-*d|%.*d", 4, 7, 3, 8, 3, 9), "   7|8  |009"},
+      {F("%05d", -42), "-0042"},
+      {F("%+d", 5), "+5"},
+      {F("% d", 5), " 5"},
+      {F("%-5d|", 42), "42   |"},
+      {F("%.0d", 0), ""},
+      {F("%#x", 255), "0xff"},
+      {F("%#x", 0), "0"},
+      {F("%#08x", 255), "0x0000ff"},
+      {F("%#o", 8), "010"},
+      {F("%hd|%hu|%hx", 70000, -1, 0x12345), "4464|65535|2345"},
+      {F("%ld|%lu|%lld|%Lu|%qx", LONG_MIN, ULONG_MAX, LLONG_MIN, 7ULL, 255ULL),
+       "-9223372036854775808|18446744073709551615|-9223372036854775808|7|ff"},
+      {F("%c%c%hc%lc", 'a', 'b' + 256, 'c', 'd'), "abcd"},
+      {F("%s|%.2s|%.10s|%ls|%hs", static_cast<char*>(nullptr), "abc", "abc", "wide?", "x"),
+       "|ab|abc|wide?|x"},
+      {F("%5%|%-3%|100%%"), "    %|%  |100%"},
+      {F("%1$s %1$s %2$d", "r", 2), "r r 2"},
+      {F("%1$d %d", 1, 2), "1 2"},
+      {F("%e|%E|%g|%G|%f", 1.5, 1.5, 0.0001, 1e20, -2.25), "1.500000e+00|1.500000E+00|0.0001|1E+20|-2.250000"},
+      {F("%Lf|%LG|%lle", 1.25L, 1e-10L, 2.0L), "1.250000|1E-10|2.000000e+00"},
+      {F("%-8.2f|%+.1e|%#.0f", 3.14159, 12345.678, 2.0), "3.14    |+1.2e+04|2."},
+      // Differences from C printf that are part of the format's definition.
+      {F("%.f", 1.5), "1.500000"},              // '.' alone sets no precision
+      {F("%08.3f", 1.5), "   1.500"},            // a precision clears '0'
+      {F("%08.3d|%08.d", 42, 42), "     042|00000042"},
+      {F("%p|%5p|%-5p|", nullptr, nullptr, nullptr), "|     |     |"},
+      {F("%p", reinterpret_cast<void*>(0xbeef)), "0xbeef"},
+      {F("%012p|%.6p", reinterpret_cast<void*>(0xbeef), reinterpret_cast<void*>(0xbeef)),
+       "0x000000beef|0x00beef"},
+      {F("%#.0o|%#.0x|%.0o", 0, 0, 0), "||"},
+      {F("%*d|%-*s|", -4, 7, -3, "a"), "7|a|"},   // negative width argument: no width
+      {F("%*f|", -10, 1.0), "1.000000  |"},          // except for floating conversions
+      {F("%.*s|%.*d|%0*.*d", -1, "abc", -1, 7, 3, -1, 7), "|7|  7"},
+      {F("%00d|%005d|%-05d|%0-5d|", v5, v5, v5, v5), "5|00005|5    |5    |"},
+      {F("%'d|%#d|%#s", 1234567, 5, "s"), "1234567|5|s"},
+  };
+  for (const auto& r : rows) EXPECT_EQ(r.want, r.got);
+  expectCutsArePrefixes("b a", "%2$s %1$s", "a", "b");
+  expectCutsArePrefixes("x=-00042|0xff  |2.50", "x=%06d|%-6p|%.2f", -42,
+                        reinterpret_cast<void*>(0xff), 2.5);
+}
+
+TEST(ZarPrintf, MalformedFormatsFailWithoutRendering) {
+  const char* const bad[] = {
+      "%",       "abc%",     "%5",     "%l",      "%y",      "%F",      "%n",     "%a",
+      "%A",      "%hhd",     "%hld",   "%lhd",    "%Lhd",    "%llld",   "%lld%Lld%qqd",
+      "%lf",     "%hf",      "%le",    "%hG",     "%5*d",    "%.5*d",   "%*5d",   "%1$*5d",
+      "%*2$d",   "%.*2$d",   "%1$s %3$s", "%2$d", "%0$d",  "%1$*0$d", "%1$d %1$S",
+      "%1$d %1$s", "%1$S %1$s", "%s %d %y", "%00-5d",
+  };
+  char* poison = reinterpret_cast<char*>(16);  // would fault if it were rendered
+  for (const char* fmt : bad) {
+    char buf[16];
+    memset(buf, 'Z', sizeof buf);
+    errno = 0;
+    EXPECT_EQ(-1, zar_snprintf(buf, sizeof buf, fmt, poison, poison, poison)) << fmt;
+    EXPECT_EQ(EINVAL, errno) << fmt;
+    EXPECT_EQ('Z', buf[0]) << fmt << ": the buffer was written";
+    char* out = poison;
+    EXPECT_EQ(-1, zar_asprintf(&out, fmt, poison, poison, poison)) << fmt;
+    EXPECT_EQ(poison, out) << fmt;
+  }
+  EXPECT_EQ(-1, zar_snprintf(nullptr, 0, nullptr));
+  EXPECT_EQ(-1, zar_asprintf(nullptr, "x"));
+}
+
+TEST(ZarPrintf, SizeZeroWritesNothing) {
+  char buf[4] = {'Q', 'Q', 'Q', 'Q'};
+  EXPECT_EQ(11, zar_snprintf(buf, 0, "hello world"));
+  EXPECT_EQ(11, zar_snprintf(buf, -3, "hello %s", "world"));
+  EXPECT_EQ(11, zar_snprintf(nullptr, 0, "hello %s", "world"));
+  EXPECT_EQ(0, memcmp(buf, "QQQQ", 4));
+  EXPECT_EQ(8, zar_snprintf(buf, 0, "%8.3f", 2.0));
+  EXPECT_EQ(0, memcmp(buf, "QQQQ", 4));
+}
+
+// ---- Random formats against glibc --------------------------------------------
+
+struct Spec {
+  std::string ours;    // one conversion in this engine's grammar
+  std::string theirs;  // the conversion glibc must see for the same text
+};
+
+class Generator {
+ public:
+  explicit Generator(unsigned seed) : rng_(seed) {}
+  int pick(int n) { return static_cast<int>(rng_() % static_cast<unsigned>(n)); }
+  bool coin() { return pick(2) == 0; }
+  const char* text() {
+    static const char* const kTexts[] = {"", "", "abc", "-", " | ", "x=", "\t"};
+    return kTexts[pick(7)];
+  }
+  // Flags, width and precision for conversion character conv (as digits, or
+  // '*' when stars is given), glibc's equivalent, and whether a precision was given.
+  Spec spec(char conv, const char* ourLen, const char* theirLen, std::vector<int>* stars,
+            bool valueIsZero = false) {
+    std::string flags;
+    // A second '0' would begin the width here (glibc reads it as a flag).
+    for (int i = pick(4); i > 0; --i) {
+      char f = " #'+-0"[pick(6)];
+      if (f != '0' || flags.find('0') == std::string::npos) flags += f;
+    }
+    std::string wp;
+    bool hasPrec = false;
+    if (coin()) {
+      if (stars && coin()) {
+        wp += '*';
+        stars->push_back(pick(20));
+      } else {
+        wp += std::to_string(1 + pick(24));
+      }
+    }
+    if (coin()) {
+      hasPrec = true;
+      if (stars && coin()) {
+        wp += ".*";
+        stars->push_back(pick(12));
+      } else {
+        wp += "." + std::to_string(pick(12));
+      }
+    }
+    Spec s{"%" + flags + wp + ourLen + conv, ""};
+    // glibc keeps '0' beside a precision for floating conversions; the
+    // engine clears it. '#' gives a lone "0" for a zero value under %#.0o.
+    std::string theirFlags = flags;
+    if (hasPrec && strchr("eEfgG", conv)) std::erase(theirFlags, '0');
+    if (conv == 'o' && valueIsZero) std::erase(theirFlags, '#');
+    if (conv == 'p') theirFlags += '#';
+    s.theirs = "%" + theirFlags + wp + theirLen + (conv == 'p' ? 'x' : conv);
+    if (conv == 'p') s.theirs.insert(s.theirs.size() - 1, "l");
+    return s;
+  }
+  std::mt19937& rng() { return rng_; }
+
+ private:
+  std::mt19937 rng_;
+};
+
+template <class... A>
+void expectLikeGlibc(const std::string& ours, const std::string& theirs, bool cuts, A... a) {
+  char want[1024];
+  char got[1024];
+  int wn = snprintf(want, sizeof want, theirs.c_str(), a...);
+  int gn = zar_snprintf(got, sizeof got, ours.c_str(), a...);
+  ASSERT_EQ(wn, gn) << ours << " / glibc " << theirs;
+  ASSERT_EQ(std::string(want, static_cast<size_t>(wn)), std::string(got, static_cast<size_t>(gn)))
+      << ours << " / glibc " << theirs;
+  if (cuts) expectCutsArePrefixes(std::string(want, static_cast<size_t>(wn)), ours.c_str(), a...);
+}
+
+// Calls expectLikeGlibc with the star arguments in front of the value.
+template <class V>
+void expectOne(const Spec& s, const std::vector<int>& stars, bool cuts, V v) {
+  if (stars.empty()) return expectLikeGlibc(s.ours, s.theirs, cuts, v);
+  if (stars.size() == 1) return expectLikeGlibc(s.ours, s.theirs, cuts, stars[0], v);
+  expectLikeGlibc(s.ours, s.theirs, cuts, stars[0], stars[1], v);
+}
+
+TEST(ZarPrintf, SingleConversionsMatchGlibc) {
+  Generator g(20240611);
+  static const long long kInts[] = {0, 1, -1, 7, -42, 255, 65535, 65536, INT_MAX, INT_MIN,
+                                    LLONG_MAX, LLONG_MIN, 1234567890123LL};
+  static const double kDoubles[] = {0.0, -0.0, 1.5, -2.25, 0.1, 1e-300, 1e300, 123456.789,
+                                    HUGE_VAL, -HUGE_VAL, NAN, 9.9999995};
+  static const char* const kStrings[] = {"", "a", "hello", "with space", "0123456789abcdefghij"};
+  static const char* const kLengths[][2] = {{"", ""}, {"h", "h"}, {"l", "l"}, {"ll", "ll"},
+                                            {"L", "ll"}, {"q", "ll"}};
+  for (int iter = 0; iter < 20000; ++iter) {
+    std::vector<int> stars;
+    const std::string pre = g.text();
+    const std::string post = g.text();
+    const bool cuts = iter % 16 == 0;
+    const long long iv = kInts[g.pick(13)];
+    const int len = g.pick(6);
+    const char conv = "diouxXcspeEfgG%"[g.pick(15)];
+    Spec s;
+    if (strchr("di", conv)) {
+      s = g.spec(conv, kLengths[len][0], kLengths[len][1], &stars);
+      s = {pre + s.ours + post, pre + s.theirs + post};
+      if (len == 0 || len == 1) expectOne(s, stars, cuts, static_cast<int>(iv));
+      else if (len == 2) expectOne(s, stars, cuts, static_cast<long>(iv));
+      else expectOne(s, stars, cuts, iv);
+    } else if (strchr("ouxX", conv)) {
+      const unsigned long long narrowed = len == 0 ? static_cast<unsigned>(iv)
+                                          : len == 1 ? static_cast<uint16_t>(iv)
+                                                     : static_cast<unsigned long long>(iv);
+      s = g.spec(conv, kLengths[len][0], kLengths[len][1], &stars, narrowed == 0);
+      s = {pre + s.ours + post, pre + s.theirs + post};
+      if (len == 0 || len == 1) expectOne(s, stars, cuts, static_cast<unsigned>(iv));
+      else if (len == 2) expectOne(s, stars, cuts, static_cast<unsigned long>(iv));
+      else expectOne(s, stars, cuts, static_cast<unsigned long long>(iv));
+    } else if (conv == 'c' || conv == 's' || conv == 'p') {
+      s = g.spec(conv, kLengths[len][0], "", &stars);  // length modifiers change nothing here
+      s = {pre + s.ours + post, pre + s.theirs + post};
+      if (conv == 'c') expectOne(s, stars, cuts, static_cast<int>(' ' + g.pick(95)));
+      else if (conv == 's') expectOne(s, stars, cuts, kStrings[g.pick(5)]);
+      else expectOne(s, stars, cuts, reinterpret_cast<void*>(iv == 0 ? 1 : iv));
+    } else if (conv == '%') {
+      expectLikeGlibc(pre + "%%" + post, pre + "%%" + post, cuts, 0);
+    } else {
+      const bool isLong = g.coin();
+      s = g.spec(conv, isLong ? (g.coin() ? "L" : "ll") : "", isLong ? "L" : "", &stars);
+      s = {pre + s.ours + post, pre + s.theirs + post};
+      const double d = kDoubles[g.pick(12)];
+      if (isLong) expectOne(s, stars, cuts, static_cast<long double>(d));
+      else expectOne(s, stars, cuts, d);
+    }
+    if (HasFatalFailure()) return;
+  }
+}
+
+// Every conversion takes its own argument, in order, from one fixed pool.
+TEST(ZarPrintf, SequentialAndPositionalFormatsMatchGlibc) {
+  Generator g(77);
+  // Slot kinds: i int, s string, d double, l long, u unsigned, q long long,
+  // p pointer, c character; slots 0 and 11 are small ints used as widths. No
+  // integer is 0, so '#' with 'o' means the same to both.
+  const char kKinds[] = "isdluqpcsdui";
+  for (int iter = 0; iter < 3000; ++iter) {
+    const auto pool = std::make_tuple(
+        1 + g.pick(15), "str", 3.25 * g.pick(100), -1L - g.pick(1 << 30), 1u | static_cast<unsigned>(g.rng()()),
+        static_cast<long long>(g.rng()()) << 20, reinterpret_cast<void*>(0x1000 + g.pick(1 << 20)),
+        'A' + g.pick(26), "", -0.5, 1u + static_cast<unsigned>(g.pick(3)), 1 + g.pick(9));
+    auto conversion = [&](int slot, const std::string& index) {
+      static const char* const kConv[] = {"dioxXu", "s", "eEfgG", "dioxXu", "dioxXu", "dioxXu", "p", "c"};
+      static const char* const kLen[][2] = {{"", ""}, {"", ""}, {"", ""}, {"l", "l"},
+                                            {"", ""}, {"ll", "ll"}, {"", ""}, {"", ""}};
+      int k = static_cast<int>(strchr("isdluqpc", kKinds[slot]) - "isdluqpc");
+      char conv = kConv[k][g.pick(static_cast<int>(strlen(kConv[k])))];
+      Spec s = g.spec(conv, kLen[k][0], kLen[k][1], nullptr);
+      s.ours.insert(1, index);
+      s.theirs.insert(1, index);
+      return s;
+    };
+    std::string ours, theirs;
+    const bool positional = iter % 2 == 1;
+    std::vector<int> order;
+    for (int i = 0; i < 12; ++i) order.push_back(i);
+    if (positional) {
+      std::shuffle(order.begin(), order.end(), g.rng());
+      for (int i = g.pick(6); i > 0; --i) order.push_back(g.pick(12));
+    }
+    for (int slot : order) {
+      Spec s = conversion(slot, positional ? std::to_string(slot + 1) + "$" : "");
+      if (positional && g.pick(4) == 0) {  // a named width from the small int in slot 1 or 12
+        std::string star = g.coin() ? "*1$" : "*12$";
+        size_t at = s.ours.find_first_not_of(" #'+-0", s.ours.find('$') + 1);
+        if (!isdigit(static_cast<unsigned char>(s.ours[at]))) {
+          s.ours.insert(at, star);
+          s.theirs.insert(s.theirs.find_first_not_of(" #'+-0", s.theirs.find('$') + 1), star);
+        }
+      }
+      std::string t = g.text();
+      ours += t + s.ours;
+      theirs += t + s.theirs;
+    }
+    std::apply([&](auto... a) { expectLikeGlibc(ours, theirs, iter % 50 == 0, a...); }, pool);
+    if (HasFatalFailure()) return;
+  }
+}
+
+// ---- Heap arrays ---------------------------------------------------------------
+
+#define ZAR_D10(n) (n)*10, (n)*10 + 1, (n)*10 + 2, (n)*10 + 3, (n)*10 + 4, (n)*10 + 5, \
+                   (n)*10 + 6, (n)*10 + 7, (n)*10 + 8, (n)*10 + 9
+#define ZAR_D100(n) ZAR_D10((n)*10), ZAR_D10((n)*10 + 1), ZAR_D10((n)*10 + 2), \
+                    ZAR_D10((n)*10 + 3), ZAR_D10((n)*10 + 4), ZAR_D10((n)*10 + 5), \
+                    ZAR_D10((n)*10 + 6), ZAR_D10((n)*10 + 7), ZAR_D10((n)*10 + 8), ZAR_D10((n)*10 + 9)
+#define ZAR_D1000 ZAR_D100(0), ZAR_D100(1), ZAR_D100(2), ZAR_D100(3), ZAR_D100(4), \
+                  ZAR_D100(5), ZAR_D100(6), ZAR_D100(7), ZAR_D100(8), ZAR_D100(9)
+
+TEST(ZarPrintf, ThousandArgumentsAndConversionsUseTheHeap) {
+  std::string positional, want, repeated;
+  for (int i = 1000; i >= 1; --i) {
+    positional += "%" + std::to_string(i) + "$d ";
+    want += std::to_string(i - 1) + " ";
+    repeated += "%1$c";
+  }
+  char* out = nullptr;
+  ASSERT_EQ(static_cast<int>(want.size()), zar_asprintf(&out, positional.c_str(), ZAR_D1000));
+  EXPECT_EQ(want, out);
+  zar_asprintf_free(out);
+  EXPECT_EQ(std::string(1000, 'x'), F(repeated.c_str(), 'x'));
+  // Every allocation of the engine may fail: the result is then -1 and
+  // nothing leaks; once nothing fails the text is whole.
+  for (long k = 1;; ++k) {
+    FaultPlan plan(fault::Op::kAlloc, k);
+    errno = 0;
+    out = nullptr;
+    int n = zar_asprintf(&out, positional.c_str(), ZAR_D1000);
+    if (plan.failures() == 0) {
+      ASSERT_EQ(static_cast<int>(want.size()), n);
+      EXPECT_EQ(want, out);
+      zar_asprintf_free(out);
+      EXPECT_GT(k, 3);
+      break;
+    }
+    EXPECT_EQ(-1, n) << "failed allocation " << k;
+    EXPECT_EQ(ENOMEM, errno);
+    EXPECT_EQ(nullptr, out);
+  }
+}
+
+TEST(ZarPrintf, AsprintfMeasuresThenFills) {
+  char* out = nullptr;
+  EXPECT_EQ(3, zar_asprintf(&out, "%s-%d", "a", 7));
+  EXPECT_STREQ("a-7", out);
+  zar_asprintf_free(out);
+  std::string big(5000, 'b');
+  EXPECT_EQ(5002, zar_asprintf(&out, "<%s>", big.c_str()));
+  EXPECT_EQ("<" + big + ">", out);
+  zar_asprintf_free(out);
+  EXPECT_EQ(0, zar_asprintf(&out, "%s", ""));
+  EXPECT_STREQ("", out);
+  zar_asprintf_free(out);
+  zar_asprintf_free(nullptr);
+  char small[4];
+  EXPECT_EQ(6, zar_snprintf(small, sizeof small, "abcdef"));
+  EXPECT_STREQ("abc", small);
+}
+
+}  // namespace
+}  // namespace zar

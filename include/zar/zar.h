@@ -22,6 +22,7 @@
 #include "zar/status.h"
 #include "zar/nls.h"
 #include "zar/svc.h"
+#include "zar/printf.h"
 #include "zar/uuid.h"
 #include "zar/paths.h"
 #include "zar/thread.h"

@@ -5,6 +5,7 @@
 
 #include <errno.h>
 #include <limits.h>
+#include <locale.h>
 #include <math.h>
 #include <stdlib.h>
 #include <string.h>
@@ -38,11 +39,12 @@ std::string F(const char* fmt, A... a) {
 // Checks zar_snprintf into every size from 0 to the whole length + 1:
 // the same result, a terminated prefix, nothing written past the size.
 template <class... A>
-void expectCutsArePrefixes(const std::string& whole, const char* fmt, A... a) {
+void expectCutsArePrefixes(const std::string& whole, nlz_cs_t cs, const char* fmt, A... a) {
   std::vector<char> buf(whole.size() + 8);
   for (size_t size = 0; size <= whole.size() + 1; ++size) {
     memset(buf.data(), 0x7f, buf.size());
-    ASSERT_EQ(static_cast<int>(whole.size()), zar_snprintf(buf.data(), static_cast<int>(size), fmt, a...))
+    ASSERT_EQ(static_cast<int>(whole.size()),
+              zar_snprintf_cs(buf.data(), static_cast<int>(size), cs, fmt, a...))
         << fmt << " size " << size;
     size_t kept = size == 0 ? 0 : strnlen(buf.data(), size);
     if (size > 0) {
@@ -100,8 +102,8 @@ TEST(ZarPrintf, FormatsAsDescribed) {
       {F("%'d|%#d|%#s", 1234567, 5, "s"), "1234567|5|s"},
   };
   for (const auto& r : rows) EXPECT_EQ(r.want, r.got);
-  expectCutsArePrefixes("b a", "%2$s %1$s", "a", "b");
-  expectCutsArePrefixes("x=-00042|0xff  |2.50", "x=%06d|%-6p|%.2f", -42,
+  expectCutsArePrefixes("b a", nullptr, "%2$s %1$s", "a", "b");
+  expectCutsArePrefixes("x=-00042|0xff  |2.50", nullptr, "x=%06d|%-6p|%.2f", -42,
                         reinterpret_cast<void*>(0xff), 2.5);
 }
 
@@ -210,7 +212,8 @@ void expectLikeGlibc(const std::string& ours, const std::string& theirs, bool cu
   ASSERT_EQ(wn, gn) << ours << " / glibc " << theirs;
   ASSERT_EQ(std::string(want, static_cast<size_t>(wn)), std::string(got, static_cast<size_t>(gn)))
       << ours << " / glibc " << theirs;
-  if (cuts) expectCutsArePrefixes(std::string(want, static_cast<size_t>(wn)), ours.c_str(), a...);
+  if (cuts)
+    expectCutsArePrefixes(std::string(want, static_cast<size_t>(wn)), nullptr, ours.c_str(), a...);
 }
 
 // Calls expectLikeGlibc with the star arguments in front of the value.
@@ -382,6 +385,119 @@ TEST(ZarPrintf, AsprintfMeasuresThenFills) {
   char small[4];
   EXPECT_EQ(6, zar_snprintf(small, sizeof small, "abcdef"));
   EXPECT_STREQ("abc", small);
+}
+
+// ---- Wide characters -----------------------------------------------------------
+
+// zar_snprintf_cs's text (or kError) with wide conversions into cs.
+template <class... A>
+std::string W(nlz_cs_t cs, int size, const char* fmt, A... a) {
+  char buf[256];
+  int n = zar_snprintf_cs(buf, size, cs, fmt, a...);
+  if (n < 0) return kError;
+  return std::to_string(n) + ":" + buf;
+}
+
+TEST(ZarPrintfWide, ConvertsIntoTheCodeSet) {
+  nlz_cs_t u8 = nlz_cs_shared("UTF8");
+  nlz_cs_t latin1 = nlz_cs_shared("ISO8859-1");
+  ASSERT_NE(nullptr, u8);
+  ASSERT_NE(nullptr, latin1);
+  const char16_t* ee = u"\u00e9\u00e9";  // two characters of two UTF-8 bytes each
+  const struct {
+    std::string got;
+    std::string want;
+  } rows[] = {
+      {W(u8, 99, "%S|%C", u"h\u00e9llo", u'\u20ac'), "10:h\u00e9llo|\u20ac"},
+      {W(u8, 99, "%S", u"\U0001D11E"), "4:\U0001D11E"},  // a surrogate pair is one character
+      {W(u8, 99, "%3C|%-3C|%lC", u'\u00e9', u'\u00e9', u'x'), "9: \u00e9|\u00e9 |x"},
+      {W(u8, 99, "%.3S|%.4S|%.0S|%.*S", ee, ee, ee, -1, ee), "9:\u00e9|\u00e9\u00e9||"},
+      {W(u8, 99, "%6S|%-6S|%S", ee, ee, static_cast<char16_t*>(nullptr)), "14:  \u00e9\u00e9|\u00e9\u00e9  |"},
+      {W(u8, 4, "%S|", ee), "5:\u00e9"},   // cut at a character boundary, nothing after it
+      {W(u8, 5, "%S|", ee), "5:\u00e9\u00e9"},
+      {W(u8, 5, "%6S", ee), "6:  \u00e9"},  // padding first, then the whole characters that fit
+      {W(u8, 4, "%6S", ee), "6:  "},
+      {W(u8, 3, "%C", u'\u00e9'), "2:\u00e9"},
+      {W(u8, 2, "%C", u'\u00e9'), "2:\xc3"},  // a single character is cut at a byte
+      {W(latin1, 99, "%S%C", u"\u00e9t\u00e9", u'\u00fc'), "4:\xe9t\xe9\xfc"},
+      {W(latin1, 99, "%S", u"\u20ac"), kError},  // not representable
+      {W(latin1, 99, "%C", u'\u20ac'), kError},
+      {W(u8, 99, "%S", u"a\xD800" u"b"), kError},    // lone surrogates
+      {W(u8, 99, "%C", 0xDC00), kError},
+  };
+  for (const auto& r : rows) EXPECT_EQ(r.want, r.got);
+  expectCutsArePrefixes("<\u00e9t\u00e9\U0001D11E>  \u00e9|", u8, "<%S>%4C|", u"\u00e9t\u00e9\U0001D11E", u'\u00e9');
+  expectCutsArePrefixes("[   \u00e9t\u00e9]", u8, "[%8S]", u"\u00e9t\u00e9");
+}
+
+TEST(ZarPrintfWide, NullHandleMeansTheThreadsLocale) {
+  locale_t latin1 = newlocale(LC_ALL_MASK, "de_DE.ISO-8859-1", nullptr);
+  ASSERT_NE(nullptr, latin1) << "generated locales are missing (LOCPATH)";
+  locale_t old = uselocale(latin1);
+  std::string inLatin1 = W(nullptr, 99, "%S", u"\u00e9");
+  std::string asprintfText;
+  char* out = nullptr;
+  if (zar_asprintf(&out, "%C", u'\u00fc') == 1) asprintfText = out;
+  zar_asprintf_free(out);
+  uselocale(LC_GLOBAL_LOCALE);
+  std::string inC = W(nullptr, 99, "%S", u"\u00e9");
+  uselocale(old);
+  freelocale(latin1);
+  EXPECT_EQ("1:\xe9", inLatin1);
+  EXPECT_EQ("\xfc", asprintfText);
+  EXPECT_EQ(kError, inC) << "the C locale's code set is ASCII";
+}
+
+// ---- Straight into a stream ------------------------------------------------------
+
+int streamPrintf(FILE* f, nlz_cs_t cs, const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  int n = nlz_vfprintf(f, cs, fmt, ap);
+  va_end(ap);
+  return n;
+}
+
+TEST(ZarPrintfStream, WritesWhatTheBufferWouldHold) {
+  nlz_cs_t u8 = nlz_cs_shared("UTF8");
+  char* text = nullptr;
+  size_t len = 0;
+  FILE* f = open_memstream(&text, &len);
+  ASSERT_NE(nullptr, f);
+  std::string big(300, 'z');
+  EXPECT_EQ(14, streamPrintf(f, u8, "%s-%05d|%-4x|", "ab", 42, 255u));
+  EXPECT_EQ(15, streamPrintf(f, u8, "[%6S|%-6S]", u"\u00e9\u00e9", u"\u00e9\u00e9"));
+  EXPECT_EQ(314, streamPrintf(f, u8, "%1$.3f %2$s %3$*4$.1Le", 2.5, big.c_str(), 1.0L, 3));
+  EXPECT_EQ(200, streamPrintf(f, u8, "%200.3f", 1.0));
+  EXPECT_EQ(-1, streamPrintf(f, u8, "%y"));
+  EXPECT_EQ(-1, streamPrintf(f, u8, "ok%S", u"\xDC00"));
+  fclose(f);
+  char want[1024];
+  int n = snprintf(want, sizeof want, "%s-%05d|%-4x|[  \u00e9\u00e9|\u00e9\u00e9  ]%.3f %s %.1Le%200.3fok",
+                   "ab", 42, 255u, 2.5, big.c_str(), 1.0L, 1.0);
+  EXPECT_EQ(std::string(want, static_cast<size_t>(n)), std::string(text, len));
+  free(text);
+}
+
+TEST(ZarPrintfStream, WriteFailureAndVsprintf) {
+  FILE* f = tmpfile();
+  ASSERT_NE(nullptr, f);
+  {
+    FaultPlan plan(fault::Op::kWrite, 2);
+    EXPECT_EQ(-1, streamPrintf(f, nullptr, "a%db%sc", 1, "x"));
+    EXPECT_EQ(1, plan.failures());
+  }
+  fclose(f);
+  char buf[8];
+  auto vs = [&](const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    int r = nlz_vsprintf(buf, sizeof buf, nlz_cs_shared("UTF8"), nullptr, fmt, ap);
+    va_end(ap);
+    return r;
+  };
+  EXPECT_EQ(9, vs("%s=%S", "key", u"\u00e9tat"));
+  EXPECT_STREQ("key=\u00e9t", buf);
 }
 
 }  // namespace

@@ -1,0 +1,152 @@
+// Formats of up to 10 conversions and 9 arguments allocate nothing: every
+// allocation of this test executable is counted, through the sanitizer's
+// allocation hooks in sanitized builds and by interposing malloc, calloc and
+// realloc otherwise.
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <atomic>
+#include <cstdarg>
+
+#include "core/zarprintf.h"
+#include "tests/testutil/testutil.h"
+#include "zar/printf.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define ZAR_TEST_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define ZAR_TEST_SANITIZED 1
+#endif
+#endif
+
+namespace {
+
+std::atomic<bool> gCounting{false};
+std::atomic<long> gAllocations{0};
+
+inline void countOne() {
+  if (gCounting.load(std::memory_order_relaxed)) gAllocations.fetch_add(1);
+}
+
+}  // namespace
+
+#ifdef ZAR_TEST_SANITIZED
+// The sanitizer runtimes own malloc; they call these hooks on every
+// allocation instead.
+extern "C" int __sanitizer_install_malloc_and_free_hooks(
+    void (*onAlloc)(const volatile void*, size_t), void (*onFree)(const volatile void*));
+
+namespace {
+void onAlloc(const volatile void*, size_t) { countOne(); }
+void onFree(const volatile void*) {}
+[[maybe_unused]] const int kHooked = __sanitizer_install_malloc_and_free_hooks(onAlloc, onFree);
+}  // namespace
+#else
+extern "C" {
+void* __libc_malloc(size_t);
+void* __libc_calloc(size_t, size_t);
+void* __libc_realloc(void*, size_t);
+
+void* malloc(size_t n) {
+  countOne();
+  return __libc_malloc(n);
+}
+void* calloc(size_t n, size_t size) {
+  countOne();
+  return __libc_calloc(n, size);
+}
+void* realloc(void* p, size_t n) {
+  countOne();
+  return __libc_realloc(p, n);
+}
+}  // extern "C"
+#endif
+
+namespace zar {
+namespace {
+
+struct Counts {
+  long heap;  // seen by the interposed allocator
+  long seam;  // seen by the library's allocation seam
+  bool operator==(const Counts&) const = default;
+};
+std::ostream& operator<<(std::ostream& os, const Counts& c) {
+  return os << "{heap " << c.heap << ", seam " << c.seam << "}";
+}
+
+template <class Fn>
+Counts allocationsOf(Fn fn) {
+  test::FaultPlan seam(fault::Op::kAlloc, 0);
+  gAllocations = 0;
+  gCounting = true;
+  fn();
+  gCounting = false;
+  return {gAllocations.load(), seam.calls()};
+}
+constexpr Counts kNone{0, 0};
+constexpr Counts kOne{1, 1};
+
+int streamPrintf(FILE* f, const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  int n = nlz_vfprintf(f, nullptr, fmt, ap);
+  va_end(ap);
+  return n;
+}
+
+TEST(ZarPrintfAlloc, SmallFormatsAllocateNothing) {
+  char buf[256];
+  void* p = buf;
+  const long double ld = 2.5L;
+  const struct {
+    const char* what;
+    int (*call)(char*, void*, long double);
+  } rows[] = {
+      {"%s-%d", [](char* b, void*, long double) { return zar_snprintf(b, 256, "%s-%d", "a", 7); }},
+      {"%-10s|%5d|%x", [](char* b, void*, long double) {
+         return zar_snprintf(b, 256, "%-10s|%5d|%x", "ab", 42, 255u);
+       }},
+      {"%2$s %1$s", [](char* b, void*, long double) { return zar_snprintf(b, 256, "%2$s %1$s", "a", "b"); }},
+      {"10 conversions, 9 arguments", [](char* b, void* q, long double l) {
+         return zar_snprintf(b, 256, "%d %i %u %x %s %c %p %e %Lg %%", 1, 2, 3u, 4u, "five", '6', q,
+                             8.0, l);
+       }},
+      {"9 named arguments", [](char* b, void*, long double) {
+         return zar_snprintf(b, 256, "%9$d%8$d%7$d%6$d%5$d%4$d%3$d%2$d%1$d%%", 1, 2, 3, 4, 5, 6, 7, 8, 9);
+       }},
+      {"star widths", [](char* b, void*, long double) {
+         return zar_snprintf(b, 256, "%*d|%.*s|%-*.*f|%lld", 5, 1, 2, "abc", 9, 3, 1.5, 7LL);
+       }},
+      {"huge float", [](char* b, void*, long double) { return zar_snprintf(b, 256, "%f", 1e300); }},
+  };
+  for (const auto& r : rows) {
+    int n = 0;
+    EXPECT_EQ(kNone, allocationsOf([&] { n = r.call(buf, p, ld); })) << r.what;
+    EXPECT_GT(n, 0) << r.what;
+  }
+  // Straight into a stream (after a first write has given it its buffer).
+  FILE* f = tmpfile();
+  ASSERT_NE(nullptr, f);
+  ASSERT_EQ(3, streamPrintf(f, "%s", "abc"));
+  EXPECT_EQ(kNone, allocationsOf([&] { streamPrintf(f, "%s-%5d|%x|%.2f", "a", 7, 255u, 2.5); }));
+  fclose(f);
+}
+
+TEST(ZarPrintfAlloc, TheCountsSeeTheHeapArraysAndTheResult) {
+  char buf[64];
+  EXPECT_EQ(kOne, allocationsOf([&] { zar_snprintf(buf, sizeof buf, "%%%%%%%%%%%%%%%%%%%%%%"); }))
+      << "11 conversions";
+  EXPECT_EQ(kOne, allocationsOf([&] {
+              zar_snprintf(buf, sizeof buf, "%d%d%d%d%d%d%d%d%d%d", 1, 2, 3, 4, 5, 6, 7, 8, 9, 10);
+            }))
+      << "10 arguments";
+  char* out = nullptr;
+  EXPECT_EQ(kOne, allocationsOf([&] { zar_asprintf(&out, "%s-%d", "a", 7); })) << "the result";
+  zar_asprintf_free(out);
+}
+
+}  // namespace
+}  // namespace zar

@@ -10,6 +10,7 @@
 // text after the lock is released; it neither allocates nor reads files.
 #include "core/svcutl/utczone.h"
 
+#include <assert.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <stdlib.h>
@@ -332,7 +333,7 @@ int tzload(ZoneData* sp, const char* name) {
   return tzloadBuffer(sp, buf, static_cast<size_t>(got));
 }
 
-int tzparse(ZoneData* sp, const char* name, bool lastditch) {
+int tzparse(ZoneData* sp, const char* name, bool lastditch, const char* rulesZone) {
   if (name == nullptr) return -1;
   const char* stdName = name;
   if (lastditch) {
@@ -354,7 +355,7 @@ int tzparse(ZoneData* sp, const char* name, bool lastditch) {
   }
   // The zone "posixrules" supplies the transitions of a daylight-saving name
   // given without rules.
-  const bool haveRulesZone = tzload(sp, kRulesZone) == 0;
+  const bool haveRulesZone = tzload(sp, rulesZone) == 0;
 
   if (*name == '\0') {
     sp->timecnt = 0;
@@ -412,6 +413,26 @@ int tzparse(ZoneData* sp, const char* name, bool lastditch) {
   setNames(sp, stdName, stdLen, dstName, dstLen);
   finishZone(sp);
   return 0;
+}
+
+bool zoneIsValid(const ZoneData& sp) {
+  if (sp.typecnt < 1 || sp.typecnt > kMaxTypes || sp.timecnt < 0 || sp.timecnt > kMaxTimes ||
+      sp.charcnt < 1 || sp.charcnt > kMaxChars || sp.chars[sp.charcnt - 1] != '\0' ||
+      sp.defaultType < 0 || sp.defaultType >= sp.typecnt) {
+    return false;
+  }
+  for (int i = 0; i < sp.timecnt; ++i) {
+    if (sp.types[i] >= sp.typecnt) return false;
+    if (i > 0 && sp.sorted && sp.ats[i] < sp.ats[i - 1]) return false;
+  }
+  for (int i = 0; i < sp.typecnt; ++i) {
+    const ZoneType& tt = sp.ttis[i];
+    if (tt.abbrIndex < 0 || tt.abbrIndex >= sp.charcnt || (tt.isdst != 0 && tt.isdst != 1) ||
+        (tt.isStd != 0 && tt.isStd != 1)) {
+      return false;
+    }
+  }
+  return true;
 }
 
 const ZoneType& lookupType(const ZoneData& sp, int64_t t) {
@@ -491,10 +512,12 @@ __attribute__((noinline)) void rebuildZone(const char* tz) {
   gZone.lclIsSet = true;
   if (tz == nullptr) {
     loadDefaultZone(&gZone.data);
+    assert(zoneIsValid(gZone.data));
     return;
   }
   gZone.prevTz = mem::strDup(tz);
   loadZoneFromTz(&gZone.data, tz);
+  assert(zoneIsValid(gZone.data));
 }
 
 // Brings the state up to date with TZ. REQUIRES: gZone.mu.

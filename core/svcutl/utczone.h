@@ -62,11 +62,17 @@ int tzloadBuffer(ZoneData* sp, const unsigned char* buf, size_t len);
 int tzload(ZoneData* sp, const char* name);
 
 // Builds sp from a POSIX rule string; lastditch makes a zone of offset 0 named
-// after the first 100 bytes of the whole string. Returns 0 or -1.
-int tzparse(ZoneData* sp, const char* name, bool lastditch);
+// after the first 100 bytes of the whole string. A daylight-saving name
+// without rules takes the transitions of the zone file rulesZone (normally
+// "posixrules"; tests name another). Returns 0 or -1.
+int tzparse(ZoneData* sp, const char* name, bool lastditch, const char* rulesZone = kRulesZone);
 
 // One type, offset 0, not daylight-saving time, abbreviation "GMT".
 void setGmt(ZoneData* sp);
+
+// Whether sp satisfies the ZoneData invariants (what every successful load
+// or parse leaves behind).
+bool zoneIsValid(const ZoneData& sp);
 
 // The type in force at t seconds since 1970 UTC.
 const ZoneType& lookupType(const ZoneData& sp, int64_t t);

@@ -21,6 +21,7 @@
 #include "zar/export.h"
 #include "zar/status.h"
 #include "zar/nls.h"
+#include "zar/msg.h"
 #include "zar/svc.h"
 #include "zar/printf.h"
 #include "zar/uuid.h"

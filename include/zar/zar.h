@@ -24,6 +24,8 @@
 #include "zar/msg.h"
 #include "zar/svc.h"
 #include "zar/printf.h"
+#include "zar/msgprintf.h"
+#include "zar/msginit.h"
 #include "zar/uuid.h"
 #include "zar/paths.h"
 #include "zar/thread.h"

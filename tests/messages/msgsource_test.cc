@@ -3,8 +3,10 @@
 // format, numbers and counts, identifiers, printf conversions the library's
 // engine accepts, a text for every status code the library returns, and
 // translations that match their English originals.
+#include <nl_types.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <string.h>
 
 #include <map>
 #include <ostream>
@@ -13,6 +15,7 @@
 #include <vector>
 
 #include "tests/testutil/testutil.h"
+#include "zar/msg.h"
 #include "zar/status.h"
 
 namespace zar {
@@ -253,9 +256,17 @@ TEST(MessageSource, CarriesTheFixedTexts) {
   }
 }
 
+// Component names are three letters of this alphabet, read in base 40.
+const char kAlphabet[] = "abcdefghijklmnopqrstuvwxyz_0123456789-+@";
+
+int componentCode(const std::string& name) {
+  int code = 0;
+  for (char c : name) code = code * 40 + static_cast<int>(strchr(kAlphabet, c) - kAlphabet);
+  return code;
+}
+
 // Component name of a status code: three base-40 letters in bits 27..12.
 std::string componentOf(uint32_t code) {
-  static const char kAlphabet[] = "abcdefghijklmnopqrstuvwxyz_0123456789-+@";
   uint32_t c = (code >> 12) & 0xFFFF;
   return {kAlphabet[c / 1600], kAlphabet[(c / 40) % 40], kAlphabet[c % 40]};
 }
@@ -328,6 +339,62 @@ TEST(MessageSource, GermanTranslationsMatchTheirOriginals) {
         EXPECT_TRUE(latin1) << "not UTF-8 of a Latin-1 character at byte " << i;
         ++i;
       }
+    }
+  }
+}
+
+// The UTF-8 text in ISO-8859-1 (the translations hold Latin-1 characters only).
+std::string toLatin1(const std::string& utf8) {
+  std::string out;
+  for (size_t i = 0; i < utf8.size(); ++i) {
+    unsigned char c = utf8[i];
+    if (c < 0x80 || i + 1 == utf8.size()) {
+      out += static_cast<char>(c);
+    } else {
+      out += static_cast<char>(((c & 0x03) << 6) | (utf8[++i] & 0x3F));
+    }
+  }
+  return out;
+}
+
+// What the build made from the sources: every technology-3 text is in the
+// compiled tables, and every text is in the catalogs of each locale, the
+// German ones in that locale's code set (translated texts over English ones).
+TEST(MessageSource, BuildsIntoTheCompiledTablesAndTheCatalogs) {
+  const struct {
+    const char* locale;
+    const char* translation;  // null: English only
+    bool latin1;
+  } kLocales[] = {{"C", nullptr, false},
+                  {"de_DE.UTF-8", "de", false},
+                  {"de_DE.ISO-8859-1", "de", true}};
+  for (const FileRow& row : kFiles) {
+    Source en = parseSource(messagesDir() + row.name + ".msg");
+    uint32_t base = (static_cast<uint32_t>(std::stoul(row.technology)) << 28) |
+                    (static_cast<uint32_t>(componentCode(row.name)) << 12);
+    if (row.table != nullptr) {
+      for (const Message& m : en.messages) {
+        unsigned long st = 0;
+        const char* text = zar_msg_get_default_msg(base | m.number, &st);
+        EXPECT_STREQ(m.text.c_str(), text) << row.name << " " << m.number;
+      }
+    }
+    for (const auto& loc : kLocales) {
+      std::map<int, std::string> want;
+      for (const Message& m : en.messages) want[m.number] = m.text;
+      std::string de =
+          loc.translation ? messagesDir() + loc.translation + "/" + row.name + ".msg" : "";
+      if (!de.empty() && test::fileExists(de)) {
+        for (const Message& m : parseSource(de).messages)
+          want[m.number] = loc.latin1 ? toLatin1(m.text) : m.text;
+      }
+      std::string cat = test::buildDir() + "/nls/msg/" + loc.locale + "/" +
+                        (row.table ? "kp" : "kpb") + row.name + ".cat";
+      nl_catd catd = catopen(cat.c_str(), 0);
+      ASSERT_NE(reinterpret_cast<nl_catd>(-1), catd) << cat;
+      for (const auto& [number, text] : want)
+        EXPECT_EQ(text, catgets(catd, 1, number, "?NOPE?")) << cat << " " << number;
+      catclose(catd);
     }
   }
 }

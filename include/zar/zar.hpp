@@ -6,4 +6,8 @@
 
 #include "zar/zar.h"
 
+#include "zar/string.hpp"
+#include "zar/hashtable.hpp"
+#include "zar/msgcache.hpp"
+
 #endif  // ZAR_ZAR_HPP

@@ -1,0 +1,120 @@
+// ZARMsgCache: one fetch per id, sorted chains shared by ids with the same
+// remainder, hand-over of texts already cached, ids cached without a text,
+// and threads that ask for the same ids at once.
+#include "zar/msgcache.hpp"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "tests/testutil/stress.h"
+#include "tests/testutil/testutil.h"
+#include "zar/msg.h"
+
+namespace {
+
+using zar::fault::Op;
+using zar::test::FaultPlan;
+
+std::string unknownText(unsigned id) {
+  char buf[64];
+  snprintf(buf, sizeof buf, "Unknown message number 0x%8.8x", id);
+  return buf;
+}
+
+TEST(ZARMsgCache, FetchesOnceThenServesTheSamePointer) {
+  ZARMsgCache cache;
+  const char* first = cache.getMessage(0x38C52097u);
+  ASSERT_NE(nullptr, first);
+  unsigned long st = 0;
+  char* direct = zar_msg_get_msg(0x38C52097u, &st);
+  EXPECT_STREQ(direct, first);
+  free(direct);
+  // Every allocation fails from now on: only a cached text can still come back.
+  FaultPlan fail(Op::kAlloc, 1, /*sticky=*/true);
+  EXPECT_EQ(first, cache.getMessage(0x38C52097u));
+  EXPECT_EQ(0, fail.calls());
+  EXPECT_EQ(nullptr, cache.getMessage(0x38C52096u));
+}
+
+// Ids 5, 102 and 199 share one chain (remainder 5 of 97); whatever order they
+// are cached in, each is found, and an uncached neighbour is not.
+struct ChainCase {
+  const char* name;
+  std::vector<unsigned> cached;
+};
+
+class SharedChain : public ::testing::TestWithParam<ChainCase> {};
+
+TEST_P(SharedChain, FindsEveryIdAndNoOther) {
+  ZARMsgCache cache;
+  std::map<unsigned, const char*> got;
+  for (unsigned id : GetParam().cached) {
+    EXPECT_EQ(nullptr, cache.searchHashTable(id));
+    got[id] = cache.getMessage(id);
+    ASSERT_NE(nullptr, got[id]);
+    EXPECT_EQ(unknownText(id), got[id]);
+  }
+  for (const auto& [id, text] : got) EXPECT_EQ(text, cache.searchHashTable(id));
+  EXPECT_EQ(nullptr, cache.searchHashTable(296));  // 296 % 97 == 5 as well
+  EXPECT_EQ(nullptr, cache.searchHashTable(6));
+}
+
+INSTANTIATE_TEST_SUITE_P(ZARMsgCache, SharedChain,
+                         ::testing::Values(ChainCase{"OnlyTheLarger", {102}},
+                                           ChainCase{"SmallerAfterLarger", {102, 5}},
+                                           ChainCase{"Mixed", {102, 5, 199}},
+                                           ChainCase{"Descending", {199, 102, 5}},
+                                           ChainCase{"Ascending", {5, 102, 199}}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(ZARMsgCache, AddingACachedIdHandsBackTheCachedText) {
+  ZARMsgCache cache;
+  char* mine = strdup("first");
+  ASSERT_EQ(0, cache.addToHashTable(42, &mine));
+  const char* cached = mine;
+  char* again = strdup("second");  // freed by the cache (a leak would show under ASan)
+  ASSERT_EQ(0, cache.addToHashTable(42, &again));
+  EXPECT_EQ(cached, again);
+  EXPECT_EQ(cached, cache.getMessage(42));
+  EXPECT_STREQ("first", cache.searchHashTable(42));
+}
+
+TEST(ZARMsgCache, IdCachedWithoutATextStaysWithoutOne) {
+  ZARMsgCache cache;
+  char* none = nullptr;
+  ASSERT_EQ(0, cache.addToHashTable(7, &none));
+  EXPECT_EQ(nullptr, cache.searchHashTable(7));
+  // Each request fetches again, discards the fetched text and answers null.
+  EXPECT_EQ(nullptr, cache.getMessage(7));
+  EXPECT_EQ(nullptr, cache.getMessage(7));
+}
+
+TEST(ZARMsgCache, ThreadsAskingTheSameIdsGetTheSamePointers) {
+  constexpr int kThreads = 4;
+  constexpr unsigned kIds = 40;  // all in one chain: 1000 + k * 97
+  for (int round = 0; round < 20; ++round) {
+    ZARMsgCache cache;
+    std::vector<std::vector<const char*>> seen(kThreads, std::vector<const char*>(kIds));
+    zar::test::runConcurrently(kThreads, [&](int t) -> long {
+      // Overlapping ranges walked in different directions and from different offsets.
+      for (unsigned i = 0; i < kIds; ++i) {
+        unsigned k = (t % 2 == 0) ? (i + static_cast<unsigned>(t) * 5) % kIds : kIds - 1 - i;
+        seen[static_cast<size_t>(t)][k] = cache.getMessage(1000 + k * 97);
+      }
+      return 0;
+    });
+    for (unsigned k = 0; k < kIds; ++k) {
+      ASSERT_NE(nullptr, seen[0][k]);
+      EXPECT_EQ(unknownText(1000 + k * 97), seen[0][k]);
+      for (int t = 1; t < kThreads; ++t) ASSERT_EQ(seen[0][k], seen[static_cast<size_t>(t)][k]);
+    }
+  }
+}
+
+}  // namespace

@@ -1,3 +1,5 @@
 # Peer libraries of the benchmarks, linked per benchmark executable.
 find_package(OpenSSL REQUIRED COMPONENTS Crypto)
 target_link_libraries(base64_bench PRIVATE OpenSSL::Crypto)
+# Message texts: the peer is the system's catgets on the catalogs of this build.
+target_compile_definitions(msg_bench PRIVATE ZAR_BENCH_NLS_DIR="${ZAR_NLS_BUILD_DIR}")

@@ -62,6 +62,10 @@ struct nlz_cat_s {
   size_t textsLen = 0;
   Entry* index = nullptr;  // sorted by (set, msg)
   uint32_t count = 0;
+  // Direct index of set 1 (where every message text is): set1[msg] is the
+  // position in index plus 1, 0 when absent; set1Len entries.
+  uint32_t* set1 = nullptr;
+  uint32_t set1Len = 0;
   char* path = nullptr;
   nlz_cs_t cs = nullptr;  // shared handle of the catalog's code set, or null
   pthread_mutex_t mu = PTHREAD_MUTEX_INITIALIZER;
@@ -85,6 +89,7 @@ void destroyCat(nlz_cat_s* c) {
   }
   zar::mem::free(c->data);
   zar::mem::free(c->index);
+  zar::mem::free(c->set1);
   zar::mem::free(c->path);
   pthread_mutex_destroy(&c->mu);
   zar::mem::destroy(c);
@@ -185,10 +190,28 @@ bool parse(nlz_cat_s* c, size_t len) {
   });
   c->index = idx;
   c->count = n;
+  // Set 1 gets a direct index when its numbers are those of status codes.
+  uint32_t maxNum = 0;
+  for (uint32_t i = 0; i < n && idx[i].set <= 1; ++i)
+    if (idx[i].set == 1 && idx[i].msg > maxNum) maxNum = idx[i].msg;
+  if (maxNum > 0 && maxNum <= 0x3FFF) {
+    c->set1 = static_cast<uint32_t*>(zar::mem::allocZero(maxNum + 1, sizeof(uint32_t)));
+    if (c->set1 == nullptr) {
+      errno = ENOMEM;
+      return false;
+    }
+    c->set1Len = maxNum + 1;
+    for (uint32_t i = n; i-- > 0;)  // the first of duplicates wins
+      if (idx[i].set == 1) c->set1[idx[i].msg] = i + 1;
+  }
   return true;
 }
 
 const Entry* find(const nlz_cat_s* c, uint32_t set, uint32_t msg) {
+  if (set == 1 && c->set1 != nullptr) {
+    if (msg >= c->set1Len || c->set1[msg] == 0) return nullptr;
+    return &c->index[c->set1[msg] - 1];
+  }
   uint32_t lo = 0;
   uint32_t hi = c->count;
   while (lo < hi) {

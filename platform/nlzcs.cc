@@ -73,6 +73,7 @@ constexpr const char* kUtf16Host = "UTF-16BE";
 // starts a longer one, -1 when no character starts with it.
 struct zar_codeset_s {
   char name[kNameMax];       // normalised name shown to callers
+  const char* id;            // interned copy of name: equal names, equal pointers
   char iconvName[kNameMax];  // name iconv is asked for
   bool utf8;
   bool asciiTransparent;     // bytes 0x01..0x7F are the ASCII characters
@@ -312,6 +313,25 @@ bool probe(zar_codeset_s* cs) {
   return true;
 }
 
+// ---- Interned names ---------------------------------------------------------------
+
+// Normalised names are interned so that two handles of one code set compare
+// by pointer. Invariants: gNames[0..gNameCount) are never changed or freed.
+constexpr int kNamesMax = 128;
+pthread_mutex_t gNamesMu = PTHREAD_MUTEX_INITIALIZER;
+char gNames[kNamesMax][kNameMax];  // guarded by gNamesMu
+int gNameCount = 0;                // guarded by gNamesMu
+
+// The interned copy of a normalised name, or null when the table is full.
+const char* intern(const char* name) {
+  zar::MutexLock lock(&gNamesMu);
+  for (int i = 0; i < gNameCount; ++i)
+    if (strcmp(gNames[i], name) == 0) return gNames[i];
+  if (gNameCount == kNamesMax) return nullptr;
+  strcpy(gNames[gNameCount], name);
+  return gNames[gNameCount++];
+}
+
 // ---- Shared handles and the thread's code set ------------------------------------
 
 // Invariants: gShared[0..gSharedCount) are handles made by nlz_cs_new, never
@@ -364,6 +384,7 @@ nlz_cs_t nlz_cs_new(const char* name) {
     return nullptr;
   }
   strcpy(cs->name, norm);
+  cs->id = intern(norm);
   strcpy(cs->iconvName, forIconv);
   cs->utf8 = strcmp(norm, "UTF-8") == 0;
   if (!probe(cs)) {
@@ -406,6 +427,7 @@ int nlz_cs_same(nlz_cs_t a, nlz_cs_t b) {
   b = resolve(b);
   if (a == b) return 1;
   if (a == nullptr || b == nullptr) return 0;
+  if (a->id != nullptr && b->id != nullptr) return a->id == b->id ? 1 : 0;
   return strcmp(a->name, b->name) == 0 ? 1 : 0;
 }
 

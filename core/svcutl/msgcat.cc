@@ -111,14 +111,25 @@ void debugLines(const char* name, uint32_t status) {
   fprintf(stderr, "catopen(%s) status = %8.8lx\n", name, static_cast<unsigned long>(status));
 }
 
+// Copies a text out of an entry while the catalog lock is held.
+struct Reader {
+  nlz_cs_t cs;      // code set wanted (null: as it is)
+  char* text;       // the copy, or null
+};
+char* copyText(zar_msg_cat_s* e, uint32_t code, nlz_cs_t cs, unsigned long* status);
+
 // Finds or opens the catalog of code for locale (null: the thread's current)
-// in the row of flags. Returns it with a reference for the caller, or null.
-zar_msg_cat_s* openCatalog(uint32_t code, const char* locale, int flags, unsigned long* status) {
+// in the row of flags. Without a reader, returns it with a reference for the
+// caller; with one, copies the text of code out under the lock instead (no
+// reference is taken, which keeps the common lookup short) and returns the
+// entry only as a success mark, not to be used. Null on failure.
+zar_msg_cat_s* openCatalog(uint32_t code, const char* locale, int flags, unsigned long* status,
+                           Reader* reader = nullptr) {
   zar::setStatus(status, ZAR_S_OK);
-  char name[32];
+  // The names are made only on a miss; a hit needs the mask alone.
+  char name[32] = "";
   char fallback[32];
-  uint32_t mask;
-  catalogName(code, name, sizeof name, fallback, sizeof fallback, &mask);
+  uint32_t mask = ((code >> 28) == 4 || (code >> 28) == 5) ? 0x3FFF : 0xFFF;
   if (locale != nullptr && strcmp(locale, zarsvc_get_locale_name()) == 0) locale = nullptr;
   if (!zar::msg::ensureInit()) {
     zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
@@ -127,6 +138,8 @@ zar_msg_cat_s* openCatalog(uint32_t code, const char* locale, int flags, unsigne
   zar_msg_cat_s* result = nullptr;
   uint32_t st = ZAR_S_OK;
   const char* opened = name;
+  char debugName[40] = "";
+  uint32_t openSt = ZAR_S_OK;
   {
     zar::MutexLock lock(&zar_msgcat_g_mutex);
     zar_msg_cat_s** row = catCache[(flags & 7) >> 1];
@@ -135,12 +148,13 @@ zar_msg_cat_s* openCatalog(uint32_t code, const char* locale, int flags, unsigne
       if (e->base != (code & ~e->mask) || !sameLocale(e->locale, locale)) continue;
       for (int j = k; j > 0; --j) row[j] = row[j - 1];
       row[0] = e;
-      e->refs.fetch_add(1, std::memory_order_relaxed);
+      if (reader == nullptr) e->refs.fetch_add(1, std::memory_order_relaxed);
       result = e;
       opened = e->name;
       break;
     }
     if (result == nullptr) {
+      catalogName(code, name, sizeof name, fallback, sizeof fallback, &mask);
       nlz_loc_t made = nullptr;
       nlz_loc_t loc;
       if (locale != nullptr) {
@@ -192,7 +206,7 @@ zar_msg_cat_s* openCatalog(uint32_t code, const char* locale, int flags, unsigne
           e->sysCs = sysCs;
           e->locale = locCopy;
           e->name = nameCopy;
-          e->refs.store(2, std::memory_order_relaxed);  // the cache's and the caller's
+          e->refs.store(reader == nullptr ? 2 : 1, std::memory_order_relaxed);
           e->pinned.store(false, std::memory_order_relaxed);
           e->nextKept = nullptr;
           if (row[kSlots - 1] != nullptr) {
@@ -211,9 +225,17 @@ zar_msg_cat_s* openCatalog(uint32_t code, const char* locale, int flags, unsigne
         }
       }
     }
+    openSt = st;
+    if (result != nullptr && reader != nullptr) {
+      unsigned long readStatus = ZAR_S_OK;
+      reader->text = copyText(result, code, reader->cs, &readStatus);
+      st = static_cast<uint32_t>(readStatus);
+    }
+    if (zar::msg::debugCatalogs()) snprintf(debugName, sizeof debugName, "%s", opened);
   }
+  if (reader != nullptr && st != ZAR_S_OK) result = nullptr;
   zar::setStatus(status, st);
-  debugLines(opened, st);
+  debugLines(debugName, openSt);
   return result;
 }
 
@@ -222,7 +244,7 @@ const char* rawText(zar_msg_cat_s* e, uint32_t code) {
   int num = static_cast<int>(code & e->mask);
   const char* t = e->cat != nullptr ? nlz_catgets(e->cat, 1, num, kNope, nullptr)
                                     : catgets(e->sysCat, 1, num, kNope);
-  return (t == nullptr || strcmp(t, kNope) == 0) ? nullptr : t;
+  return (t == nullptr || t == kNope) ? nullptr : t;  // the default comes back as given
 }
 
 // A new copy of the text of code in an entry converted into cs (null: as it
@@ -237,7 +259,7 @@ char* copyText(zar_msg_cat_s* e, uint32_t code, nlz_cs_t cs, unsigned long* stat
     // A catalog only the system could open: its texts are in the code set of
     // the locale it was opened for; convert through UTF-8 when asked.
     t = catgets(e->sysCat, 1, num, kNope);
-    if (t != nullptr && strcmp(t, kNope) != 0 && cs != nullptr && e->sysCs != nullptr &&
+    if (t != nullptr && t != kNope && cs != nullptr && e->sysCs != nullptr &&
         !nlz_cs_same(cs, e->sysCs)) {
       int len = static_cast<int>(strnlen(t, 1 << 20));
       int room = len * 4 + 16;
@@ -255,7 +277,7 @@ char* copyText(zar_msg_cat_s* e, uint32_t code, nlz_cs_t cs, unsigned long* stat
       return converted;
     }
   }
-  if (t == nullptr || strcmp(t, kNope) == 0) {
+  if (t == nullptr || t == kNope) {
     zar::setStatus(status, ZAR_S_MSG_NOT_IN_CATALOG);
     return nullptr;
   }
@@ -272,11 +294,9 @@ char* zar::msg::copyCatalogText(uint32_t code, unsigned long* status) {
     return nullptr;
   }
   if (code == 0) code = ZAR_S_MSG_SUCCESS_TEXT;
-  zar_msg_cat_s* e = openCatalog(code, nullptr, 0, status);
-  if (e == nullptr) return nullptr;
-  char* text = copyText(e, code, zarsvc_get_local_code_page(), status);
-  unref(e);
-  return text;
+  Reader reader{zarsvc_get_local_code_page(), nullptr};
+  openCatalog(code, nullptr, 0, status, &reader);
+  return reader.text;
 }
 
 zar_msg_cat_handle_t zar_msg_cat_open(uint32_t code, unsigned long* status) {
@@ -346,11 +366,9 @@ char* zar_msg_get_locale_cat_msg(uint32_t code, const char* locale, const char* 
     zar::setStatus(status, ZAR_S_MSG_BAD_OPEN_TYPE);
   } else {
     zar::MutexLock lock(&zar_msg_g_mutex);
-    zar_msg_cat_s* e = openCatalog(code, locale, kFlags[openType], status);
-    if (e != nullptr) {
-      text = copyText(e, code, cs, status);
-      unref(e);
-    }
+    Reader reader{cs, nullptr};
+    openCatalog(code, locale, kFlags[openType], status, &reader);
+    text = reader.text;
   }
   nlz_cs_free(made);
   return text;

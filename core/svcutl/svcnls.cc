@@ -47,6 +47,10 @@ struct NlsState {
 
 NlsState gNls;
 
+// The calling thread's cell, also kept under the key (whose destructor frees
+// it); read first because it is cheaper than pthread_getspecific.
+thread_local struct CodePageCell* tCodePageCell = nullptr;
+
 // What a thread keeps under the code-page key: its handle, possibly null
 // (then the thread does not try again).
 struct CodePageCell {
@@ -57,6 +61,7 @@ void freeLocale(void* p) { nlz_loc_free(static_cast<nlz_loc_t>(p)); }
 
 void freeCodePageCell(void* p) {
   CodePageCell* cell = static_cast<CodePageCell*>(p);
+  if (tCodePageCell == cell) tCodePageCell = nullptr;  // runs in the exiting thread
   nlz_cs_free(cell->cs);
   mem::free(cell);
 }
@@ -123,6 +128,7 @@ zar_locale_t zarsvc_get_locale(void) {
 }
 
 zar_codeset_t zarsvc_get_local_code_page(void) {
+  if (zar::svc::tCodePageCell != nullptr) return zar::svc::tCodePageCell->cs;
   pthread_once(&gNls.codePageOnce, zar::svc::initCodePage);
   if (!gNls.codePageKeyMade) return nullptr;
   auto* cell = static_cast<zar::svc::CodePageCell*>(pthread_getspecific(gNls.codePageKey));
@@ -138,6 +144,7 @@ zar_codeset_t zarsvc_get_local_code_page(void) {
     zar::svc::freeCodePageCell(cell);
     return nullptr;
   }
+  zar::svc::tCodePageCell = cell;
   return cell->cs;
 }
 

@@ -1,14 +1,50 @@
+// Internal consistency checks: a failed check is a FATAL record that aborts
+// the process.
 #include "core/svcutl/dceassert.h"
 
-#include <stdlib.h>
+#include <pthread.h>
 
-#include "core/rawlog.h"
+#include "core/svcutl/svcint.h"
 
-// Minimal assertion path used until the serviceability printer reports
-// assertions as FATAL records: one raw line on standard error, then abort.
-extern "C" void zar___assert(struct zar_svc_handle_s* /*handle*/, const char* expr,
-                             const char* file, int line) {
-  zar::rawLog("FATAL dce assert: assertion failed: %s (%s, line %d)\n", expr ? expr : "?",
-              file ? file : "?", line);
-  abort();
+namespace {
+
+constexpr const char* kRecordFile = "core/svcutl/dceassert";
+// Assertion records show this module and this line; the failing check's own
+// file and line are arguments of the message.
+constexpr int kRecordLine = 54;
+// "%s%s%d": the expression, the file and the line of the failing check.
+constexpr uint32_t kAssertMessage = 0x106521FA;
+constexpr uint32_t kAssertAttributes = svc_c_sev_fatal | svc_c_action_abort;
+
+// The component of checks that have no handle of their own: registered once,
+// at the first such failure, and never unregistered.
+zar_svc_subcomp gAssertTable[] = {{"assert", "DCE assertion failures", 0, 0},
+                                  {nullptr, nullptr, 0, 0}};
+zar_svc_handle gAssertHandle = nullptr;
+pthread_once_t gAssertOnce = PTHREAD_ONCE_INIT;
+
+void registerAssertComponent() {
+  unsigned long st = 0;
+  gAssertHandle = zar::svc::heldByThisThread()
+                      ? zar::svc::registerLocked(gAssertTable, "dce", &st)
+                      : zar_svc_register(gAssertTable, "dce", &st);
+}
+
+}  // namespace
+
+extern "C" void zar___assert(struct zar_svc_handle_s* handle, const char* expr, const char* file,
+                             int line) {
+  if (handle == nullptr) {
+    pthread_once(&gAssertOnce, registerAssertComponent);
+    handle = gAssertHandle;
+  }
+  // A check inside the serviceability fails with the mutex held; its record
+  // is printed without taking it again.
+  if (zar::svc::heldByThisThread()) {
+    zar::svc::printHeld(handle, kRecordFile, kRecordLine, "%s%s%d", 0, kAssertAttributes,
+                        kAssertMessage, expr, file, line);
+  } else {
+    zar_svc_printf_withfile(handle, kRecordFile, kRecordLine, "%s%s%d", 0, kAssertAttributes,
+                            kAssertMessage, expr, file, line);
+  }
 }

@@ -18,6 +18,8 @@
 
 #include <atomic>
 
+#include "core/zarprintf.h"
+#include "platform/nlz.h"
 #include "zar/svc.h"
 
 // ---- Routes --------------------------------------------------------------------
@@ -184,6 +186,75 @@ svc_route_list* goestoList(const char* name);
 
 }  // namespace zar::svc
 
+// ---- One print call ---------------------------------------------------------------------
+
+// The message of one print call, built on the caller's stack and released at
+// the end of the call (its destructor frees what it owns). Invariants: the
+// prolog counts as built once prolog.handle is set; text, converted and an
+// owned prolog.format are heap blocks of zar::mem; parsed is live (needs
+// zar_vsnprintf_done) exactly when parseState is 1.
+struct zar_svc_record {
+  zar_svc_record() = default;
+  ~zar_svc_record();
+  zar_svc_record(const zar_svc_record&) = delete;
+  zar_svc_record& operator=(const zar_svc_record&) = delete;
+
+  bool utf8Source = false;     // text and string arguments are UTF-8 (else the local code set)
+  bool codeSetsKnown = false;  // sourceCs and otherCs have been fetched
+  nlz_cs_t sourceCs = nullptr; // code set of the text and its string arguments
+  nlz_cs_t otherCs = nullptr;  // code set the converting routes need
+  int32_t textLength = 0;
+  char* text = nullptr;        // owned: an already formatted text, or null
+  int32_t convertedLength = 0;
+  char* converted = nullptr;   // owned: the formatted text in otherCs, made once
+  bool convertTried = false;   // converted has been attempted (it may have failed)
+  bool formatOwned = false;    // prolog.format is an owned copy
+  bool timeKnown = false;      // timeText holds the prolog's time
+  char timeText[50] = {};      // local time text of prolog.t
+  int parseState = 0;          // parsed: 0 not yet, 1 parsed, -1 the format is bad
+  zar::format::Context parsed; // the format with its arguments, in the default code set
+  zar_svc_prolog prolog = {};
+};
+
+namespace zar::svc {
+
+// Message texts and code sets as the printer needs them (svcmsg.cc).
+// messageText: the text of msgid in the local code set (catalog of the
+// user's locale, else the compiled table, else "Unknown message number"), a
+// new block, null only when memory is short. messageTextUtf8: the catalog
+// text in UTF-8, else a copy of the compiled text, else null.
+char* messageText(uint32_t msgid);
+char* messageTextUtf8(uint32_t msgid);
+// The calling thread's local code page and the UTF-8 code set (either may be
+// null when it cannot be made).
+nlz_cs_t localCodePage();
+nlz_cs_t utf8CodeSet();
+// Technology tag ("kp", "dce", "???") and component name ("wsc") of a code.
+void techTag(uint32_t code, char tag[4]);
+void componentName(uint32_t code, char name[4]);
+
+// Fills the prolog of a severity message (and the record's code sets and
+// message text). cs non-null: the text is UTF-8 from the catalog, else the
+// compiled text; null: the local text of zar_msg_get_msg. Mutex held.
+void buildProlog(zar_svc_record* record, zar_svc_handle handle, zar_codeset_t cs,
+                 const char* file, int line, const char* argtypes, uint32_t subcomp,
+                 uint32_t attributes, uint32_t msgid);
+
+// Writes the record to every route of list, in order, as each route's kind
+// needs; GOESTO routes continue with the list they name (a list already
+// visited in this call is skipped). buildProlog is called through the given
+// builder the first time a route writes. Mutex held.
+using PrologBuilder = void (*)(zar_svc_record* record, void* context);
+void writeRoutes(zar_svc_record* record, svc_route_list* list, PrologBuilder build,
+                 void* buildContext, va_list args);
+
+// zar_svc_printf_withfile for code that already holds the mutex (an
+// assertion inside routing). Mutex held.
+void printHeld(zar_svc_handle handle, const char* file, int line, const char* argtypes,
+               uint32_t subcomp, uint32_t attributes, uint32_t msgid, ...);
+
+}  // namespace zar::svc
+
 // ---- Internal steps (mutex held unless stated) ------------------------------------------
 
 extern "C" {
@@ -209,6 +280,17 @@ const char* zar_svc__get(const char* name);
 void zar_svc__store(const char* text, int32_t kind, unsigned long* status);
 bool checkWildCardLogRoute(const char* value);
 bool checkWildCardTraceRoute(const char* value);
+
+// Printing (svcprint.cc). newline 1 ends a text prefix with a line break
+// (standard streams), 0 with a blank (files). convert 1 makes the converting
+// printer write the text converted into the record's other code set.
+void zar_svc__vfprintf(FILE* stream, zar_svc_record* record, int newline, va_list args);
+void zar_svc__vfprintf2(FILE* stream, zar_svc_record* record, int newline, int convert,
+                        va_list args);
+// Whole-file write lock, then cancellation off; returns the previous
+// cancellation state. A lock that cannot be had (a pipe) stops nothing.
+int zar_svc__lock_for_write(int fd);
+void zar_svc__unlock_for_write(int fd, int previousCancelState);
 
 // Log files and fork (svcfile.cc).
 void zar_svc__check_open(svc_route* route);

@@ -9,7 +9,6 @@
 
 #include <atomic>
 
-#include "core/rawlog.h"
 #include "core/zarlock.h"
 #include "core/zarmem.h"
 #include "core/zarstatus.h"
@@ -22,8 +21,6 @@ zar_codeset_t kp_zar_svc_utf8_cs = nullptr;
 
 namespace zar::svc {
 namespace {
-
-constexpr const char* kRecordName = "core/svcutl/svcnls";
 
 // Invariants: localeName is written once, inside localeOnce, before the
 // locale key exists; codePageName and processCodePage likewise inside
@@ -98,14 +95,6 @@ void initCodePage() {
 }
 
 }  // namespace
-
-void reportSystemRoutineFailure(const char* routine, int code) {
-  // The serviceability printer reports this on the client component; until a
-  // caller can reach it from every lock this layer is called under, the raw
-  // diagnostic path carries the same text.
-  rawLog("%s: XKJSC0156E   The %s system routine failed: system error code: %d\n", kRecordName,
-         routine, code);
-}
 
 }  // namespace zar::svc
 

@@ -106,6 +106,7 @@ void zar_svc__init_mutex(void) {
     gSvc.brief = static_cast<int32_t>(strtol(brief, nullptr, 10));
   }
   gSvc.setup.store(true, std::memory_order_release);
+  zar_svc_nls_init(nullptr);
 }
 
 void zar_svc__cleanup_mutex(void) {

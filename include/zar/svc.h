@@ -29,11 +29,13 @@
 #ifndef ZAR_SVC_H
 #define ZAR_SVC_H
 
+#include <pthread.h>
 #include <stdarg.h>
 #include <stdint.h>
 
 #include "zar/export.h"
 #include "zar/nls.h"
+#include "zar/utc.h"
 
 /* ---- The attribute word --------------------------------------------------
  * Bits 0-3: debug level 1 to 9 (0 for a severity message).
@@ -92,10 +94,24 @@ typedef struct zar_svc_route_list_s {
   struct zar_svc_route_s** routes; /* capacity slots, count of them in use */
 } svc_route_list;
 
-/* What one print call knows of its message (component, sub-component,
- * attributes, message id, time, source position, thread): handed to filters
- * and routes. */
-typedef struct zar_svc_prolog_s zar_svc_prolog;
+/* What one print call knows of its message: handed to filters (and to the
+ * routes an application registers). Read-only for them; valid during the
+ * call only. */
+typedef struct zar_svc_prolog_s {
+  struct zar_svc_handle_s* handle; /* the component's handle */
+  int version;                     /* 1 */
+  utc_t t;                         /* when the message was printed */
+  const char* argtypes;            /* the caller's argument types, e.g. "%s%d" */
+  uint32_t table_index;            /* sub-component index */
+  uint32_t attributes;             /* the attribute word */
+  uint32_t message_index;          /* the message id (status code); 0 for debug messages */
+  const char* format;              /* the message's text (its printf format), or null */
+  const char* file;                /* the caller's source file (last path component) */
+  char progname[32];               /* program name, or "PID#" and the process id */
+  int line;                        /* the caller's source line */
+  pthread_t thread_id;             /* the printing thread */
+  uint8_t xml;                     /* set while an XML record is being written */
+} zar_svc_prolog;
 
 /* A handle's message filter: called for every message printed through the
  * zar_svc_*printf* functions on that handle, before routing, with the

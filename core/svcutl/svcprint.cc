@@ -1,0 +1,954 @@
+// The printing pipeline: one print call looks its message text up and builds
+// its prolog once, then writes the record to every route of its severity in
+// the form the route's kind needs (a text record with its prefix, the text
+// converted to UTF-8, or an XML record), and finally takes the message's
+// abort or exit action.
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "core/svcutl/svcint.h"
+#include "core/zarlock.h"
+#include "core/zarmem.h"
+#include "platform/sysio.h"
+
+namespace zar::svc {
+namespace {
+
+// Longest message text of an XML record, in bytes of UTF-8.
+constexpr size_t kXmlTextLimit = 20000;
+// Room for one converted string of an XML Param line.
+constexpr int kParamTextLimit = 10000;
+// GOESTO chains longer than this many lists end the walk.
+constexpr int kMaxVisitedLists = 32;
+// The first buffer local_sprintf renders into.
+constexpr size_t kSprintfBuffer = 8192;
+
+// ---- Building a record's bytes ----------------------------------------------
+
+// Collects a record's bytes in a stack buffer and hands them to the stream in
+// as few writes as possible; longer output goes out in pieces.
+class OutBuf {
+ public:
+  explicit OutBuf(FILE* stream) : stream_(stream) {}
+  ~OutBuf() { flush(); }
+  OutBuf(const OutBuf&) = delete;
+  OutBuf& operator=(const OutBuf&) = delete;
+
+  void put(const char* p, size_t n) {
+    while (n > 0) {
+      if (len_ == sizeof buf_) flush();
+      size_t k = sizeof buf_ - len_ < n ? sizeof buf_ - len_ : n;
+      memcpy(buf_ + len_, p, k);
+      len_ += k;
+      p += k;
+      n -= k;
+    }
+  }
+  void put(const char* s) { put(s, strlen(s)); }
+  void put(char c) {
+    if (len_ == sizeof buf_) flush();
+    buf_[len_++] = c;
+  }
+  // At least eight hexadecimal digits ("%8.8lx", "%8.8lX").
+  void hex8(unsigned long v, bool upper) {
+    const char* digits = upper ? "0123456789ABCDEF" : "0123456789abcdef";
+    char tmp[16];
+    int n = 0;
+    do {
+      tmp[n++] = digits[v & 0xF];
+      v >>= 4;
+    } while (v != 0);
+    while (n < 8) tmp[n++] = '0';
+    while (n > 0) put(tmp[--n]);
+  }
+  void dec(long long v) {
+    char tmp[24];
+    int n = 0;
+    unsigned long long u = v < 0 ? 0ULL - static_cast<unsigned long long>(v)
+                                 : static_cast<unsigned long long>(v);
+    do {
+      tmp[n++] = static_cast<char>('0' + u % 10);
+      u /= 10;
+    } while (u != 0);
+    if (v < 0) put('-');
+    while (n > 0) put(tmp[--n]);
+  }
+  // Renders a parsed format into the buffer, or straight into the stream
+  // when it does not fit. False when the format cannot be rendered.
+  bool render(format::Context* ctx) {
+    size_t room = sizeof buf_ - len_;
+    int n = zar_vsnprintf_render(ctx, buf_ + len_, room);
+    if (n < 0) return false;
+    if (static_cast<size_t>(n) < room) {
+      len_ += static_cast<size_t>(n);
+      return true;
+    }
+    flush();
+    if (static_cast<size_t>(n) < sizeof buf_) {
+      n = zar_vsnprintf_render(ctx, buf_, sizeof buf_);
+      if (n < 0) return false;
+      len_ = static_cast<size_t>(n);
+      return true;
+    }
+    return zar_vsnprintf_render_stream(ctx, stream_) >= 0;
+  }
+  void flush() {
+    if (len_ > 0) sys::fwrite(buf_, 1, len_, stream_);
+    len_ = 0;
+  }
+
+ private:
+  FILE* stream_;
+  size_t len_ = 0;
+  char buf_[2048];
+};
+
+// A stream held for one record: the whole-file write lock (so that processes
+// sharing the file never interleave records), no cancellation, and the
+// stream's own lock (so that other threads of the process writing to it
+// directly do not either). Flushes when it lets go.
+class StreamHold {
+ public:
+  explicit StreamHold(FILE* stream) : stream_(stream), fd_(fileno(stream)) {
+    previous_ = zar_svc__lock_for_write(fd_);
+    flockfile(stream_);
+  }
+  ~StreamHold() {
+    sys::fflush(stream_);
+    funlockfile(stream_);
+    zar_svc__unlock_for_write(fd_, previous_);
+  }
+  StreamHold(const StreamHold&) = delete;
+  StreamHold& operator=(const StreamHold&) = delete;
+
+ private:
+  FILE* stream_;
+  int fd_;
+  int previous_;
+};
+
+// ---- Code sets, formatting and conversion -------------------------------------
+
+void fetchCodeSets(zar_svc_record* record) {
+  if (record->codeSetsKnown) return;
+  nlz_cs_t local = localCodePage();
+  nlz_cs_t utf8 = utf8CodeSet();
+  record->sourceCs = record->utf8Source ? utf8 : local;
+  record->otherCs = record->utf8Source ? local : utf8;
+  record->codeSetsKnown = true;
+}
+
+// The format with its arguments in code set cs, as a new text; null (length 0)
+// when the format cannot be parsed or rendered, the text would be empty, or
+// memory is short.
+char* localSprintf(nlz_cs_t cs, const char* fmt, int32_t* length, va_list args) {
+  *length = 0;
+  format::Context ctx;
+  va_list copy;
+  va_copy(copy, args);
+  int rc = zar_vsnprintf_parse(&ctx, cs, fmt, copy);
+  va_end(copy);
+  if (rc != 0) return nullptr;
+  char stackBuf[1024];
+  int n = zar_vsnprintf_render(&ctx, stackBuf, sizeof stackBuf);
+  char* text = nullptr;
+  if (n >= 1) {
+    text = static_cast<char*>(mem::alloc(static_cast<size_t>(n) + 1));
+    if (text != nullptr && static_cast<size_t>(n) < sizeof stackBuf) {
+      memcpy(text, stackBuf, static_cast<size_t>(n) + 1);
+    } else if (text != nullptr && zar_vsnprintf_render(&ctx, text, static_cast<size_t>(n) + 1) != n) {
+      mem::free(text);
+      text = nullptr;
+    }
+  }
+  zar_vsnprintf_done(&ctx);
+  if (text != nullptr) *length = n;
+  return text;
+}
+
+// Converts length bytes of text from code set source into other (UTF-8 into
+// the local code set when source is UTF-8, else into UTF-8); a new
+// terminated text, or null (length 0) on failure.
+char* localConvert(nlz_cs_t source, nlz_cs_t other, bool sourceIsUtf8, int32_t length,
+                   const char* text, int32_t* outLength) {
+  *outLength = 0;
+  if (length == 0) length = static_cast<int32_t>(strlen(text));
+  if (source == other) {
+    char* copy = static_cast<char*>(mem::alloc(static_cast<size_t>(length) + 1));
+    if (copy == nullptr) return nullptr;
+    memcpy(copy, text, static_cast<size_t>(length));
+    copy[length] = '\0';
+    *outLength = length;
+    return copy;
+  }
+  size_t room = static_cast<size_t>(length) * (sourceIsUtf8 ? 2 : 3) + 1 + 4;
+  if (room > INT32_MAX) return nullptr;
+  char* out = static_cast<char*>(mem::alloc(room));
+  if (out == nullptr) return nullptr;
+  int n = sourceIsUtf8 ? nlz_from_utf8(other, text, length, out, static_cast<int>(room) - 1)
+                       : nlz_to_utf8(source, text, length, out, static_cast<int>(room) - 1);
+  if (n < 1) {
+    mem::free(out);
+    return nullptr;
+  }
+  out[n] = '\0';
+  *outLength = n;
+  return out;
+}
+
+// The record's text in its other code set, made at the first need and then
+// shared by every route of the call.
+const char* convertedText(zar_svc_record* record, va_list args) {
+  if (!record->convertTried) {
+    record->convertTried = true;
+    fetchCodeSets(record);
+    if (record->text != nullptr) {
+      record->converted = localConvert(record->sourceCs, record->otherCs, record->utf8Source,
+                                       record->textLength, record->text,
+                                       &record->convertedLength);
+    } else if (record->prolog.format != nullptr) {
+      int32_t length = 0;
+      mem::Unique<char> formatted(
+          localSprintf(record->sourceCs, record->prolog.format, &length, args));
+      if (formatted) {
+        record->converted = localConvert(record->sourceCs, record->otherCs, record->utf8Source,
+                                         length, formatted.get(), &record->convertedLength);
+      }
+    }
+  }
+  return record->converted;
+}
+
+// The format parsed once with its arguments, in the default code set of
+// formatted output; null when it cannot be parsed.
+format::Context* parsedFormat(zar_svc_record* record, va_list args) {
+  if (record->parseState == 0) {
+    va_list copy;
+    va_copy(copy, args);
+    int rc = zar_vsnprintf_parse(&record->parsed, nlz_get_def_cs(), record->prolog.format, copy);
+    va_end(copy);
+    record->parseState = rc == 0 ? 1 : -1;
+  }
+  return record->parseState == 1 ? &record->parsed : nullptr;
+}
+
+const char* timeText(zar_svc_record* record) {
+  if (!record->timeKnown) {
+    record->timeKnown = true;
+    if (zar_utc_asclocaltime(record->timeText, sizeof record->timeText, &record->prolog.t) != 0)
+      record->timeText[0] = '\0';
+  }
+  return record->timeText;
+}
+
+// The longest prefix of text (length bytes of UTF-8) of at most limit bytes
+// that ends at a character boundary.
+size_t utf8Cut(const char* text, size_t length, size_t limit) {
+  if (length <= limit) return length;
+  size_t n = limit;
+  while (n > 0 && (static_cast<unsigned char>(text[n]) & 0xC0) == 0x80) --n;
+  return n;
+}
+
+bool isDebug(const zar_svc_prolog& p) { return (p.attributes & svc_c_debug_mask) != 0; }
+
+// ---- XML heads --------------------------------------------------------------------
+
+// Puts text converted from the local code set into UTF-8 into out (at most
+// kParamTextLimit bytes, ending at a character boundary); a byte that cannot
+// be converted becomes '?'.
+void putLocalAsUtf8(OutBuf& out, nlz_cs_t local, const char* text, size_t width, bool left,
+                    long precision) {
+  size_t length = strlen(text);
+  if (precision >= 0 && static_cast<size_t>(precision) < length) length = static_cast<size_t>(precision);
+  mem::Unique<char> buf(static_cast<char*>(mem::alloc(kParamTextLimit)));
+  if (!buf) return;
+  int n = nlz_to_utf8(local, text, static_cast<int>(length), buf.get(), kParamTextLimit);
+  size_t used = 0;
+  if (n >= 0) {
+    used = static_cast<size_t>(n);
+  } else {
+    // Character by character: what cannot be converted becomes '?'.
+    size_t i = 0;
+    while (i < length && used < kParamTextLimit) {
+      int charLen = nlz_mblen(local, text + i, static_cast<int>(length - i));
+      char one[16];
+      int k = charLen > 0 ? nlz_to_utf8(local, text + i, charLen, one, sizeof one) : -1;
+      if (k < 0) {
+        buf.get()[used++] = '?';
+        i += 1;
+        continue;
+      }
+      if (used + static_cast<size_t>(k) > kParamTextLimit) break;
+      memcpy(buf.get() + used, one, static_cast<size_t>(k));
+      used += static_cast<size_t>(k);
+      i += static_cast<size_t>(charLen);
+    }
+  }
+  size_t pad = width > used ? width - used : 0;
+  if (!left) {
+    for (size_t i = 0; i < pad; ++i) out.put(' ');
+  }
+  out.put(buf.get(), used);
+  if (left) {
+    for (size_t i = 0; i < pad; ++i) out.put(' ');
+  }
+}
+
+// A 16-bit wide string in UTF-8 (at most kParamTextLimit bytes); a unit that
+// cannot be converted becomes '?'.
+void putWideAsUtf8(OutBuf& out, const nlz_wchar_t* text) {
+  if (text == nullptr) return;
+  size_t used = 0;
+  for (size_t i = 0; text[i] != 0 && used < kParamTextLimit; ++i) {
+    uint32_t c = text[i];
+    if (c >= 0xD800 && c <= 0xDBFF && text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF) {
+      c = 0x10000 + ((c - 0xD800) << 10) + (text[i + 1] - 0xDC00);
+      ++i;
+    }
+    char one[8];
+    int k = nlz_wctomb(utf8CodeSet(), one, c);
+    if (k < 0) {
+      out.put('?');
+      ++used;
+    } else if (used + static_cast<size_t>(k) <= kParamTextLimit) {
+      out.put(one, static_cast<size_t>(k));
+      used += static_cast<size_t>(k);
+    } else {
+      break;
+    }
+  }
+}
+
+const char kParamFailure[] = "(Failed to handle a data type in svcprintf.c, printPrefix())";
+
+// The width and precision of one conversion of a message text, as the Param
+// scan reads them ('*' takes an int argument).
+struct ParamSpec {
+  bool alt = false;
+  bool zero = false;
+  bool left = false;
+  long width = -1;
+  long precision = -1;
+};
+
+// Formats one numeric value with the conversion's flags into out.
+template <class T>
+void putNumber(OutBuf& out, const ParamSpec& spec, const char* conv, T value) {
+  char fmt[32] = "%";
+  size_t n = 1;
+  if (spec.alt) fmt[n++] = '#';
+  if (spec.left) fmt[n++] = '-';
+  if (spec.zero) fmt[n++] = '0';
+  n += static_cast<size_t>(snprintf(fmt + n, sizeof fmt - n, "*.*%s", conv));
+  char buf[600];
+  int len = snprintf(buf, sizeof buf, fmt, static_cast<int>(spec.width < 0 ? 0 : spec.width),
+                     static_cast<int>(spec.precision), value);
+  if (len > 0) out.put(buf, static_cast<size_t>(len) < sizeof buf ? static_cast<size_t>(len) : sizeof buf - 1);
+}
+
+// One Param line per conversion of the message text, with its argument taken
+// from a fresh copy of the argument list.
+void putParams(OutBuf& out, zar_svc_record* record, bool convertStrings, va_list args) {
+  va_list ap;
+  va_copy(ap, args);
+  const char* p = record->prolog.format;
+  while (*p != '\0') {
+    if (*p++ != '%') continue;
+    if (*p == '%') {  // a percent sign: no Param
+      ++p;
+      continue;
+    }
+    ParamSpec spec;
+    bool inPrecision = false;
+    bool widthDigits = false;
+    while (*p != '\0' && strchr("0123456789.#*", *p) != nullptr) {
+      char c = *p++;
+      if (c == '#') {
+        spec.alt = true;
+      } else if (c == '.') {
+        if (!inPrecision) spec.precision = 0;
+        inPrecision = true;
+      } else if (c == '*') {
+        int v = va_arg(ap, int);
+        if (inPrecision) {
+          spec.precision = v;
+        } else if (v < 0) {
+          spec.left = true;
+          spec.width = -static_cast<long>(v);
+        } else {
+          spec.width = v;
+        }
+      } else if (inPrecision) {
+        spec.precision = (spec.precision < 0 ? 0 : spec.precision) * 10 + (c - '0');
+        if (spec.precision > 512) spec.precision = 512;
+      } else if (c == '0' && !widthDigits) {
+        spec.zero = true;
+      } else {
+        widthDigits = true;
+        spec.width = (spec.width < 0 ? 0 : spec.width) * 10 + (c - '0');
+        if (spec.width > 512) spec.width = 512;
+      }
+    }
+    if (spec.width > 512) spec.width = 512;
+    if (*p == '%') {  // "%5%": a percent sign with flags; no Param
+      ++p;
+      continue;
+    }
+    out.put("  <Param><![CDATA[");
+    char conv = *p;
+    if (conv != '\0') ++p;
+    switch (conv) {
+      case 's': {
+        const char* s = va_arg(ap, const char*);
+        if (s == nullptr) s = "";
+        if (convertStrings) {
+          fetchCodeSets(record);
+          putLocalAsUtf8(out, record->sourceCs, s, spec.width < 0 ? 0 : static_cast<size_t>(spec.width),
+                         spec.left, spec.precision);
+        } else {
+          putNumber(out, spec, "s", s);
+        }
+        break;
+      }
+      case 'S':
+        putWideAsUtf8(out, va_arg(ap, const nlz_wchar_t*));
+        break;
+      case 'd':
+        putNumber(out, spec, "d", va_arg(ap, int));
+        break;
+      case 'u':
+        if (*p == 'l') {
+          ++p;
+          putNumber(out, spec, "llu", static_cast<unsigned long long>(va_arg(ap, uint64_t)));
+          out.put('l');
+        } else {
+          putNumber(out, spec, "u", va_arg(ap, unsigned));
+        }
+        break;
+      case 'x':
+        putNumber(out, spec, "x", va_arg(ap, unsigned));
+        break;
+      case 'o':
+        putNumber(out, spec, "o", va_arg(ap, unsigned));
+        break;
+      case 'c':
+        putNumber(out, spec, "c", va_arg(ap, int));
+        break;
+      case 'f':
+        putNumber(out, spec, "f", static_cast<double>(static_cast<float>(va_arg(ap, double))));
+        break;
+      case 'l':
+        if (*p == 'd') {
+          ++p;
+          putNumber(out, spec, "ld", va_arg(ap, long));
+          break;
+        }
+        if (*p == 'x') {
+          ++p;
+          putNumber(out, spec, "lx", va_arg(ap, unsigned long));
+          break;
+        }
+        out.put(kParamFailure);
+        break;
+      default:
+        out.put(kParamFailure);
+        break;
+    }
+    out.put("]]></Param>\n");
+    if (conv == '\0') break;
+  }
+  va_end(ap);
+}
+
+// The catalog that holds a message id's text, for example "kpwsc.cat".
+void putCatalog(OutBuf& out, uint32_t msgid) {
+  uint32_t tech = msgid >> 28;
+  char tag[4];
+  char comp[4];
+  techTag(msgid, tag);
+  componentName(msgid, comp);
+  if (tech == 1) {
+    out.put("kpb");
+  } else if (tech == 4 || tech == 5) {
+    out.put("???");
+  } else {
+    out.put(tag);
+  }
+  out.put(comp);
+  out.put(".cat");
+}
+
+void putTimeElements(OutBuf& out, zar_svc_record* record) {
+  struct timespec ts = {};
+  zar_utc_bintime(&ts, nullptr, nullptr, &record->prolog.t);
+  out.put(" <Time Millis=\"");
+  out.dec(ts.tv_sec);
+  char ms[4] = {static_cast<char>('0' + ts.tv_nsec / 100000000 % 10),
+                static_cast<char>('0' + ts.tv_nsec / 10000000 % 10),
+                static_cast<char>('0' + ts.tv_nsec / 1000000 % 10), 0};
+  out.put(ms);
+  out.put("\">");
+  const char* t = timeText(record);
+  out.put(t, strnlen(t, 23));
+  out.put("</Time>\n");
+}
+
+void putXmlHead(OutBuf& out, zar_svc_record* record, bool convertStrings, va_list args) {
+  const zar_svc_prolog& p = record->prolog;
+  const char* sub = p.handle->table[p.table_index].name;
+  if (isDebug(p)) {
+    uint32_t level = p.attributes & svc_c_debug_mask;
+    out.put("<Trace Level=");
+    out.put(level <= 3 ? "\"MIN\"" : level <= 6 ? "\"MID\"" : "\"MAX\"");
+    out.put(">\n");
+    putTimeElements(out, record);
+    out.put(" <Component>");
+    out.put(p.handle->component);
+    out.put('/');
+    out.put(sub);
+    out.put("</Component>\n <Source FileName=\"");
+    out.put(p.file);
+    out.put("\" Method=\"unknown\" Line=\"");
+    out.dec(p.line);
+    out.put("\"></Source>\n <Process>");
+    out.put(p.progname);
+    out.put("</Process>\n <Thread>0x");
+    out.hex8(zar_svc__mapthreadid(&p.thread_id), false);
+    out.put("</Thread>\n <LogAttribs><KeyName><![CDATA[Numeric Trace Level]]></KeyName> "
+            "<Value><![CDATA[");
+    out.dec(level);
+    out.put("]]></Value></LogAttribs>\n <LogText><![CDATA[");
+    return;
+  }
+  const char* text = p.format != nullptr ? p.format : "";
+  size_t idLen = strnlen(text, 10);
+  char sevLetter = idLen == 10 ? text[9] : '\0';
+  out.put("<Message Id=\"");
+  out.put(text, idLen);
+  out.put("\" Severity=\"");
+  out.put(sevLetter == 'E' ? "ERROR" : sevLetter == 'W' ? "WARN" : "INFO");
+  out.put("\">\n");
+  putTimeElements(out, record);
+  out.put(" <Component>");
+  out.put(p.handle->component);
+  out.put('/');
+  out.put(sub);
+  out.put("</Component>\n <LogAttribs><KeyName><![CDATA[Message Number]]></KeyName> "
+          "<Value><![CDATA[0x");
+  out.hex8(p.message_index, true);
+  out.put("]]></Value></LogAttribs>\n <Source FileName=\"");
+  out.put(p.file);
+  out.put("\" Method=\"unknown\" Line=\"");
+  out.dec(p.line);
+  out.put("\"></Source>\n <Process>");
+  out.put(p.progname);
+  out.put("</Process>\n <Thread>0x");
+  out.hex8(zar_svc__mapthreadid(&p.thread_id), false);
+  out.put("</Thread>\n <TranslationInfo Type=\"XPG4\" Catalog=\"");
+  putCatalog(out, p.message_index);
+  out.put("\" SetId=\"1\" MsgKey=\"");
+  char key[16];
+  snprintf(key, sizeof key, "%x", p.message_index);
+  out.put(key);
+  out.put("\">\n");
+  if (p.format != nullptr) putParams(out, record, convertStrings, args);
+  out.put(" </TranslationInfo>\n <LogText><![CDATA[");
+}
+
+// The head of a record: the text prefix, or in XML mode the element's head.
+void printPrefix(OutBuf& out, zar_svc_record* record, int newline, bool convertStrings,
+                 va_list args) {
+  if (record->prolog.xml) {
+    putXmlHead(out, record, convertStrings, args);
+    return;
+  }
+  const zar_svc_prolog& p = record->prolog;
+  out.put(timeText(record));
+  out.put(' ');
+  if (isDebug(p)) {
+    out.put(p.progname);
+    out.put(" DEBUG");
+    out.dec(p.attributes & svc_c_debug_mask);
+  } else {
+    out.put("0x");
+    out.hex8(p.message_index, true);
+    out.put(' ');
+    out.put(p.progname);
+    out.put(' ');
+    out.put(kCodeTable[severityIndex(p.attributes)]);
+  }
+  out.put(' ');
+  out.put(p.handle->component);
+  out.put(' ');
+  out.put(p.handle->table[p.table_index].name);
+  out.put(' ');
+  out.put(p.file);
+  out.put(' ');
+  out.dec(p.line);
+  out.put(" 0x");
+  out.hex8(zar_svc__mapthreadid(&p.thread_id), false);
+  out.put(newline ? '\n' : ' ');
+}
+
+bool wantsPrefix(const zar_svc_record* record) {
+  const zar_svc_prolog& p = record->prolog;
+  if (p.attributes & svc_c_action_brief) return false;
+  return !(gSvc.brief != 0 && isDebug(p));
+}
+
+void putUnknown(OutBuf& out, uint32_t msgid) {
+  out.put("Unknown message 0x");
+  out.hex8(msgid, false);
+}
+
+void closeXml(OutBuf& out, const zar_svc_record* record) {
+  out.put(" ]]></LogText>\n");
+  out.put(isDebug(record->prolog) ? "</Trace>\n\n" : "</Message>\n\n");
+}
+
+}  // namespace
+
+// ---- The route walk ---------------------------------------------------------------
+
+void writeRoutes(zar_svc_record* record, svc_route_list* list, PrologBuilder build,
+                 void* buildContext, va_list args) {
+  if (list == nullptr || list->count == 0) return;
+  const svc_route_list* visited[kMaxVisitedLists];
+  int nVisited = 0;
+  visited[nVisited++] = list;
+  svc_route** routes = list->routes;
+  int32_t count = list->count;
+  for (int32_t i = 0; i < count; ++i) {
+    svc_route* route = routes[i];
+    zar_svc__check_open(route);
+    record->prolog.xml = 0;
+    int32_t kind = route->kind;
+    if (kind == kRouteGoesTo) {
+      // The named list replaces the rest of this one; an unknown, empty or
+      // already visited list is skipped and this one goes on.
+      svc_route_list* target = goestoList(static_cast<const char*>(route->target));
+      if (target == nullptr || target->count == 0 || nVisited == kMaxVisitedLists) continue;
+      bool seen = false;
+      for (int v = 0; v < nVisited; ++v) seen = seen || visited[v] == target;
+      if (seen) continue;
+      visited[nVisited++] = target;
+      routes = target->routes;
+      count = target->count;
+      i = -1;
+      continue;
+    }
+    FILE* stream = nullptr;
+    int newline = 0;
+    switch (kind) {
+      case kRouteTextFile:
+      case kRouteUtf8File:
+      case kRouteXmlFile:
+        stream = static_cast<svc_file_route*>(route->target)->stream;
+        break;
+      case kRouteStdout:
+      case kRouteXmlStdout:
+        stream = stdout;
+        newline = 1;
+        break;
+      case kRouteStderr:
+      case kRouteXmlStderr:
+        stream = stderr;
+        newline = 1;
+        break;
+      default:  // DISCARD, and a dynamic route waiting for its type
+        continue;
+    }
+    if (stream == nullptr) continue;
+    if (record->prolog.handle == nullptr) build(record, buildContext);
+    bool xml = kind == kRouteXmlFile || kind == kRouteXmlStdout || kind == kRouteXmlStderr;
+    record->prolog.xml = xml ? 1 : 0;
+    if (record->utf8Source) {
+      // UTF-8 text: converted for the text kinds, as it is for UTF-8 and XML.
+      int convert = kind == kRouteTextFile || kind == kRouteStdout || kind == kRouteStderr;
+      zar_svc__vfprintf2(stream, record, newline, convert, args);
+    } else if (kind == kRouteUtf8File) {
+      zar_svc__vfprintf2(stream, record, newline, 1, args);
+    } else {
+      zar_svc__vfprintf(stream, record, newline, args);
+    }
+  }
+}
+
+void buildProlog(zar_svc_record* record, zar_svc_handle handle, zar_codeset_t cs,
+                 const char* file, int line, const char* argtypes, uint32_t subcomp,
+                 uint32_t attributes, uint32_t msgid) {
+  zar_svc_prolog& p = record->prolog;
+  record->utf8Source = cs != nullptr;
+  char* text = record->utf8Source ? messageTextUtf8(msgid) : messageText(msgid);
+  p.format = text;
+  record->formatOwned = text != nullptr;
+  p.handle = handle;
+  p.version = 1;
+  zar_utc_gettime(&p.t);
+  p.argtypes = argtypes;
+  p.table_index = subcomp;
+  p.attributes = attributes;
+  p.message_index = msgid;
+  // '/' is never part of a multibyte character in the code sets the library
+  // runs in, so the byte search is a character search.
+  const char* slash = file != nullptr ? strrchr(file, '/') : nullptr;
+  p.file = file == nullptr ? "?" : slash != nullptr ? slash + 1 : file;
+  p.line = line;
+  p.thread_id = pthread_self();
+  if (gSvc.progname[0] != '\0') {
+    memcpy(p.progname, gSvc.progname, sizeof p.progname);
+  } else {
+    snprintf(p.progname, sizeof p.progname, "PID#%ld", static_cast<long>(zar_svc__get_pid()));
+  }
+}
+
+}  // namespace zar::svc
+
+zar_svc_record::~zar_svc_record() {
+  if (parseState == 1) zar_vsnprintf_done(&parsed);
+  zar::mem::free(converted);
+  zar::mem::free(text);
+  if (formatOwned) zar::mem::free(const_cast<char*>(prolog.format));
+}
+
+using zar::svc::OutBuf;
+using zar::svc::StreamHold;
+
+extern "C" {
+
+int zar_svc__lock_for_write(int fd) {
+  zar::sys::fileLock(fd, F_WRLCK, true);
+  int previous = PTHREAD_CANCEL_ENABLE;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
+  return previous;
+}
+
+void zar_svc__unlock_for_write(int fd, int previousCancelState) {
+  zar::sys::fileLock(fd, F_UNLCK, true);
+  if (previousCancelState == PTHREAD_CANCEL_ENABLE)
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+}
+
+void zar_svc__vfprintf(FILE* stream, zar_svc_record* record, int newline, va_list args) {
+  using namespace zar::svc;
+  const zar_svc_prolog& p = record->prolog;
+  bool xml = p.xml != 0;
+  zar::format::Context* parsed = nullptr;
+  const char* utf8 = nullptr;
+  if (p.format != nullptr) {
+    // Formatting may need memory and the catalog; it is done before the
+    // stream is locked so that the lock is held for writing only.
+    if (xml) {
+      utf8 = zar::svc::convertedText(record, args);
+    } else {
+      parsed = zar::svc::parsedFormat(record, args);
+    }
+  }
+  timeText(record);
+  StreamHold hold(stream);
+  OutBuf out(stream);
+  if (wantsPrefix(record)) printPrefix(out, record, newline, true, args);
+  if (p.format == nullptr) {
+    putUnknown(out, p.message_index);
+  } else if (xml) {
+    if (utf8 != nullptr)
+      out.put(utf8, utf8Cut(utf8, static_cast<size_t>(record->convertedLength), kXmlTextLimit));
+  } else if (parsed != nullptr) {
+    out.render(parsed);
+  }
+  if (xml) {
+    closeXml(out, record);
+  } else {
+    out.put('\n');
+  }
+}
+
+void zar_svc__vfprintf2(FILE* stream, zar_svc_record* record, int newline, int convert,
+                        va_list args) {
+  using namespace zar::svc;
+  const zar_svc_prolog& p = record->prolog;
+  bool xml = p.xml != 0;
+  const char* body = nullptr;
+  size_t bodyLength = 0;
+  zar::format::Context* parsed = nullptr;
+  zar::mem::Unique<char> formatted;
+  if (convert) {
+    body = zar::svc::convertedText(record, args);
+    bodyLength = body != nullptr ? static_cast<size_t>(record->convertedLength) : 0;
+  } else if (record->text != nullptr) {
+    body = record->text;
+    bodyLength = static_cast<size_t>(record->textLength);
+  } else if (p.format != nullptr && xml) {
+    // An XML record's text is bounded: formatted in the source code set
+    // first, then cut.
+    zar::svc::fetchCodeSets(record);
+    int32_t length = 0;
+    formatted.reset(zar::svc::localSprintf(record->sourceCs, p.format, &length, args));
+    body = formatted.get();
+    bodyLength = static_cast<size_t>(length);
+  } else if (p.format != nullptr) {
+    zar::svc::fetchCodeSets(record);
+    va_list copy;
+    va_copy(copy, args);
+    zar::format::Context ctx;
+    // Parsed in the source code set; rendered below into the stream.
+    if (zar_vsnprintf_parse(&ctx, record->sourceCs, p.format, copy) == 0) parsed = &ctx;
+    va_end(copy);
+    timeText(record);
+    {
+      StreamHold hold(stream);
+      OutBuf out(stream);
+      if (wantsPrefix(record)) printPrefix(out, record, newline, false, args);
+      if (parsed != nullptr) out.render(parsed);
+      out.put('\n');
+    }
+    if (parsed != nullptr) zar_vsnprintf_done(parsed);
+    return;
+  }
+  if (xml && body != nullptr) bodyLength = utf8Cut(body, bodyLength, kXmlTextLimit);
+  timeText(record);
+  StreamHold hold(stream);
+  OutBuf out(stream);
+  if (wantsPrefix(record)) printPrefix(out, record, newline, false, args);
+  if (p.format == nullptr && record->text == nullptr) {
+    putUnknown(out, p.message_index);
+  } else if (body != nullptr) {
+    out.put(body, bodyLength);
+  }
+  if (xml) {
+    closeXml(out, record);
+  } else {
+    out.put('\n');
+  }
+}
+
+}  // extern "C"
+
+// ---- The entry points ---------------------------------------------------------------
+
+namespace zar::svc {
+namespace {
+
+struct SeverityCall {
+  zar_svc_handle handle;
+  zar_codeset_t cs;
+  const char* file;
+  int line;
+  const char* argtypes;
+  uint32_t subcomp;
+  uint32_t attributes;
+  uint32_t msgid;
+};
+
+void buildSeverityProlog(zar_svc_record* record, void* context) {
+  auto* c = static_cast<const SeverityCall*>(context);
+  buildProlog(record, c->handle, c->cs, c->file, c->line, c->argtypes, c->subcomp,
+              c->attributes, c->msgid);
+}
+
+// A word with a debug level 1 to 9, or none and a severity 1 to 5.
+bool validAttributes(uint32_t attributes) {
+  uint32_t level = attributes & svc_c_debug_mask;
+  return level != 0 ? level <= 9 : severityIndex(attributes) >= 0;
+}
+
+bool printable(const SeverityCall& call) {
+  return call.handle != nullptr && validAttributes(call.attributes) &&
+         call.subcomp < call.handle->table_size;
+}
+
+// One print call; the caller holds the mutex.
+void printBody(const SeverityCall& call, va_list args) {
+  zar_svc_handle handle = call.handle;
+  zar_svc_record record;
+  void* context = const_cast<SeverityCall*>(&call);
+  if (handle->filter != nullptr) {
+    buildSeverityProlog(&record, context);
+    va_list copy;
+    va_copy(copy, args);
+    int keep = handle->filter(&record.prolog, copy);
+    va_end(copy);
+    if (!keep) return;
+  }
+  if ((call.attributes & svc_c_route_nolog) == 0) {
+    svc_route_list* list;
+    if ((call.attributes & svc_c_debug_mask) == 0) {
+      list = &gSvc.routes[severityIndex(call.attributes)];
+      if (list->count == 0) {
+        unsigned long st = 0;
+        zar_svc__fillin(call.attributes, &st);
+      }
+    } else {
+      list = debugRoutesOf(handle);
+    }
+    writeRoutes(&record, list, buildSeverityProlog, context, args);
+  }
+  if (call.attributes & svc_c_route_stderr) {
+    // The copy is an XML record when the last route written was XML.
+    if (record.prolog.handle == nullptr) buildSeverityProlog(&record, context);
+    zar_svc__vfprintf(stderr, &record, 1, args);
+  }
+  if (call.attributes & svc_c_action_abort) abort();
+  if (call.attributes & svc_c_action_exit_bad) exit(1);
+  if (call.attributes & svc_c_action_exit_ok) exit(0);
+}
+
+void printCall(const SeverityCall& call, va_list args) {
+  if (!printable(call)) return;
+  SvcLock lock;
+  printBody(call, args);
+}
+
+}  // namespace
+
+void printHeld(zar_svc_handle handle, const char* file, int line, const char* argtypes,
+               uint32_t subcomp, uint32_t attributes, uint32_t msgid, ...) {
+  SeverityCall call{handle, nullptr, file, line, argtypes, subcomp, attributes, msgid};
+  if (!printable(call)) return;
+  va_list args;
+  va_start(args, msgid);
+  printBody(call, args);
+  va_end(args);
+}
+
+}  // namespace zar::svc
+
+extern "C" {
+
+ZAR_API void zar_svc_vprintf_withfile(zar_svc_handle handle, const char* file, int line,
+                                      const char* argtypes, uint32_t subcomp,
+                                      uint32_t attributes, uint32_t msgid, va_list args) {
+  zar::svc::printCall({handle, nullptr, file, line, argtypes, subcomp, attributes, msgid}, args);
+}
+
+ZAR_API void zar_svc_printf_withfile(zar_svc_handle handle, const char* file, int line,
+                                     const char* argtypes, uint32_t subcomp,
+                                     uint32_t attributes, uint32_t msgid, ...) {
+  va_list args;
+  va_start(args, msgid);
+  zar::svc::printCall({handle, nullptr, file, line, argtypes, subcomp, attributes, msgid}, args);
+  va_end(args);
+}
+
+ZAR_API void zar_svc_vprintf_cs_withfile(zar_svc_handle handle, zar_codeset_t cs,
+                                         const char* file, int line, const char* argtypes,
+                                         uint32_t subcomp, uint32_t attributes, uint32_t msgid,
+                                         va_list args) {
+  zar::svc::printCall({handle, cs, file, line, argtypes, subcomp, attributes, msgid}, args);
+}
+
+ZAR_API void zar_svc_printf_cs_withfile(zar_svc_handle handle, zar_codeset_t cs,
+                                        const char* file, int line, const char* argtypes,
+                                        uint32_t subcomp, uint32_t attributes, uint32_t msgid,
+                                        ...) {
+  va_list args;
+  va_start(args, msgid);
+  zar::svc::printCall({handle, cs, file, line, argtypes, subcomp, attributes, msgid}, args);
+  va_end(args);
+}
+
+}  // extern "C"

@@ -116,7 +116,9 @@ ZAR_API char* zar_getlocaledir(const char* base) {
   // The language code: the first two characters of the canonical name, or
   // of the name itself when it has no canonical form.
   char lang2[3] = {0, 0, 0};
-  strncpy(lang2, haveCanonical ? canonical : name, 2);
+  const char* from = haveCanonical ? canonical : name;
+  lang2[0] = from[0];
+  if (from[0] != '\0') lang2[1] = from[1];
   // Only letters make a language code: a name such as "../x" must not
   // lead out of base.
   bool letters = isalpha(static_cast<unsigned char>(lang2[0])) &&

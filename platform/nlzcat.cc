@@ -283,20 +283,27 @@ struct LocaleForm {
   char codeset[64];
 };
 
+// Copies the n bytes at src into dst (dstLen bytes), cut to fit, terminated.
+void copyPart(char* dst, size_t dstLen, const char* src, size_t n) {
+  if (n >= dstLen) n = dstLen - 1;
+  memcpy(dst, src, n);
+  dst[n] = '\0';
+}
+
 void splitForm(LocaleForm* f) {
   const char* n = f->name;
   size_t l = strcspn(n, "_.@");
-  snprintf(f->lang, sizeof f->lang, "%.*s", static_cast<int>(l), n);
+  copyPart(f->lang, sizeof f->lang, n, l);
   f->terr[0] = f->codeset[0] = '\0';
   const char* p = n + l;
   if (*p == '_') {
     size_t t = strcspn(p + 1, ".@");
-    snprintf(f->terr, sizeof f->terr, "%.*s", static_cast<int>(t), p + 1);
+    copyPart(f->terr, sizeof f->terr, p + 1, t);
     p += 1 + t;
   }
   if (*p == '.') {
     size_t cl = strcspn(p + 1, "@");
-    snprintf(f->codeset, sizeof f->codeset, "%.*s", static_cast<int>(cl), p + 1);
+    copyPart(f->codeset, sizeof f->codeset, p + 1, cl);
   }
 }
 

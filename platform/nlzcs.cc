@@ -136,8 +136,9 @@ bool normalise(const char* name, char* norm, char* forIconv) {
     }
   }
   // ISO8859N / ISO88591N and CPnnnn / WINDOWSnnnn get the usual spelling.
-  if (strncmp(key, "ISO8859", 7) == 0 && key[7] != '\0' && strspn(key + 7, "0123456789") ==
-                                                               strlen(key + 7)) {
+  // (Part numbers have at most two digits; a longer run is no ISO 8859 name.)
+  if (strncmp(key, "ISO8859", 7) == 0 && key[7] != '\0' && strlen(key + 7) <= 2 &&
+      strspn(key + 7, "0123456789") == strlen(key + 7)) {
     snprintf(norm, kNameMax, "ISO-8859-%s", key + 7);
     strcpy(forIconv, norm);
     return true;

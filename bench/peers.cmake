@@ -3,3 +3,6 @@ find_package(OpenSSL REQUIRED COMPONENTS Crypto)
 target_link_libraries(base64_bench PRIVATE OpenSSL::Crypto)
 # Message texts: the peer is the system's catgets on the catalogs of this build.
 target_compile_definitions(msg_bench PRIVATE ZAR_BENCH_NLS_DIR="${ZAR_NLS_BUILD_DIR}")
+# Formatted output: fmt's format_to_n runs beside glibc for reference.
+find_package(fmt REQUIRED)
+target_link_libraries(printf_bench PRIVATE fmt::fmt)

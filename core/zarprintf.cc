@@ -285,6 +285,23 @@ int64_t renderWideStringBuffer(nlz_cs_t cs, const Conversion& c, const Argument*
   int64_t limit = prec == kNone ? INT64_MAX : prec;
   char* start = out.pos();
   size_t room = out.room();
+  int64_t width = widthOf(c, args);
+  // Whole strings that fit are converted in one call.
+  if (prec == kNone && w != nullptr && out.terminated() && room > 0) {
+    int n = nlz_wcstombs(cs, start, w, room < INT_MAX ? static_cast<int>(room) + 1 : INT_MAX);
+    int64_t pad = width > n ? width - n : 0;
+    if (n >= 0 && (c.flags & kFlagLeft)) {
+      out.advance(static_cast<size_t>(n));
+      padAfter(out, c.flags, pad);
+      return n + pad;
+    }
+    if (n >= 0 && static_cast<size_t>(n + pad) <= room) {
+      memmove(start + pad, start, static_cast<size_t>(n));
+      memset(start, ' ', static_cast<size_t>(pad));
+      out.advance(static_cast<size_t>(n + pad));
+      return n + pad;
+    }
+  }
   size_t written = 0;
   int64_t len = 0;
   bool cut = false;
@@ -311,12 +328,11 @@ int64_t renderWideStringBuffer(nlz_cs_t cs, const Conversion& c, const Argument*
       cut = true;
     }
   }
-  int64_t width = widthOf(c, args);
   int64_t pad = width > len ? width - len : 0;
   if (pad > 0 && !(c.flags & kFlagLeft)) {
     size_t padLen = static_cast<size_t>(pad);
     if (padLen >= room) {
-      memset(start, ' ', room);
+      if (room != 0) memset(start, ' ', room);
       out.advance(room);
       return len + pad;
     }
@@ -354,6 +370,17 @@ int64_t renderWideStringStream(nlz_cs_t cs, const Conversion& c, const Argument*
   int64_t prec = precisionOf(c, args);
   int64_t limit = prec == kNone ? INT64_MAX : prec;
   int64_t width = widthOf(c, args);
+  if (prec == kNone && begin != nullptr) {
+    char text[256];
+    int n = nlz_wcstombs(cs, text, begin, sizeof text);
+    if (n >= 0) {
+      int64_t pad = width > n ? width - n : 0;
+      padBefore(out, c.flags, ' ', pad);
+      out.put(text, static_cast<size_t>(n));
+      padAfter(out, c.flags, pad);
+      return n + pad;
+    }
+  }
   char mb[kMaxCharBytes];
   // Pass 0 measures (only needed for padding before the text), pass 1 writes.
   int64_t len = 0;
@@ -487,10 +514,83 @@ int formatFloat(char* dst, size_t size, const char* spec, bool hasWidth, int wid
   return snprintf(dst, size, spec, value);
 }
 
-// Types 13 to 18 (e E f g G, with or without L): formatted by the C library
-// from a format rebuilt out of the record.
+// Digits of one floating value by the C library's strfromd/strfroml, with
+// the precision written into the format when it was given (a negative one
+// counts as none, as for printf). Returns the length, or -1 when it does not
+// fit into len bytes.
+inline int floatDigits(char* buf, size_t len, char conv, bool hasPrec, int prec, bool isLong,
+                       const Argument& a) {
+  char spec[16] = "%";
+  char* q = spec + 1;
+  if (hasPrec && prec >= 0) {
+    char num[12];
+    char* end = num + sizeof num;
+    char* d = decimalDigits(static_cast<uint64_t>(prec), end);
+    *q++ = '.';
+    memcpy(q, d, static_cast<size_t>(end - d));
+    q += end - d;
+  }
+  *q++ = conv;
+  *q = '\0';
+  int n = isLong ? strfroml(buf, len, spec, a.value.ld) : strfromd(buf, len, spec, a.value.d);
+  return n >= 0 && static_cast<size_t>(n) < len ? n : -1;
+}
+
+// Types 13 to 18 (e E f g G, with or without L): formatted by the C library.
+// Without '#' and '\'' the digits come from strfromd and the sign and the
+// padding are added here exactly as printf adds them (spaces, not zeros,
+// around an infinity or a NaN); otherwise, or when the digits are long, a
+// printf format is rebuilt out of the record.
 template <class Sink>
 int64_t renderFloat(nlz_cs_t, const Conversion& c, const Argument* args, Sink& out) {
+  const bool hasWidth = (c.flags & (kFlagWidthDigits | kFlagWidthArg)) != 0;
+  const bool hasPrec = (c.flags & (kFlagPrecDigits | kFlagPrecArg)) != 0;
+  const int width = !hasWidth ? 0
+                    : (c.flags & kFlagWidthDigits)
+                        ? c.width
+                        : static_cast<int>(static_cast<uint32_t>(args[c.width].value.u));
+  const int prec = !hasPrec ? 0
+                   : (c.flags & kFlagPrecDigits)
+                       ? c.precision
+                       : static_cast<int>(static_cast<uint32_t>(args[c.precision].value.u));
+  const bool isLong = c.type >= kLongDoubleE;
+  const bool upper = (c.flags & kFlagUpper) != 0;
+  char conv;
+  switch (isLong ? c.type - (kLongDoubleE - kDoubleE) : c.type) {
+    case kDoubleE:
+      conv = upper ? 'E' : 'e';
+      break;
+    case kDoubleF:
+      conv = 'f';
+      break;
+    default:
+      conv = upper ? 'G' : 'g';
+      break;
+  }
+  const Argument& a = args[c.argIndex];
+  if (!(c.flags & (kFlagAlt | kFlagGroup)) && width != INT_MIN && (!hasPrec || prec < 40)) {
+    char digits[72];
+    int n = floatDigits(digits, sizeof digits, conv, hasPrec, prec, isLong, a);
+    if (n > 0) {
+      const char* body = digits;
+      const char* sign = "";
+      if (*body == '-') {
+        sign = "-";
+        ++body;
+      } else if (c.flags & kFlagPlus) {
+        sign = "+";
+      } else if (c.flags & kFlagSpace) {
+        sign = " ";
+      }
+      const size_t bodyLen = static_cast<size_t>(n - (body - digits));
+      uint32_t flags = c.flags;
+      if (width < 0) flags |= kFlagLeft;  // printf's reading of a negative width
+      const bool finite = isDigit(*body);
+      return emitNumber(out, flags, finite && (flags & (kFlagZero | kFlagLeft)) == kFlagZero,
+                        width < 0 ? -static_cast<int64_t>(width) : width, sign, *sign ? 1 : 0,
+                        body, bodyLen, static_cast<int64_t>(bodyLen));
+    }
+  }
   char spec[16];
   char* q = spec;
   *q++ = '%';
@@ -500,39 +600,14 @@ int64_t renderFloat(nlz_cs_t, const Conversion& c, const Argument* args, Sink& o
   if (c.flags & kFlagSpace) *q++ = ' ';
   if (c.flags & kFlagPlus) *q++ = '+';
   if (c.flags & kFlagGroup) *q++ = '\'';
-  bool hasWidth = (c.flags & (kFlagWidthDigits | kFlagWidthArg)) != 0;
-  bool hasPrec = (c.flags & (kFlagPrecDigits | kFlagPrecArg)) != 0;
-  int width = 0;
-  int prec = 0;
-  if (hasWidth) {
-    *q++ = '*';
-    width = (c.flags & kFlagWidthDigits)
-                ? c.width
-                : static_cast<int>(static_cast<uint32_t>(args[c.width].value.u));
-  }
+  if (hasWidth) *q++ = '*';
   if (hasPrec) {
     *q++ = '.';
     *q++ = '*';
-    prec = (c.flags & kFlagPrecDigits)
-               ? c.precision
-               : static_cast<int>(static_cast<uint32_t>(args[c.precision].value.u));
   }
-  bool isLong = c.type >= kLongDoubleE;
   if (isLong) *q++ = 'L';
-  bool upper = (c.flags & kFlagUpper) != 0;
-  switch (isLong ? c.type - (kLongDoubleE - kDoubleE) : c.type) {
-    case kDoubleE:
-      *q++ = upper ? 'E' : 'e';
-      break;
-    case kDoubleF:
-      *q++ = 'f';
-      break;
-    default:
-      *q++ = upper ? 'G' : 'g';
-      break;
-  }
+  *q++ = conv;
   *q = '\0';
-  const Argument& a = args[c.argIndex];
   if constexpr (Sink::kBounded) {
     // Straight into the output: the C library cuts at the room and puts its
     // terminator at most on the byte reserved for ours.
@@ -798,21 +873,32 @@ const char* parseConversion(const char* q, Conversion* c) {
   return q + 1;
 }
 
-// Records one use of argument index i with type t; for s and S checks that
-// the argument is fetched as a pointer of their kind. False on a conflict.
+// Kinds of argument: an argument is fetched once, with the type of its first
+// use, so every use of one index must read the same kind of value.
+enum Kind : uint8_t { kIntegerKind, kPointerKind, kDoubleKind, kLongDoubleKind };
+constexpr Kind kKindOf[kTypeCount] = {
+    kIntegerKind, kIntegerKind, kPointerKind, kPointerKind, kIntegerKind,    // c C s S hd
+    kIntegerKind, kIntegerKind, kIntegerKind, kIntegerKind, kIntegerKind,    // hu d u ld lu
+    kIntegerKind, kIntegerKind, kPointerKind, kDoubleKind, kDoubleKind,      // lld llu p e f
+    kDoubleKind,  kLongDoubleKind, kLongDoubleKind, kLongDoubleKind, kIntegerKind,  // g Le Lf Lg %
+};
+
+// Records one use of argument index i with type t (kUInt for a width or a
+// precision). False when the use conflicts with the type that fetches the
+// argument: another kind of value, or a byte string read as a wide one or
+// the other way round (reading either would run past the caller's text).
 inline bool useArgument(Argument* args, int32_t i, int32_t t, bool named) {
   Argument& a = args[i];
   if ((a.type & kTypeMask) == kTypeUnset) a.type = (a.type & ~kTypeMask) | t;
   if (named) a.type |= kNamedMark;
-  if (t == kString || t == kWideString) {
-    int32_t fetched = a.type & kTypeMask;
-    return fetched == t || fetched == kPointer;
-  }
-  return true;
+  const int32_t fetched = a.type & kTypeMask;
+  if (kKindOf[fetched] != kKindOf[t]) return false;
+  return !((t == kString && fetched == kWideString) || (t == kWideString && fetched == kString));
 }
 
 // Fetches argument i with the type it was given.
 inline void fetchArgument(Argument* a, va_list* ap) {
+  memset(&a->value, 0, sizeof a->value);
   switch (a->type) {
     case kChar:
       a->value.i = static_cast<unsigned char>(va_arg(*ap, int));
@@ -823,7 +909,6 @@ inline void fetchArgument(Argument* a, va_list* ap) {
     case kString:
     case kWideString:
     case kPointer:
-      a->value.u = 0;
       a->value.p = va_arg(*ap, const void*);
       break;
     case kShort:
@@ -881,10 +966,29 @@ int zar_vsnprintf_parse(Context* ctx, nlz_cs_t cs, const char* fmt, va_list ap) 
   int err = EINVAL;
   // Indices are assigned left to right as the conversions are read: a
   // width, then a precision, then the value; unnamed ones take the next index
-  // after the last one assigned.
+  // after the last one assigned. While no index is named and all fit inline
+  // (the usual format), each index has exactly one use, whose type is
+  // recorded at once; otherwise a second pass finds the first use of each
+  // index and checks the named ones.
   int64_t counter = 0;
   int64_t highest = 0;
   int64_t highestNamed = 0;
+  bool sequential = true;
+  // Assigns the index of one use: named (set the counter) or the next one.
+  auto assign = [&](bool named, int32_t* index, int32_t type) {
+    if (named) {
+      counter = *index;
+      if (counter > highestNamed) highestNamed = counter;
+      sequential = false;
+    } else {
+      if (counter >= INT32_MAX) return false;
+      *index = static_cast<int32_t>(++counter);
+      if (counter >= f::kInlineArguments) sequential = false;
+      if (sequential) ctx->inlineArguments[counter].type = type;
+    }
+    if (counter > highest) highest = counter;
+    return true;
+  };
   const char* p = fmt;
   for (;;) {
     p = strchrnul(p, '%');
@@ -898,38 +1002,16 @@ int zar_vsnprintf_parse(Context* ctx, nlz_cs_t cs, const char* fmt, va_list ap) 
     p = f::parseConversion(p + 1, c);
     if (p == nullptr) goto fail;
     c->end = p;
-    if (c->flags & f::kFlagWidthArg) {
-      if (c->flags & f::kFlagWidthNamed) {
-        counter = c->width;
-        if (counter > highestNamed) highestNamed = counter;
-      } else {
-        if (counter >= INT32_MAX) goto fail;
-        c->width = static_cast<int32_t>(++counter);
-      }
-      if (counter > highest) highest = counter;
-    }
-    if (c->flags & f::kFlagPrecArg) {
-      if (c->flags & f::kFlagPrecNamed) {
-        counter = c->precision;
-        if (counter > highestNamed) highestNamed = counter;
-      } else {
-        if (counter >= INT32_MAX) goto fail;
-        c->precision = static_cast<int32_t>(++counter);
-      }
-      if (counter > highest) highest = counter;
-    }
-    if (c->type == f::kPercent) {
-      c->argIndex = 0;
-    } else {
-      if (c->flags & f::kFlagNamedArg) {
-        counter = c->argIndex;
-        if (counter > highestNamed) highestNamed = counter;
-      } else {
-        if (counter >= INT32_MAX) goto fail;
-        c->argIndex = static_cast<int32_t>(++counter);
-      }
-      if (counter > highest) highest = counter;
-    }
+    const uint32_t flags = c->flags;
+    if ((flags & f::kFlagWidthArg) &&
+        !assign((flags & f::kFlagWidthNamed) != 0, &c->width, f::kUInt))
+      goto fail;
+    if ((flags & f::kFlagPrecArg) &&
+        !assign((flags & f::kFlagPrecNamed) != 0, &c->precision, f::kUInt))
+      goto fail;
+    if (c->type != f::kPercent &&
+        !assign((flags & f::kFlagNamedArg) != 0, &c->argIndex, c->type))
+      goto fail;
   }
   ctx->formatEnd = p;
   if (highest >= f::kInlineArguments) {
@@ -947,28 +1029,30 @@ int zar_vsnprintf_parse(Context* ctx, nlz_cs_t cs, const char* fmt, va_list ap) 
   ctx->argumentCount = static_cast<int32_t>(highest);
   {
     Argument* args = ctx->arguments;
-    for (int64_t i = 1; i <= highest; ++i) args[i].type = f::kTypeUnset;
-    // Types of the first use: records in format order; in a record its
-    // value, then its width, then its precision.
-    const Conversion* const last = ctx->conversions + ctx->conversionCount;
-    for (const Conversion* c = ctx->conversions; c != last; ++c) {
-      if (c->type != f::kPercent &&
-          !f::useArgument(args, c->argIndex, c->type, (c->flags & f::kFlagNamedArg) != 0))
-        goto fail;
-      if (c->flags & f::kFlagWidthArg)
-        f::useArgument(args, c->width, f::kUInt, (c->flags & f::kFlagWidthNamed) != 0);
-      if (c->flags & f::kFlagPrecArg)
-        f::useArgument(args, c->precision, f::kUInt, (c->flags & f::kFlagPrecNamed) != 0);
+    if (!sequential) {
+      for (int64_t i = 1; i <= highest; ++i) args[i].type = f::kTypeUnset;
+      // Types of the first use: records in format order; in a record its
+      // value, then its width, then its precision.
+      const Conversion* const last = ctx->conversions + ctx->conversionCount;
+      for (const Conversion* c = ctx->conversions; c != last; ++c) {
+        if (c->type != f::kPercent &&
+            !f::useArgument(args, c->argIndex, c->type, (c->flags & f::kFlagNamedArg) != 0))
+          goto fail;
+        if ((c->flags & f::kFlagWidthArg) &&
+            !f::useArgument(args, c->width, f::kUInt, (c->flags & f::kFlagWidthNamed) != 0))
+          goto fail;
+        if ((c->flags & f::kFlagPrecArg) &&
+            !f::useArgument(args, c->precision, f::kUInt, (c->flags & f::kFlagPrecNamed) != 0))
+          goto fail;
+      }
+      // Once any index is named, all up to the highest named one must be.
+      for (int64_t i = 1; i <= highestNamed; ++i)
+        if (!(args[i].type & f::kNamedMark)) goto fail;
+      for (int64_t i = 1; i <= highest; ++i) args[i].type &= f::kTypeMask;
     }
-    // Once any index is named, all up to the highest named one must be.
-    for (int64_t i = 1; i <= highestNamed; ++i)
-      if (!(args[i].type & f::kNamedMark)) goto fail;
     va_list list;
     va_copy(list, ap);
-    for (int64_t i = 1; i <= highest; ++i) {
-      args[i].type &= f::kTypeMask;
-      f::fetchArgument(&args[i], &list);
-    }
+    for (int64_t i = 1; i <= highest; ++i) f::fetchArgument(&args[i], &list);
     va_end(list);
   }
   return 0;

@@ -16,7 +16,9 @@
 // nothing for a null pointer; a precision clears the '0' flag for every
 // conversion; a negative width argument means no width (except for the
 // floating conversions, which follow the C library); 'h'/'l' with a floating
-// conversion, 'hh', 'F', 'n', 'a', 'A' are errors.
+// conversion, 'hh', 'F', 'n', 'a', 'A' are errors; so is an argument index
+// used for different kinds of value (integer, width and precision; pointer;
+// double; long double) or for both %s and %S.
 //
 // Usage:
 //   zar::format::Context ctx;

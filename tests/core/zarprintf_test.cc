@@ -83,6 +83,7 @@ TEST(ZarPrintf, FormatsAsDescribed) {
       {F("%5%|%-3%|100%%"), "    %|%  |100%"},
       {F("%1$s %1$s %2$d", "r", 2), "r r 2"},
       {F("%1$d %d", 1, 2), "1 2"},
+      {F("%1$d|%1$x|%1$.*1$d|%2$s%2$p", 3, nullptr), "3|3|003|"},
       {F("%e|%E|%g|%G|%f", 1.5, 1.5, 0.0001, 1e20, -2.25), "1.500000e+00|1.500000E+00|0.0001|1E+20|-2.250000"},
       {F("%Lf|%LG|%lle", 1.25L, 1e-10L, 2.0L), "1.250000|1E-10|2.000000e+00"},
       {F("%-8.2f|%+.1e|%#.0f", 3.14159, 12345.678, 2.0), "3.14    |+1.2e+04|2."},
@@ -113,7 +114,8 @@ TEST(ZarPrintf, MalformedFormatsFailWithoutRendering) {
       "%A",      "%hhd",     "%hld",   "%lhd",    "%Lhd",    "%llld",   "%lld%Lld%qqd",
       "%lf",     "%hf",      "%le",    "%hG",     "%5*d",    "%.5*d",   "%*5d",   "%1$*5d",
       "%*2$d",   "%.*2$d",   "%1$s %3$s", "%2$d", "%0$d",  "%1$*0$d", "%1$d %1$S",
-      "%1$d %1$s", "%1$S %1$s", "%s %d %y", "%00-5d",
+      "%1$d %1$s", "%1$S %1$s", "%s %d %y", "%00-5d", "%1$f %1$d", "%1$*1$f",
+      "%1$Lf %1$f", "%1$p %1$d", "%1$d %1$.*1$e",
   };
   char* poison = reinterpret_cast<char*>(16);  // would fault if it were rendered
   for (const char* fmt : bad) {
@@ -136,6 +138,7 @@ TEST(ZarPrintf, SizeZeroWritesNothing) {
   EXPECT_EQ(11, zar_snprintf(buf, 0, "hello world"));
   EXPECT_EQ(11, zar_snprintf(buf, -3, "hello %s", "world"));
   EXPECT_EQ(11, zar_snprintf(nullptr, 0, "hello %s", "world"));
+  EXPECT_EQ(4, zar_snprintf(nullptr, 0, "%3S|", u"a"));  // padding before a wide string
   EXPECT_EQ(0, memcmp(buf, "QQQQ", 4));
   EXPECT_EQ(8, zar_snprintf(buf, 0, "%8.3f", 2.0));
   EXPECT_EQ(0, memcmp(buf, "QQQQ", 4));

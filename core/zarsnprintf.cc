@@ -10,6 +10,7 @@
 
 #include "core/zarmem.h"
 #include "core/zarprintf.h"
+#include "zar/nls.h"
 
 namespace {
 
@@ -107,6 +108,54 @@ int zar_asprintf_cs(char** result, zar_codeset_t cs, const char* fmt, ...) {
   va_list ap;
   va_start(ap, fmt);
   int n = zar_vasprintf_cs(result, cs, fmt, ap);
+  va_end(ap);
+  return n;
+}
+
+int zar_vsnprintf_lcp(char* buf, int size, const char* fmt, va_list ap) {
+  return zar_vsnprintf_cs(buf, size, zarsvc_get_local_code_page(), fmt, ap);
+}
+
+int zar_snprintf_lcp(char* buf, int size, const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  int n = zar_vsnprintf_lcp(buf, size, fmt, ap);
+  va_end(ap);
+  return n;
+}
+
+int zar_vsnprintf_utf8(char* buf, int size, const char* fmt, va_list ap) {
+  return zar_vsnprintf_cs(buf, size, zarsvc_get_utf8_code_page(), fmt, ap);
+}
+
+int zar_snprintf_utf8(char* buf, int size, const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  int n = zar_vsnprintf_utf8(buf, size, fmt, ap);
+  va_end(ap);
+  return n;
+}
+
+int zar_vasprintf_lcp(char** result, const char* fmt, va_list ap) {
+  return zar_vasprintf_cs(result, zarsvc_get_local_code_page(), fmt, ap);
+}
+
+int zar_asprintf_lcp(char** result, const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  int n = zar_vasprintf_lcp(result, fmt, ap);
+  va_end(ap);
+  return n;
+}
+
+int zar_vasprintf_utf8(char** result, const char* fmt, va_list ap) {
+  return zar_vasprintf_cs(result, zarsvc_get_utf8_code_page(), fmt, ap);
+}
+
+int zar_asprintf_utf8(char** result, const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  int n = zar_vasprintf_utf8(result, fmt, ap);
   va_end(ap);
   return n;
 }

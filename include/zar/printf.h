@@ -46,12 +46,26 @@ ZAR_API int zar_snprintf_cs(char* buf, int size, zar_codeset_t cs, const char* f
 ZAR_API int zar_vsnprintf_cs(char* buf, int size, zar_codeset_t cs, const char* fmt,
                              va_list ap);
 
+/* As zar_snprintf, with wide conversions into the calling thread's local
+ * code page (zarsvc_get_local_code_page(), zar/nls.h). */
+ZAR_API int zar_snprintf_lcp(char* buf, int size, const char* fmt, ...);
+ZAR_API int zar_vsnprintf_lcp(char* buf, int size, const char* fmt, va_list ap);
+
+/* As zar_snprintf, with wide conversions into UTF-8
+ * (zarsvc_get_utf8_code_page(), zar/nls.h). */
+ZAR_API int zar_snprintf_utf8(char* buf, int size, const char* fmt, ...);
+ZAR_API int zar_vsnprintf_utf8(char* buf, int size, const char* fmt, va_list ap);
+
 /* Formats into a new text stored in *result; returns its length.
  * REQUIRES: result and fmt non-NULL (else -1, EINVAL, *result untouched). */
 ZAR_API int zar_asprintf(char** result, const char* fmt, ...);
 ZAR_API int zar_vasprintf(char** result, const char* fmt, va_list ap);
 ZAR_API int zar_asprintf_cs(char** result, zar_codeset_t cs, const char* fmt, ...);
 ZAR_API int zar_vasprintf_cs(char** result, zar_codeset_t cs, const char* fmt, va_list ap);
+ZAR_API int zar_asprintf_lcp(char** result, const char* fmt, ...);
+ZAR_API int zar_vasprintf_lcp(char** result, const char* fmt, va_list ap);
+ZAR_API int zar_asprintf_utf8(char** result, const char* fmt, ...);
+ZAR_API int zar_vasprintf_utf8(char** result, const char* fmt, va_list ap);
 
 /* Releases a text made by the asprintf functions; NULL is ignored. */
 ZAR_API void zar_asprintf_free(char* text);

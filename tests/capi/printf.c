@@ -58,6 +58,14 @@ int main(void) {
   expect(zar_asprintf_cs(&text, NULL, "[%5S]", wide) == 7 && strcmp(text, "[ wide]") == 0,
          "zar_asprintf_cs");
   zar_asprintf_free(text);
+  expect(zar_snprintf_utf8(buf, sizeof buf, "%S", wide) == 4 && strcmp(buf, "wide") == 0,
+         "zar_snprintf_utf8");
+  expect(zar_snprintf_lcp(buf, sizeof buf, "<%-5S>", wide) == 7 && strcmp(buf, "<wide >") == 0,
+         "zar_snprintf_lcp");
+  expect(zar_asprintf_utf8(&text, "%C", 0xe9) == 2 && strcmp(text, "\xc3\xa9") == 0, "zar_asprintf_utf8");
+  zar_asprintf_free(text);
+  expect(zar_asprintf_lcp(&text, "%s", "x") == 1 && strcmp(text, "x") == 0, "zar_asprintf_lcp");
+  zar_asprintf_free(text);
   text = buf;
   expect(viaVas(&text, NULL, "%y") == -1 && text == buf, "zar_vasprintf_cs leaves the result");
   return failures == 0 ? 0 : 1;

@@ -98,26 +98,17 @@ INSTANTIATE_TEST_SUITE_P(
         DecodeCase{Alpha::kStd, "VGhlIHF1aWNrIGJyb3duIGZveCBqdW1wcyBvdmVyIHRoZSBsYXp5IGRvZw==",
                    "The quick brown fox jumps over the lazy dog"}));
 
-TEST(Base64, EncodingNeedsRoomForTheTerminatorOrWritesNothing) {
-  char buf[8];
-  memset(buf, 'x', sizeof buf);
-  zar_base64_std_encode("ABC", 3, buf, 4);
-  EXPECT_EQ(std::string(8, 'x'), std::string(buf, 8));
-  zar_base64_std_encode("ABC", 3, buf, 5);
-  EXPECT_STREQ("QUJD", buf);
-  zar_base64_std_encode("ABC", 3, nullptr, 5);  // no buffer: nothing, no crash
-}
-
-TEST(Base64, NullDecodeArgumentsGiveNoBytes) {
-  uint8_t out[3];
+TEST(Base64, TooSmallOrNullBuffersGetNothing) {
+  char buf[8] = "xxxxxxx";
+  zar_base64_std_encode("ABC", 3, buf, 4);  // 5 bytes are needed
+  EXPECT_STREQ("xxxxxxx", buf);
+  zar_base64_std_encode("ABC", 3, nullptr, 5);
   uint64_t n = 7;
-  zar_base64_std_decode(nullptr, 4, out, &n);
+  zar_base64_std_decode(nullptr, 4, buf, &n);
   EXPECT_EQ(0u, n);
   n = 7;
   zar_base64_std_decode("QUJD", 4, nullptr, &n);
   EXPECT_EQ(0u, n);
-  zar_base64_std_decode("QUJD", 4, out, nullptr);
-  EXPECT_EQ(0, memcmp(out, "ABC", 3));
 }
 
 // Every length from 0 to 200 in both alphabets round-trips, also with white

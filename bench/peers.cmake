@@ -6,3 +6,6 @@ target_compile_definitions(msg_bench PRIVATE ZAR_BENCH_NLS_DIR="${ZAR_NLS_BUILD_
 # Formatted output: fmt's format_to_n runs beside glibc for reference.
 find_package(fmt REQUIRED)
 target_link_libraries(printf_bench PRIVATE fmt::fmt)
+# UUIDs: libuuid's time-based generation and text form.
+find_library(ZAR_PEER_UUID uuid REQUIRED)
+target_link_libraries(uuid_bench PRIVATE ${ZAR_PEER_UUID})

@@ -28,6 +28,7 @@
 #include "zar/msginit.h"
 #include "zar/uuid.h"
 #include "zar/paths.h"
+#include "zar/file.h"
 #include "zar/thread.h"
 #include "zar/util.h"
 #include "zar/utc.h"

@@ -1,0 +1,72 @@
+// Cryptographically strong random bytes from the crypto toolkit.
+//
+// One toolkit context per process, made on the first request under a
+// once-control and never released; after that any thread may ask for bytes
+// (the toolkit's context keeps no per-call state). Toolkit failures are
+// logged as error messages of the client component and reported as
+// ZAR_S_KRY_FAILURE.
+#include <pthread.h>
+#include <string.h>
+
+#include "platform/kry.h"
+#include "zar/status.h"
+#include "zar/svc.h"
+#include "zar/util.h"
+
+namespace zar::random {
+namespace {
+
+constexpr char kRecordName[] = "core/zarrandom";
+
+// The client component's handle, registering the product's components first
+// when the program has not (zarmsg_init does), so that the report is not
+// lost.
+zar_svc_handle clientHandle() {
+  if (zarsv_client_svc_handle == nullptr) {
+    unsigned long st = 0;
+    zar_svc_init(0, &st);
+  }
+  return zarsv_client_svc_handle;
+}
+
+// Invariants: kryCtx is written once, inside zarkryInitOnceBlock, and only
+// read afterwards; null when the toolkit could not be set up.
+KRY_CTX kryCtx = nullptr;
+pthread_once_t zarkryInitOnceBlock = PTHREAD_ONCE_INIT;
+
+void initContext() {
+  KRY_STATUS st;
+  memset(&st, 0, sizeof st);
+  KRY_CTX ctx = KRY_Init(&st, nullptr);
+  if (ctx != nullptr) {
+    // Wait for the kernel's pool rather than failing early in boot; the
+    // results are not needed: a context that cannot deliver fails later,
+    // in KRY_RAND_bytes, with its own error.
+    KRY_SetValue(ctx, &st, KRY_VALUE_NONBLOCKING, "off");
+    memset(&st, 0, sizeof st);
+    KRY_Attach(ctx, &st);
+  }
+  kryCtx = ctx;
+}
+
+}  // namespace
+}  // namespace zar::random
+
+extern "C" ZAR_API uint32_t zar_get_random_bytes(void* buffer, uint32_t count) {
+  using namespace zar::random;
+  if (count == 0 || buffer == nullptr) return ZAR_S_INVALID_INPUT;
+  pthread_once(&zarkryInitOnceBlock, initContext);
+  if (kryCtx == nullptr) return ZAR_S_NO_MEMORY;
+  if (KRY_RAND_bytes(kryCtx, static_cast<unsigned char*>(buffer), count) == 1) return ZAR_S_OK;
+  unsigned long err = KRY_ERR_get_error(kryCtx);
+  if (err != 0) {
+    char text[KRY_ERROR_STRING_LEN];
+    KRY_ERR_error_string(err, text);
+    zar_svc_printf_withfile(clientHandle(), kRecordName, __LINE__, "%s%s", 0,
+                            svc_c_sev_error, ZAR_S_KRY_FAILURE_DETAIL, "KRY_RAND_bytes", text);
+  } else {
+    zar_svc_printf_withfile(clientHandle(), kRecordName, __LINE__, "%s", 0,
+                            svc_c_sev_error, ZAR_S_KRY_FAILURE_NO_DETAIL, "KRY_RAND_bytes");
+  }
+  return ZAR_S_KRY_FAILURE;
+}

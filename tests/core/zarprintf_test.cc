@@ -139,6 +139,10 @@ TEST(ZarPrintf, SizeZeroWritesNothing) {
   EXPECT_EQ(11, zar_snprintf(buf, -3, "hello %s", "world"));
   EXPECT_EQ(11, zar_snprintf(nullptr, 0, "hello %s", "world"));
   EXPECT_EQ(4, zar_snprintf(nullptr, 0, "%3S|", u"a"));  // padding before a wide string
+  EXPECT_EQ(INT_MAX, zar_snprintf(nullptr, 0, "%99999999999d", 1));  // widths saturate
+  errno = 0;
+  EXPECT_EQ(-1, zar_snprintf(nullptr, 0, "%2147483647d%d", 1, 2));
+  EXPECT_EQ(EOVERFLOW, errno);
   EXPECT_EQ(0, memcmp(buf, "QQQQ", 4));
   EXPECT_EQ(8, zar_snprintf(buf, 0, "%8.3f", 2.0));
   EXPECT_EQ(0, memcmp(buf, "QQQQ", 4));

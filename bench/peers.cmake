@@ -9,3 +9,8 @@ target_link_libraries(printf_bench PRIVATE fmt::fmt)
 # UUIDs: libuuid's time-based generation and text form.
 find_library(ZAR_PEER_UUID uuid REQUIRED)
 target_link_libraries(uuid_bench PRIVATE ${ZAR_PEER_UUID})
+# Serviceability records: spdlog's synchronous file sink is the peer; the
+# catalogs of this build serve the catalog case of the instruction count.
+find_package(spdlog REQUIRED)
+target_link_libraries(svc_bench PRIVATE spdlog::spdlog)
+target_compile_definitions(svc_bench PRIVATE ZAR_BENCH_NLS_DIR="${ZAR_NLS_BUILD_DIR}")

@@ -104,6 +104,14 @@ struct svc_callbacks {
 
 namespace zar::svc {
 
+// The local time text of one whole second, kept for the records of that
+// second. msAt is the index of its milliseconds (0: nothing kept).
+struct TimeTextCache {
+  int64_t second = 0;
+  size_t msAt = 0;
+  char text[50] = {};
+};
+
 // Invariants: every field below `mutex` is read and written only with mutex
 // held (the exceptions say so). Arrays grow by one slot at a time and never
 // shrink except map and callbacks, which shrink on removal.
@@ -127,6 +135,10 @@ struct SvcState {
   uint32_t numFileroutes = 0;       // mutex
 
   std::atomic<pid_t> pid{0};        // cached process id; refreshed in a fork child
+
+  TimeTextCache timeCache;          // mutex: local time text of the latest second printed
+  char pidName[32] = {};            // mutex: "PID#" and pidNameOf
+  pid_t pidNameOf = 0;              // mutex: the process id pidName was made for
 };
 
 extern SvcState gSvc;
@@ -194,7 +206,12 @@ svc_route_list* goestoList(const char* name);
 // owned prolog.format are heap blocks of zar::mem; parsed is live (needs
 // zar_vsnprintf_done) exactly when parseState is 1.
 struct zar_svc_record {
-  zar_svc_record() = default;
+  // Only what tells "not built yet" is cleared; buildProlog fills the rest.
+  zar_svc_record() {
+    prolog.handle = nullptr;
+    prolog.format = nullptr;
+    prolog.xml = 0;
+  }
   ~zar_svc_record();
   zar_svc_record(const zar_svc_record&) = delete;
   zar_svc_record& operator=(const zar_svc_record&) = delete;
@@ -210,10 +227,10 @@ struct zar_svc_record {
   bool convertTried = false;   // converted has been attempted (it may have failed)
   bool formatOwned = false;    // prolog.format is an owned copy
   bool timeKnown = false;      // timeText holds the prolog's time
-  char timeText[50] = {};      // local time text of prolog.t
+  char timeText[50];           // local time text of prolog.t (once timeKnown)
   int parseState = 0;          // parsed: 0 not yet, 1 parsed, -1 the format is bad
   zar::format::Context parsed; // the format with its arguments, in the default code set
-  zar_svc_prolog prolog = {};
+  zar_svc_prolog prolog;
 };
 
 namespace zar::svc {

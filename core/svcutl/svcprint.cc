@@ -3,6 +3,7 @@
 // the form the route's kind needs (a text record with its prefix, the text
 // converted to UTF-8, or an XML record), and finally takes the message's
 // abort or exit action.
+#include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -28,16 +29,79 @@ constexpr size_t kSprintfBuffer = 8192;
 
 // ---- Building a record's bytes ----------------------------------------------
 
-// Collects a record's bytes in a stack buffer and hands them to the stream in
-// as few writes as possible; longer output goes out in pieces.
+// Whether a stream is one of the library's log files. Only the library
+// writes to those, and it leaves nothing in their stdio buffers, so a record
+// goes straight to the file's descriptor; the standard streams, which the
+// program writes too, are written through stdio.
+bool isLogFile(FILE* stream) { return stream != stdout && stream != stderr; }
+
+// Writes v as at least eight hexadecimal digits ("%8.8lx", "%8.8lX") at w;
+// returns the end (at most 16 bytes are written).
+// Eight hexadecimal digits of v, most significant first, as the bytes of a
+// word in memory order: the nibbles are spread one per byte and turned into
+// digits all at once.
+uint64_t hexWord(uint32_t v, bool upper) {
+  uint64_t x = v;
+  x = ((x & 0xFFFF0000ULL) << 16) | (x & 0xFFFFULL);
+  x = ((x & 0x0000FF000000FF00ULL) << 8) | (x & 0x000000FF000000FFULL);
+  x = ((x & 0x00F000F000F000F0ULL) << 4) | (x & 0x000F000F000F000FULL);
+  // x now holds the nibbles, the most significant in the highest byte.
+  uint64_t letters = ((x + 0x0606060606060606ULL) >> 4) & 0x0101010101010101ULL;
+  x += 0x3030303030303030ULL + letters * (upper ? 7 : 39);
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  x = __builtin_bswap64(x);
+#endif
+  return x;
+}
+
+char* putHex8(char* w, unsigned long v, bool upper) {
+  uint32_t high = static_cast<uint32_t>(static_cast<uint64_t>(v) >> 32);
+  if (high != 0) {
+    int digits = (32 - __builtin_clz(high) + 3) / 4;
+    char tmp[8];
+    uint64_t x = hexWord(high, upper);
+    memcpy(tmp, &x, 8);
+    memcpy(w, tmp + 8 - digits, static_cast<size_t>(digits));
+    w += digits;
+  }
+  uint64_t x = hexWord(static_cast<uint32_t>(v), upper);
+  memcpy(w, &x, 8);
+  return w + 8;
+}
+
+// Writes v in decimal at w; returns the end (at most 20 bytes are written).
+char* putDec(char* w, long long v) {
+  char tmp[24];
+  char* end = tmp + sizeof tmp;
+  char* p = end;
+  unsigned long long u = v < 0 ? 0ULL - static_cast<unsigned long long>(v)
+                               : static_cast<unsigned long long>(v);
+  do {
+    *--p = static_cast<char>('0' + u % 10);
+    u /= 10;
+  } while (u != 0);
+  if (v < 0) *--p = '-';
+  memcpy(w, p, static_cast<size_t>(end - p));
+  return w + (end - p);
+}
+
+// Collects a record's bytes in a stack buffer and hands them on in as few
+// writes as possible: to the descriptor of a log file, or to a standard
+// stream through stdio. Longer records go out in pieces, which the file lock
+// keeps together.
 class OutBuf {
  public:
-  explicit OutBuf(FILE* stream) : stream_(stream) {}
+  explicit OutBuf(FILE* stream) : stream_(stream), fd_(isLogFile(stream) ? fileno(stream) : -1) {}
   ~OutBuf() { flush(); }
   OutBuf(const OutBuf&) = delete;
   OutBuf& operator=(const OutBuf&) = delete;
 
   void put(const char* p, size_t n) {
+    if (n <= sizeof buf_ - len_) {
+      memcpy(buf_ + len_, p, n);
+      len_ += n;
+      return;
+    }
     while (n > 0) {
       if (len_ == sizeof buf_) flush();
       size_t k = sizeof buf_ - len_ < n ? sizeof buf_ - len_ : n;
@@ -52,32 +116,20 @@ class OutBuf {
     if (len_ == sizeof buf_) flush();
     buf_[len_++] = c;
   }
-  // At least eight hexadecimal digits ("%8.8lx", "%8.8lX").
-  void hex8(unsigned long v, bool upper) {
-    const char* digits = upper ? "0123456789ABCDEF" : "0123456789abcdef";
-    char tmp[16];
-    int n = 0;
-    do {
-      tmp[n++] = digits[v & 0xF];
-      v >>= 4;
-    } while (v != 0);
-    while (n < 8) tmp[n++] = '0';
-    while (n > 0) put(tmp[--n]);
+  void hex8(unsigned long v, bool upper) { len_ = putHex8(reserve(16), v, upper) - buf_; }
+  void dec(long long v) { len_ = putDec(reserve(24), v) - buf_; }
+  // Room for n bytes at the end of the buffer (flushing it first when
+  // needed), to be filled and then committed; null when n exceeds the
+  // buffer.
+  char* reserve(size_t n) {
+    if (n > sizeof buf_) return nullptr;
+    if (sizeof buf_ - len_ < n) flush();
+    return buf_ + len_;
   }
-  void dec(long long v) {
-    char tmp[24];
-    int n = 0;
-    unsigned long long u = v < 0 ? 0ULL - static_cast<unsigned long long>(v)
-                                 : static_cast<unsigned long long>(v);
-    do {
-      tmp[n++] = static_cast<char>('0' + u % 10);
-      u /= 10;
-    } while (u != 0);
-    if (v < 0) put('-');
-    while (n > 0) put(tmp[--n]);
-  }
-  // Renders a parsed format into the buffer, or straight into the stream
-  // when it does not fit. False when the format cannot be rendered.
+  void commit(size_t n) { len_ += n; }
+  // Renders a parsed format; a text longer than the buffer is rendered into
+  // a block of its own. False when the format cannot be rendered (or memory
+  // for a long text cannot be had).
   bool render(format::Context* ctx) {
     size_t room = sizeof buf_ - len_;
     int n = zar_vsnprintf_render(ctx, buf_ + len_, room);
@@ -86,39 +138,45 @@ class OutBuf {
       len_ += static_cast<size_t>(n);
       return true;
     }
-    flush();
-    if (static_cast<size_t>(n) < sizeof buf_) {
-      n = zar_vsnprintf_render(ctx, buf_, sizeof buf_);
-      if (n < 0) return false;
-      len_ = static_cast<size_t>(n);
-      return true;
-    }
-    return zar_vsnprintf_render_stream(ctx, stream_) >= 0;
+    mem::Unique<char> text(static_cast<char*>(mem::alloc(static_cast<size_t>(n) + 1)));
+    if (!text || zar_vsnprintf_render(ctx, text.get(), static_cast<size_t>(n) + 1) != n)
+      return false;
+    put(text.get(), static_cast<size_t>(n));
+    return true;
   }
   void flush() {
-    if (len_ > 0) sys::fwrite(buf_, 1, len_, stream_);
+    if (len_ == 0) return;
+    if (fd_ >= 0) {
+      sys::writeAll(fd_, buf_, len_);
+    } else {
+      sys::fwrite(buf_, 1, len_, stream_);
+    }
     len_ = 0;
   }
 
  private:
   FILE* stream_;
+  int fd_;  // the log file's descriptor, or -1 for a standard stream
   size_t len_ = 0;
   char buf_[2048];
 };
 
 // A stream held for one record: the whole-file write lock (so that processes
-// sharing the file never interleave records), no cancellation, and the
-// stream's own lock (so that other threads of the process writing to it
-// directly do not either). Flushes when it lets go.
+// sharing the file never interleave records) and no cancellation; for a
+// standard stream also its stdio lock (so that the program's own writes to it
+// do not interleave either), and a flush when it lets go.
 class StreamHold {
  public:
-  explicit StreamHold(FILE* stream) : stream_(stream), fd_(fileno(stream)) {
+  explicit StreamHold(FILE* stream)
+      : stream_(stream), fd_(fileno(stream)), logFile_(isLogFile(stream)) {
     previous_ = zar_svc__lock_for_write(fd_);
-    flockfile(stream_);
+    if (!logFile_) flockfile(stream_);
   }
   ~StreamHold() {
-    sys::fflush(stream_);
-    funlockfile(stream_);
+    if (!logFile_) {
+      sys::fflush(stream_);
+      funlockfile(stream_);
+    }
     zar_svc__unlock_for_write(fd_, previous_);
   }
   StreamHold(const StreamHold&) = delete;
@@ -127,6 +185,7 @@ class StreamHold {
  private:
   FILE* stream_;
   int fd_;
+  bool logFile_;
   int previous_;
 };
 
@@ -235,11 +294,37 @@ format::Context* parsedFormat(zar_svc_record* record, va_list args) {
   return record->parseState == 1 ? &record->parsed : nullptr;
 }
 
+// The local time text of the record's time. The text of a whole second is
+// made once and kept; records within that second only put in their
+// milliseconds. (Zone offsets change at whole seconds, so the kept text is
+// right for the whole second; a changed TZ shows from the next second on.)
 const char* timeText(zar_svc_record* record) {
-  if (!record->timeKnown) {
-    record->timeKnown = true;
-    if (zar_utc_asclocaltime(record->timeText, sizeof record->timeText, &record->prolog.t) != 0)
-      record->timeText[0] = '\0';
+  if (record->timeKnown) return record->timeText;
+  record->timeKnown = true;
+  struct timespec ts = {};
+  TimeTextCache& cache = gSvc.timeCache;
+  if (zar_utc_bintime(&ts, nullptr, nullptr, &record->prolog.t) == 0 && cache.msAt != 0 &&
+      ts.tv_sec == cache.second) {
+    memcpy(record->timeText, cache.text, sizeof record->timeText);
+    long ms = ts.tv_nsec / 1000000;
+    record->timeText[cache.msAt] = static_cast<char>('0' + ms / 100);
+    record->timeText[cache.msAt + 1] = static_cast<char>('0' + ms / 10 % 10);
+    record->timeText[cache.msAt + 2] = static_cast<char>('0' + ms % 10);
+    return record->timeText;
+  }
+  if (zar_utc_asclocaltime(record->timeText, sizeof record->timeText, &record->prolog.t) != 0) {
+    record->timeText[0] = '\0';
+    return record->timeText;
+  }
+  // Keep it when the milliseconds are where the form puts them: three
+  // digits after the first '.'.
+  const char* dot = strchr(record->timeText, '.');
+  cache.msAt = 0;
+  if (dot != nullptr && isdigit(static_cast<unsigned char>(dot[1])) &&
+      isdigit(static_cast<unsigned char>(dot[2])) && isdigit(static_cast<unsigned char>(dot[3]))) {
+    memcpy(cache.text, record->timeText, sizeof cache.text);
+    cache.second = ts.tv_sec;
+    cache.msAt = static_cast<size_t>(dot + 1 - record->timeText);
   }
   return record->timeText;
 }
@@ -566,32 +651,53 @@ void printPrefix(OutBuf& out, zar_svc_record* record, int newline, bool convertS
     putXmlHead(out, record, convertStrings, args);
     return;
   }
+  // "TIME 0xID PROGRAM SEVERITY COMPONENT SUB FILE LINE 0xTHREAD" or, for a
+  // debug record, "TIME PROGRAM DEBUGn COMPONENT SUB FILE LINE 0xTHREAD".
   const zar_svc_prolog& p = record->prolog;
-  out.put(timeText(record));
-  out.put(' ');
-  if (isDebug(p)) {
-    out.put(p.progname);
-    out.put(" DEBUG");
-    out.dec(p.attributes & svc_c_debug_mask);
-  } else {
-    out.put("0x");
-    out.hex8(p.message_index, true);
+  const char* text[6] = {timeText(record), p.progname,
+                         isDebug(p) ? "DEBUG" : kCodeTable[severityIndex(p.attributes)],
+                         p.handle->component, p.handle->table[p.table_index].name, p.file};
+  size_t len[6];
+  size_t total = 64;  // blanks, id, level, line, thread, separator
+  for (int i = 0; i < 6; ++i) total += len[i] = strlen(text[i]);
+  char* w = out.reserve(total);
+  if (w == nullptr) {  // names too long for the buffer: piece by piece
+    out.put(text[0], len[0]);
+    if (!isDebug(p)) {
+      out.put(" 0x");
+      out.hex8(p.message_index, true);
+    }
+    for (int i = 1; i < 6; ++i) {
+      out.put(' ');
+      out.put(text[i], len[i]);
+      if (i == 2 && isDebug(p)) out.dec(p.attributes & svc_c_debug_mask);
+    }
     out.put(' ');
-    out.put(p.progname);
-    out.put(' ');
-    out.put(kCodeTable[severityIndex(p.attributes)]);
+    out.dec(p.line);
+    out.put(" 0x");
+    out.hex8(zar_svc__mapthreadid(&p.thread_id), false);
+    out.put(newline ? '\n' : ' ');
+    return;
   }
-  out.put(' ');
-  out.put(p.handle->component);
-  out.put(' ');
-  out.put(p.handle->table[p.table_index].name);
-  out.put(' ');
-  out.put(p.file);
-  out.put(' ');
-  out.dec(p.line);
-  out.put(" 0x");
-  out.hex8(zar_svc__mapthreadid(&p.thread_id), false);
-  out.put(newline ? '\n' : ' ');
+  char* start = w;
+  memcpy(w, text[0], len[0]);
+  w += len[0];
+  if (!isDebug(p)) {
+    memcpy(w, " 0x", 3);
+    w = putHex8(w + 3, p.message_index, true);
+  }
+  for (int i = 1; i < 6; ++i) {
+    *w++ = ' ';
+    memcpy(w, text[i], len[i]);
+    w += len[i];
+    if (i == 2 && isDebug(p)) *w++ = static_cast<char>('0' + (p.attributes & svc_c_debug_mask));
+  }
+  *w++ = ' ';
+  w = putDec(w, p.line);
+  memcpy(w, " 0x", 3);
+  w = putHex8(w + 3, zar_svc__mapthreadid(&p.thread_id), false);
+  *w++ = newline ? '\n' : ' ';
+  out.commit(static_cast<size_t>(w - start));
 }
 
 bool wantsPrefix(const zar_svc_record* record) {
@@ -702,7 +808,13 @@ void buildProlog(zar_svc_record* record, zar_svc_handle handle, zar_codeset_t cs
   if (gSvc.progname[0] != '\0') {
     memcpy(p.progname, gSvc.progname, sizeof p.progname);
   } else {
-    snprintf(p.progname, sizeof p.progname, "PID#%ld", static_cast<long>(zar_svc__get_pid()));
+    // "PID#" and the process id, made again only when the id changed (fork).
+    pid_t pid = zar_svc__get_pid();
+    if (pid != gSvc.pidNameOf) {
+      snprintf(gSvc.pidName, sizeof gSvc.pidName, "PID#%ld", static_cast<long>(pid));
+      gSvc.pidNameOf = pid;
+    }
+    memcpy(p.progname, gSvc.pidName, sizeof p.progname);
   }
 }
 

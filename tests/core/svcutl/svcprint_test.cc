@@ -256,10 +256,14 @@ TEST_F(SvcPrint, ProgramNameAndUnknownTexts) {
     zar_svc_set_progname("server", &st);
     route("ERROR:STDOUT:");
     zar_svc_printf_withfile(zarsv_client_svc_handle, "x.c", 3, "", 2, svc_c_sev_error,
-                            0x12345678);
+                            0xABCDEF09);
+    char self[32];
+    snprintf(self, sizeof self, "0x%8.8lx", static_cast<unsigned long>(pthread_self()));
+    writeFile(dir_.file("thread"), self);
   });
-  EXPECT_TRUE(matches(o.out, std::string(kTime) + R"( 0x12345678 server ERROR wsc azn-svc x\.c 3 )" +
-                                 kThread + "\nUnknown message number 0x12345678\n"))
+  EXPECT_TRUE(matches(o.out, std::string(kTime) + R"( 0xABCDEF09 server ERROR wsc azn-svc x\.c 3 )" +
+                                 readFile(dir_.file("thread")) +
+                                 "\nUnknown message number 0xabcdef09\n"))
       << o.out;
 
   // When the message text cannot be had (no memory) the body names the id.

@@ -88,7 +88,8 @@ char* putDec(char* w, long long v) {
 // Collects a record's bytes in a stack buffer and hands them on in as few
 // writes as possible: to the descriptor of a log file, or to a standard
 // stream through stdio. Longer records go out in pieces, which the file lock
-// keeps together.
+// keeps together. Lives only inside a StreamHold, so its writes (also the
+// one of its destructor) run with cancellation disabled.
 class OutBuf {
  public:
   explicit OutBuf(FILE* stream) : stream_(stream), fd_(isLogFile(stream) ? fileno(stream) : -1) {}
@@ -412,7 +413,7 @@ const char kParamFailure[] = "(Failed to handle a data type in svcprintf.c, prin
 
 // The width and precision of one conversion of a message text, as the Param
 // scan reads them ('*' takes an int argument).
-struct ParamSpec {
+struct ParamFormat {
   bool alt = false;
   bool zero = false;
   bool left = false;
@@ -422,16 +423,16 @@ struct ParamSpec {
 
 // Formats one numeric value with the conversion's flags into out.
 template <class T>
-void putNumber(OutBuf& out, const ParamSpec& spec, const char* conv, T value) {
+void putNumber(OutBuf& out, const ParamFormat& pf, const char* conv, T value) {
   char fmt[32] = "%";
   size_t n = 1;
-  if (spec.alt) fmt[n++] = '#';
-  if (spec.left) fmt[n++] = '-';
-  if (spec.zero) fmt[n++] = '0';
+  if (pf.alt) fmt[n++] = '#';
+  if (pf.left) fmt[n++] = '-';
+  if (pf.zero) fmt[n++] = '0';
   n += static_cast<size_t>(snprintf(fmt + n, sizeof fmt - n, "*.*%s", conv));
   char buf[600];
-  int len = snprintf(buf, sizeof buf, fmt, static_cast<int>(spec.width < 0 ? 0 : spec.width),
-                     static_cast<int>(spec.precision), value);
+  int len = snprintf(buf, sizeof buf, fmt, static_cast<int>(pf.width < 0 ? 0 : pf.width),
+                     static_cast<int>(pf.precision), value);
   if (len > 0) out.put(buf, static_cast<size_t>(len) < sizeof buf ? static_cast<size_t>(len) : sizeof buf - 1);
 }
 
@@ -447,38 +448,38 @@ void putParams(OutBuf& out, zar_svc_record* record, bool convertStrings, va_list
       ++p;
       continue;
     }
-    ParamSpec spec;
+    ParamFormat pf;
     bool inPrecision = false;
     bool widthDigits = false;
     while (*p != '\0' && strchr("0123456789.#*", *p) != nullptr) {
       char c = *p++;
       if (c == '#') {
-        spec.alt = true;
+        pf.alt = true;
       } else if (c == '.') {
-        if (!inPrecision) spec.precision = 0;
+        if (!inPrecision) pf.precision = 0;
         inPrecision = true;
       } else if (c == '*') {
         int v = va_arg(ap, int);
         if (inPrecision) {
-          spec.precision = v;
+          pf.precision = v;
         } else if (v < 0) {
-          spec.left = true;
-          spec.width = -static_cast<long>(v);
+          pf.left = true;
+          pf.width = -static_cast<long>(v);
         } else {
-          spec.width = v;
+          pf.width = v;
         }
       } else if (inPrecision) {
-        spec.precision = (spec.precision < 0 ? 0 : spec.precision) * 10 + (c - '0');
-        if (spec.precision > 512) spec.precision = 512;
+        pf.precision = (pf.precision < 0 ? 0 : pf.precision) * 10 + (c - '0');
+        if (pf.precision > 512) pf.precision = 512;
       } else if (c == '0' && !widthDigits) {
-        spec.zero = true;
+        pf.zero = true;
       } else {
         widthDigits = true;
-        spec.width = (spec.width < 0 ? 0 : spec.width) * 10 + (c - '0');
-        if (spec.width > 512) spec.width = 512;
+        pf.width = (pf.width < 0 ? 0 : pf.width) * 10 + (c - '0');
+        if (pf.width > 512) pf.width = 512;
       }
     }
-    if (spec.width > 512) spec.width = 512;
+    if (pf.width > 512) pf.width = 512;
     if (*p == '%') {  // "%5%": a percent sign with flags; no Param
       ++p;
       continue;
@@ -492,10 +493,10 @@ void putParams(OutBuf& out, zar_svc_record* record, bool convertStrings, va_list
         if (s == nullptr) s = "";
         if (convertStrings) {
           fetchCodeSets(record);
-          putLocalAsUtf8(out, record->sourceCs, s, spec.width < 0 ? 0 : static_cast<size_t>(spec.width),
-                         spec.left, spec.precision);
+          putLocalAsUtf8(out, record->sourceCs, s, pf.width < 0 ? 0 : static_cast<size_t>(pf.width),
+                         pf.left, pf.precision);
         } else {
-          putNumber(out, spec, "s", s);
+          putNumber(out, pf, "s", s);
         }
         break;
       }
@@ -503,38 +504,38 @@ void putParams(OutBuf& out, zar_svc_record* record, bool convertStrings, va_list
         putWideAsUtf8(out, va_arg(ap, const nlz_wchar_t*));
         break;
       case 'd':
-        putNumber(out, spec, "d", va_arg(ap, int));
+        putNumber(out, pf, "d", va_arg(ap, int));
         break;
       case 'u':
         if (*p == 'l') {
           ++p;
-          putNumber(out, spec, "llu", static_cast<unsigned long long>(va_arg(ap, uint64_t)));
+          putNumber(out, pf, "llu", static_cast<unsigned long long>(va_arg(ap, uint64_t)));
           out.put('l');
         } else {
-          putNumber(out, spec, "u", va_arg(ap, unsigned));
+          putNumber(out, pf, "u", va_arg(ap, unsigned));
         }
         break;
       case 'x':
-        putNumber(out, spec, "x", va_arg(ap, unsigned));
+        putNumber(out, pf, "x", va_arg(ap, unsigned));
         break;
       case 'o':
-        putNumber(out, spec, "o", va_arg(ap, unsigned));
+        putNumber(out, pf, "o", va_arg(ap, unsigned));
         break;
       case 'c':
-        putNumber(out, spec, "c", va_arg(ap, int));
+        putNumber(out, pf, "c", va_arg(ap, int));
         break;
       case 'f':
-        putNumber(out, spec, "f", static_cast<double>(static_cast<float>(va_arg(ap, double))));
+        putNumber(out, pf, "f", static_cast<double>(static_cast<float>(va_arg(ap, double))));
         break;
       case 'l':
         if (*p == 'd') {
           ++p;
-          putNumber(out, spec, "ld", va_arg(ap, long));
+          putNumber(out, pf, "ld", va_arg(ap, long));
           break;
         }
         if (*p == 'x') {
           ++p;
-          putNumber(out, spec, "lx", va_arg(ap, unsigned long));
+          putNumber(out, pf, "lx", va_arg(ap, unsigned long));
           break;
         }
         out.put(kParamFailure);

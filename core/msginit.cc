@@ -114,7 +114,8 @@ ZAR_API int zarmsg_init(const char* ident, int utf8) {
   closelog();
   // The layer keeps the handle it is given for the life of the process, so
   // it gets a handle of its own, never the thread's.
-  nlz_cs_t cs = utf8 != 0 ? nlz_cs_new("UTF8") : nlz_cs_new(nlz_cs_name(zarsvc_get_local_code_page()));
+  nlz_cs_t cs =
+      utf8 != 0 ? nlz_cs_new("UTF8") : nlz_cs_new(nlz_cs_name(zarsvc_get_local_code_page()));
   if (cs != nullptr && nlz_set_def_cs(cs) != 0) nlz_cs_free(cs);
   return 1;
 }
@@ -136,7 +137,9 @@ ZAR_API const char* zarmsg_get_utf8_locale_msg(uint32_t id, const char* locale, 
   return zar_msg_get_default_msg(id, status);
 }
 
-ZAR_API void zarmsg_free(const char* text) { free(const_cast<char*>(text)); }
+ZAR_API void zarmsg_free(const char* text) {
+  free(const_cast<char*>(text));
+}
 
 ZAR_API void zarmsg_shutdown(void) {}
 

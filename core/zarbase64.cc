@@ -25,10 +25,8 @@
 namespace zar::base64 {
 namespace {
 
-constexpr char kStdAlphabet[] =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-constexpr char kUriAlphabet[] =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+-";
+constexpr char kStdAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr char kUriAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+-";
 constexpr uint8_t kNoValue = 0xFF;
 constexpr uint32_t kBad = 0x01000000;  // above the 24 bits of a decoded group
 
@@ -150,8 +148,7 @@ inline uint32_t groupBits(const Decoder& d, const uint8_t* p) {
   return d.pos[0][p[0]] | d.pos[1][p[1]] | d.pos[2][p[2]] | d.pos[3][p[3]];
 }
 
-void decode(const Alphabet& a, const char* text, uint64_t len, uint8_t* out,
-            uint64_t* outLen) {
+void decode(const Alphabet& a, const char* text, uint64_t len, uint8_t* out, uint64_t* outLen) {
   if (outLen != nullptr) *outLen = 0;
   if (text == nullptr || out == nullptr || len == 0) return;
   const uint8_t* p = reinterpret_cast<const uint8_t*>(text);

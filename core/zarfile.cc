@@ -23,9 +23,9 @@ namespace zar::file {
 namespace {
 
 constexpr char kRecordName[] = "core/zarfile";
-constexpr int kLineStep = 100;     // growth of zar_file_readline's buffer
-constexpr int kTailLine = 512;     // buffer of one zar_file_tail line
-constexpr size_t kCopyBlock = 512; // block of zar_file_copy
+constexpr int kLineStep = 100;      // growth of zar_file_readline's buffer
+constexpr int kTailLine = 512;      // buffer of one zar_file_tail line
+constexpr size_t kCopyBlock = 512;  // block of zar_file_copy
 
 // The client component's handle, registering the product's components first
 // when the program has not (zarmsg_init does), so that the report is not
@@ -55,8 +55,8 @@ uint32_t sysStatus(int err) {
     case EINVAL:
       return ZAR_S_INVALID_INPUT;
     default:
-      zar_svc_printf_withfile(clientHandle(), kRecordName, __LINE__, "%s%d", 0,
-                              svc_c_sev_error, ZAR_S_SYSCALL_FAILED_CODE, "<unknown>", err);
+      zar_svc_printf_withfile(clientHandle(), kRecordName, __LINE__, "%s%d", 0, svc_c_sev_error,
+                              ZAR_S_SYSCALL_FAILED_CODE, "<unknown>", err);
       return ZAR_S_SYSCALL_FAILED;
   }
 }

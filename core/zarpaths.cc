@@ -23,9 +23,9 @@ constexpr int kNameLen = 32;  // locale and language names
 // the process (a replaced copy is kept too, since a reader may still hold
 // it). Entry 7 is atomic so that zar_load_paths may run beside readers.
 const char* const kDefaults[ZAR_PATH_COUNT] = {
-    "/opt/kpsrv/",         "/opt/kpsrv/bin/",  "/opt/kpsrv/etc/",     nullptr,
-    "/opt/kpsrv/sbin/",    "/opt/kpsrv/lib/",  "/opt/kpsrv/nls/msg/", "/opt/kpsrv/nls/NLZ/",
-    "/var/kpsrv/log/",     "/opt/Brantholm/"};
+    "/opt/kpsrv/",      "/opt/kpsrv/bin/", "/opt/kpsrv/etc/",     nullptr,
+    "/opt/kpsrv/sbin/", "/opt/kpsrv/lib/", "/opt/kpsrv/nls/msg/", "/opt/kpsrv/nls/NLZ/",
+    "/var/kpsrv/log/",  "/opt/Brantholm/"};
 std::atomic<const char*> gNlzDir{kDefaults[ZAR_PATH_NLZ_DIR]};
 pthread_mutex_t gLoadMutex = PTHREAD_MUTEX_INITIALIZER;  // serialises zar_load_paths
 pthread_once_t gPathOnce = PTHREAD_ONCE_INIT;
@@ -77,7 +77,9 @@ ZAR_API const char* zar_load_paths(void) {
   return copy;
 }
 
-ZAR_API void zar_path_initialize(void) { zar_load_paths(); }
+ZAR_API void zar_path_initialize(void) {
+  zar_load_paths();
+}
 
 ZAR_API const char* zar_get_path(unsigned int index) {
   using namespace zar::paths;

@@ -62,11 +62,11 @@ extern "C" ZAR_API uint32_t zar_get_random_bytes(void* buffer, uint32_t count) {
   if (err != 0) {
     char text[KRY_ERROR_STRING_LEN];
     KRY_ERR_error_string(err, text);
-    zar_svc_printf_withfile(clientHandle(), kRecordName, __LINE__, "%s%s", 0,
-                            svc_c_sev_error, ZAR_S_KRY_FAILURE_DETAIL, "KRY_RAND_bytes", text);
+    zar_svc_printf_withfile(clientHandle(), kRecordName, __LINE__, "%s%s", 0, svc_c_sev_error,
+                            ZAR_S_KRY_FAILURE_DETAIL, "KRY_RAND_bytes", text);
   } else {
-    zar_svc_printf_withfile(clientHandle(), kRecordName, __LINE__, "%s", 0,
-                            svc_c_sev_error, ZAR_S_KRY_FAILURE_NO_DETAIL, "KRY_RAND_bytes");
+    zar_svc_printf_withfile(clientHandle(), kRecordName, __LINE__, "%s", 0, svc_c_sev_error,
+                            ZAR_S_KRY_FAILURE_NO_DETAIL, "KRY_RAND_bytes");
   }
   return ZAR_S_KRY_FAILURE;
 }

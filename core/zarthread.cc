@@ -23,10 +23,10 @@ constexpr long kNsPerSecond = 1000000000L;
 
 // One per created thread; allocated by the creator, owned by the new thread.
 struct StartRecord {
-  const void* tag;         // creator's tag, kept as given
-  uint32_t tagNumber;      // creator's tag number, kept as given
-  void* (*start)(void*);   // the caller's routine
-  void* arg;               // its argument
+  const void* tag;        // creator's tag, kept as given
+  uint32_t tagNumber;     // creator's tag number, kept as given
+  void* (*start)(void*);  // the caller's routine
+  void* arg;              // its argument
 };
 
 // The delay machinery: a process-wide mutex and a condition that nobody
@@ -50,7 +50,9 @@ bool normalise(const struct timespec* in, struct timespec* out) {
   return true;
 }
 
-time_t addSeconds(time_t a, time_t b) { return a > INT64_MAX - b ? INT64_MAX : a + b; }
+time_t addSeconds(time_t a, time_t b) {
+  return a > INT64_MAX - b ? INT64_MAX : a + b;
+}
 
 }  // namespace
 }  // namespace zar::thread

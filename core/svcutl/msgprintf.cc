@@ -63,7 +63,9 @@ int writeLocal(FILE* stream, const char* utf8, size_t n) {
   return fwrite(out.get(), 1, static_cast<size_t>(m), stream) == static_cast<size_t>(m) ? m : -1;
 }
 
-void writePrefix(FILE* stream) { fprintf(stream, kPrefixFormat, zar_svc_get_progname()); }
+void writePrefix(FILE* stream) {
+  fprintf(stream, kPrefixFormat, zar_svc_get_progname());
+}
 
 // Plain sprintf forms: one 4096-byte result, the prefix first for "pgm".
 char* plainSprintf(bool pgm, uint32_t message, va_list args) {
@@ -78,8 +80,9 @@ char* plainSprintf(bool pgm, uint32_t message, va_list args) {
   size_t used = 0;
   if (pgm) {
     int p = snprintf(buf, kSprintfSize, kPrefixFormat, zar_svc_get_progname());
-    used = p < 0 ? 0 : static_cast<size_t>(p) < kSprintfSize ? static_cast<size_t>(p)
-                                                           : kSprintfSize - 1;
+    used = p < 0                                   ? 0
+           : static_cast<size_t>(p) < kSprintfSize ? static_cast<size_t>(p)
+                                                   : kSprintfSize - 1;
   }
   int n = nlz_vsprintf(buf + used, kSprintfSize - used, nullptr, nullptr, text, args);
   mem::free(text);
@@ -149,18 +152,20 @@ using namespace zar::msgprintf;
 
 extern "C" {
 
-#define ZAR_MSGPRINTF_VARIADIC(call)  \
-  va_list args;                       \
-  va_start(args, message);            \
-  auto result = call;                 \
-  va_end(args);                       \
+#define ZAR_MSGPRINTF_VARIADIC(call) \
+  va_list args;                      \
+  va_start(args, message);           \
+  auto result = call;                \
+  va_end(args);                      \
   return result
 
 ZAR_API int zar_vprintf(uint32_t message, va_list args) {
   CancelDisabled noCancel;
   return print(stdout, false, message, args);
 }
-ZAR_API int zar_printf(uint32_t message, ...) { ZAR_MSGPRINTF_VARIADIC(zar_vprintf(message, args)); }
+ZAR_API int zar_printf(uint32_t message, ...) {
+  ZAR_MSGPRINTF_VARIADIC(zar_vprintf(message, args));
+}
 ZAR_API int zar_vfprintf(FILE* stream, uint32_t message, va_list args) {
   CancelDisabled noCancel;
   return print(stream, false, message, args);
@@ -172,7 +177,9 @@ ZAR_API char* zar_vsprintf(uint32_t message, va_list args) {
   CancelDisabled noCancel;
   return plainSprintf(false, message, args);
 }
-ZAR_API char* zar_sprintf(uint32_t message, ...) { ZAR_MSGPRINTF_VARIADIC(zar_vsprintf(message, args)); }
+ZAR_API char* zar_sprintf(uint32_t message, ...) {
+  ZAR_MSGPRINTF_VARIADIC(zar_vsprintf(message, args));
+}
 
 ZAR_API int zar_pgm_vprintf(uint32_t message, va_list args) {
   CancelDisabled noCancel;

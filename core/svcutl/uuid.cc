@@ -15,7 +15,9 @@ namespace zar::uuid {
 
 static_assert(sizeof(kp_uuid_t) == 16, "a UUID is 16 bytes");
 
-bool variantOk(const kp_uuid_t& u) { return (u.clock_seq_hi_and_reserved & 0xE0) != 0xE0; }
+bool variantOk(const kp_uuid_t& u) {
+  return (u.clock_seq_hi_and_reserved & 0xE0) != 0xE0;
+}
 
 namespace {
 
@@ -90,7 +92,9 @@ void putHex(char** p, uint32_t v, int digits) {
   *p += digits;
 }
 
-int sign(uint32_t a, uint32_t b) { return a < b ? -1 : (a > b ? 1 : 0); }
+int sign(uint32_t a, uint32_t b) {
+  return a < b ? -1 : (a > b ? 1 : 0);
+}
 
 }  // namespace
 

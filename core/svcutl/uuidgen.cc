@@ -48,29 +48,35 @@ constexpr uint16_t kMaxAdjust = 0x7FFF;
 // true, after savedAddr is written; it is read without the lock as a hint.
 struct Generator {
   pthread_mutex_t mu = PTHREAD_MUTEX_INITIALIZER;
-  bool initDone = false;          // mu: the fields below are set up
-  uint32_t randM = 0;             // mu: clock-sequence random generator
-  uint32_t randIa = 0;            // mu
-  uint32_t randIb = 0;            // mu
-  uint32_t randIrand = 0;         // mu
-  uint16_t clockSeq = 0;          // mu: only the low 14 bits enter a UUID
-  uint16_t timeAdjust = 0;        // mu: added to timeLast for the last UUID
-  uint64_t timeLast = 0;          // mu: clock value used for the last UUID
+  bool initDone = false;                // mu: the fields below are set up
+  uint32_t randM = 0;                   // mu: clock-sequence random generator
+  uint32_t randIa = 0;                  // mu
+  uint32_t randIb = 0;                  // mu
+  uint32_t randIrand = 0;               // mu
+  uint16_t clockSeq = 0;                // mu: only the low 14 bits enter a UUID
+  uint16_t timeAdjust = 0;              // mu: added to timeLast for the last UUID
+  uint64_t timeLast = 0;                // mu: clock value used for the last UUID
   std::atomic<bool> gotAddress{false};  // savedAddr is valid
-  uint8_t savedAddr[6] = {};      // mu: node address for the life of the process
-  std::atomic<bool> forked{false};  // set in a fork child: clockSeq must be renewed
+  uint8_t savedAddr[6] = {};            // mu: node address for the life of the process
+  std::atomic<bool> forked{false};      // set in a fork child: clockSeq must be renewed
 };
 
 Generator gGen;
 pthread_once_t gForkOnce = PTHREAD_ONCE_INIT;
 
-void forkPrepare() { pthread_mutex_lock(&gGen.mu); }
-void forkParent() { pthread_mutex_unlock(&gGen.mu); }
+void forkPrepare() {
+  pthread_mutex_lock(&gGen.mu);
+}
+void forkParent() {
+  pthread_mutex_unlock(&gGen.mu);
+}
 void forkChild() {
   gGen.forked.store(true, std::memory_order_relaxed);
   pthread_mutex_unlock(&gGen.mu);
 }
-void registerForkHandlers() { pthread_atfork(forkPrepare, forkParent, forkChild); }
+void registerForkHandlers() {
+  pthread_atfork(forkPrepare, forkParent, forkChild);
+}
 
 // The current time as a UUID timestamp; a clock that cannot be read ends the
 // process, since no UUID could be trusted.
@@ -149,8 +155,10 @@ uint32_t readAddressFile(const char* path, uint8_t out[6]) {
             : c >= 'A' && c <= 'F' ? c - 'A' + 10
                                    : -1;
     if (v < 0) return ZAR_S_UUID_ADDR_FILE_BAD;
-    if (i % 2 == 0) addr[i / 2] = static_cast<uint8_t>(v << 4);
-    else addr[i / 2] |= static_cast<uint8_t>(v);
+    if (i % 2 == 0)
+      addr[i / 2] = static_cast<uint8_t>(v << 4);
+    else
+      addr[i / 2] |= static_cast<uint8_t>(v);
   }
   memcpy(out, addr, 6);
   return ZAR_S_OK;

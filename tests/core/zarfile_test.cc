@@ -18,8 +18,8 @@
 
 namespace {
 
-using zar::test::TempDir;
 using zar::test::readFile;
+using zar::test::TempDir;
 using zar::test::writeFile;
 
 // Runs fn as the unprivileged user "nobody" in a child when the tests run as
@@ -38,8 +38,12 @@ int asUnprivileged(const std::function<int()>& fn) {
 }
 
 // Status codes travel out of a child as an index into this list.
-const uint32_t kStatuses[] = {ZAR_S_OK,           ZAR_S_NOT_AVAILABLE, ZAR_S_NO_MEMORY,
-                              ZAR_S_ACCESS_DENIED, ZAR_S_INVALID_INPUT, ZAR_S_SYSCALL_FAILED};
+const uint32_t kStatuses[] = {ZAR_S_OK,
+                              ZAR_S_NOT_AVAILABLE,
+                              ZAR_S_NO_MEMORY,
+                              ZAR_S_ACCESS_DENIED,
+                              ZAR_S_INVALID_INPUT,
+                              ZAR_S_SYSCALL_FAILED};
 int indexOf(uint32_t st) {
   for (int i = 0; i < 6; ++i)
     if (kStatuses[i] == st) return i;
@@ -133,12 +137,12 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         ReadlineCase{std::string(250, 'a') + "\n", 0, {{std::string(250, 'a') + "\n", 300}}},
         ReadlineCase{"one\ntwo\nlast", 0, {{"one\n", 100}, {"two\n", 100}, {"last", 100}}},
-        ReadlineCase{"\n\n", 0, {{"\n", 100}, {"\n", 100}}},
-        ReadlineCase{"", 0, {}},
+        ReadlineCase{"\n\n", 0, {{"\n", 100}, {"\n", 100}}}, ReadlineCase{"", 0, {}},
         // A caller's buffer is used as it is, and grown when too small.
         ReadlineCase{"short\n", 64, {{"short\n", 64}}},
         ReadlineCase{"abcdef\n", 1, {{"abcdef\n", 101}}},
-        ReadlineCase{std::string(150, 'b') + "\nx\n", 20,
+        ReadlineCase{std::string(150, 'b') + "\nx\n",
+                     20,
                      {{std::string(150, 'b') + "\n", 220}, {"x\n", 220}}}));
 
 TEST(ReadLineFaults, AllocationFailureFreesTheBuffer) {
@@ -195,14 +199,13 @@ INSTANTIATE_TEST_SUITE_P(
     Table, FileTail,
     ::testing::Values(TailCase{"a\nb\nc\n", 3, {"b", "c", ""}},
                       TailCase{"a\nb\nc\n", 5, {"a", "b", "c", "", ""}},
-                      TailCase{"1\n2\n3\n4\n5\n", 2, {"5", ""}},
-                      TailCase{"", 3, {"", "", ""}},
+                      TailCase{"1\n2\n3\n4\n5\n", 2, {"5", ""}}, TailCase{"", 3, {"", "", ""}},
                       TailCase{"\n\n", 3, {"", "", ""}},
-                      TailCase{"a\n\nb\n", 4, {"a", "", "b", ""}},
-                      TailCase{"x\n", 1, {""}},
+                      TailCase{"a\n\nb\n", 4, {"a", "", "b", ""}}, TailCase{"x\n", 1, {""}},
                       // A line longer than a buffer arrives in pieces, each
                       // losing its last character.
-                      TailCase{std::string(600, 'z') + "\n", 3,
+                      TailCase{std::string(600, 'z') + "\n",
+                               3,
                                {std::string(510, 'z'), std::string(89, 'z'), ""}}));
 
 TEST(FileTailFaults, MissingFileAndAllocationFailure) {
@@ -250,9 +253,8 @@ TEST(FileCopy, CopiesBlocksAndRefusesWhatWouldLoseData) {
   }
   chmod(dir.file("src").c_str(), 0);
   chmod(dir.path().c_str(), 0777);  // let nobody reach the files
-  int got = asUnprivileged([&] {
-    return indexOf(zar_file_copy(dir.file("src").c_str(), dir.file("dst3").c_str()));
-  });
+  int got = asUnprivileged(
+      [&] { return indexOf(zar_file_copy(dir.file("src").c_str(), dir.file("dst3").c_str())); });
   EXPECT_EQ(indexOf(ZAR_S_ACCESS_DENIED), got);
 }
 

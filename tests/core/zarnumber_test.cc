@@ -19,7 +19,8 @@ class StrToL : public ::testing::TestWithParam<NumberCase> {};
 TEST_P(StrToL, ConvertsAndChecks) {
   const NumberCase& c = GetParam();
   int64_t v = -12345;
-  EXPECT_ZAR_STATUS(c.status, zar_strtol(c.text, c.base, &v)) << '"' << (c.text ? c.text : "(null)") << '"';
+  EXPECT_ZAR_STATUS(c.status, zar_strtol(c.text, c.base, &v))
+      << '"' << (c.text ? c.text : "(null)") << '"';
   EXPECT_EQ(c.value, v);
 }
 

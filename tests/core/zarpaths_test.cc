@@ -17,10 +17,9 @@ using zar::test::ScopedEnv;
 using zar::test::TempDir;
 
 TEST(ZarPaths, TableHoldsTheInstallDirectories) {
-  const char* expected[] = {"/opt/kpsrv/",      "/opt/kpsrv/bin/", "/opt/kpsrv/etc/",
-                            nullptr,            "/opt/kpsrv/sbin/", "/opt/kpsrv/lib/",
-                            "/opt/kpsrv/nls/msg/", nullptr,          "/var/kpsrv/log/",
-                            "/opt/Brantholm/"};
+  const char* expected[] = {"/opt/kpsrv/",      "/opt/kpsrv/bin/", "/opt/kpsrv/etc/",     nullptr,
+                            "/opt/kpsrv/sbin/", "/opt/kpsrv/lib/", "/opt/kpsrv/nls/msg/", nullptr,
+                            "/var/kpsrv/log/",  "/opt/Brantholm/"};
   for (unsigned i = 0; i < 10; ++i) {
     if (i == ZAR_PATH_NLZ_DIR) continue;
     if (expected[i] == nullptr) {
@@ -74,7 +73,9 @@ INSTANTIATE_TEST_SUITE_P(Table, Canonicalize,
                                            CanonCase{"   ", ""}, CanonCase{"a//", "a"},
                                            CanonCase{"a/ /", "a/ "}, CanonCase{"rel/x", "rel/x"}));
 
-TEST(CanonicalizeNull, NullIsIgnored) { zar_canonicalize_path(nullptr); }
+TEST(CanonicalizeNull, NullIsIgnored) {
+  zar_canonicalize_path(nullptr);
+}
 
 struct LocaleCase {
   std::optional<std::string> lcAll;
@@ -110,13 +111,14 @@ INSTANTIATE_TEST_SUITE_P(
         LocaleCase{"", "de_DE", {"de"}, "de"},
         LocaleCase{"de_DE.ISO-8859-1", std::nullopt, {"de_DE", "de", "C"}, "de_DE"},
         LocaleCase{"de_DE.UTF-8", "fr_FR", {"de", "fr"}, "de"},
-        LocaleCase{"fr_FR", std::nullopt, {"C"}, "C"},
-        LocaleCase{"fr_FR", std::nullopt, {}, ""},
+        LocaleCase{"fr_FR", std::nullopt, {"C"}, "C"}, LocaleCase{"fr_FR", std::nullopt, {}, ""},
         LocaleCase{"de_AT", std::nullopt, {"file:de"}, "de"},  // any kind of file counts
         LocaleCase{std::nullopt, std::nullopt, {"C"}, "C"},    // the process locale: "C"
         // A name that is no locale must not lead out of the base.
         LocaleCase{"../x", std::nullopt, {}, ""}));
 
-TEST(LocaleDirNull, NullBaseGivesNull) { EXPECT_EQ(nullptr, zar_getlocaledir(nullptr)); }
+TEST(LocaleDirNull, NullBaseGivesNull) {
+  EXPECT_EQ(nullptr, zar_getlocaledir(nullptr));
+}
 
 }  // namespace

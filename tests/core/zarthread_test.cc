@@ -14,7 +14,9 @@ void* twice(void* arg) {
   *static_cast<int*>(arg) *= 2;
   return arg;
 }
-void* exitsEarly(void* arg) { pthread_exit(arg); }
+void* exitsEarly(void* arg) {
+  pthread_exit(arg);
+}
 std::atomic<bool> gWaiting{false};
 void* delaysLong(void*) {
   gWaiting = true;
@@ -22,7 +24,9 @@ void* delaysLong(void*) {
   zarthread_delay_np(&t);
   return nullptr;
 }
-void* sleepsZero(void*) { return reinterpret_cast<void*>(intptr_t{zarthread_sleep_np(0)}); }
+void* sleepsZero(void*) {
+  return reinterpret_cast<void*>(intptr_t{zarthread_sleep_np(0)});
+}
 
 // Joins within a generous bound, so that a thread stuck on a lock fails the
 // test instead of hanging it.

@@ -41,13 +41,13 @@ int runBase64(const Command& self, int argc, char** argv) {
   if (decode) {
     output.resize(ZAR_BASE64_DECODED_SIZE(input.size()));
     uint64_t n = 0;
-    (uri ? zar_base64_uri_decode : zar_base64_std_decode)(input.data(), input.size(),
-                                                          output.data(), &n);
+    (uri ? zar_base64_uri_decode : zar_base64_std_decode)(input.data(), input.size(), output.data(),
+                                                          &n);
     output.resize(n);
   } else {
     output.resize(ZAR_BASE64_ENCODED_SIZE(input.size()));
-    (uri ? zar_base64_uri_encode : zar_base64_std_encode)(input.data(), input.size(),
-                                                          output.data(), output.size());
+    (uri ? zar_base64_uri_encode : zar_base64_std_encode)(input.data(), input.size(), output.data(),
+                                                          output.size());
     output.back() = '\n';  // the NUL becomes the line end
   }
   if (fwrite(output.data(), 1, output.size(), stdout) != output.size() || fflush(stdout) != 0) {

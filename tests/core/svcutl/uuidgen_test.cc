@@ -27,7 +27,9 @@ unsigned clockSeqOf(const kp_uuid_t& u) {
   return ((u.clock_seq_hi_and_reserved & 0x3Fu) << 8) | u.clock_seq_low;
 }
 // The 16 bytes as one comparable key.
-std::string key(const kp_uuid_t& u) { return std::string(reinterpret_cast<const char*>(&u), 16); }
+std::string key(const kp_uuid_t& u) {
+  return std::string(reinterpret_cast<const char*>(&u), 16);
+}
 
 kp_uuid_t create() {
   kp_uuid_t u;

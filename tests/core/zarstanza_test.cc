@@ -1,0 +1,622 @@
+#include "zar/stanza.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <random>
+#include <thread>
+
+#include "tests/testutil/testutil.h"
+#include "zar/status.h"
+#include "zar/svc.h"
+
+namespace zar {
+namespace {
+
+using test::CaptureFd;
+using test::FaultPlan;
+using test::readFile;
+using test::TempDir;
+using test::writeFile;
+
+struct Closer {
+  void operator()(zarStzFile* f) const { zarStzFileClose(f); }
+};
+using Stz = std::unique_ptr<zarStzFile, Closer>;
+
+Stz openStz(const std::string& path, uint32_t flags, uint32_t* status = nullptr) {
+  uint32_t st = 0xFFFFFFFF;
+  Stz f(zarStzFileOpen(path.c_str(), flags, &st));
+  EXPECT_EQ(f == nullptr, st != 0) << "a record comes with status 0, and only then";
+  if (status != nullptr) *status = st;
+  return f;
+}
+
+// The whole file as the cursor sees it: a line per stanza, "[name]|entry=value|entry".
+std::string walk(zarStzFile* f) {
+  std::string out;
+  for (zarStzMoveFirstStanza(f); f->status == 0 && f->stanzaName; zarStzMoveNextStanza(f)) {
+    out += "[" + std::string(f->stanzaName) + "]";
+    for (; f->status == 0 && f->entryName; zarStzMoveNextEntry(f))
+      out += "|" + std::string(f->entryName) + (f->value ? "=" + std::string(f->value) : "");
+    out += "\n";
+  }
+  if (f->status != 0) out += "!" + test::hexStatus(f->status);
+  return out;
+}
+
+std::string reversedLines(const std::string& text) {
+  std::string out;
+  for (const std::string& l : test::splitLines(text)) out = l + "\n" + out;
+  return out;
+}
+
+class StanzaTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    unsigned long st = 0;
+    zar_svc_init(0, &st);  // the client component logs the messages
+  }
+  std::string file(const std::string& text) {
+    writeFile(path_, text);
+    return path_;
+  }
+  TempDir dir_;
+  std::string path_ = dir_.file("conf");
+};
+
+// ---- Format ---------------------------------------------------------------------
+
+struct ParseCase {
+  const char* name;
+  std::string text;
+  std::string walk;  // in file order
+};
+
+class StanzaParse : public StanzaTest, public ::testing::WithParamInterface<ParseCase> {};
+
+TEST_P(StanzaParse, StreamAndMemoryModeSeeTheSameEntries) {
+  const ParseCase& c = GetParam();
+  Stz s = openStz(file(c.text), ZAR_STZ_READ);
+  ASSERT_TRUE(s);
+  EXPECT_EQ(c.walk, walk(s.get()));
+  Stz m = openStz(path_, ZAR_STZ_READ | ZAR_STZ_MEMORY);
+  ASSERT_TRUE(m);
+  EXPECT_EQ(nullptr, m->stream);
+  EXPECT_EQ(reversedLines(c.walk), walk(m.get()));
+}
+
+const std::string kLong(2043, 'x');  // "k = " and these make one 2047-byte piece
+
+INSTANTIATE_TEST_SUITE_P(
+    Lines, StanzaParse,
+    ::testing::Values(
+        ParseCase{"BlanksInsideBracketsBelongToName", "[ a ]\nk = v\n", "[ a ]|k=v\n"},
+        ParseCase{"EmptyStanzaName", "[]\nk=v\n", "[]|k=v\n"},
+        ParseCase{"TextAfterBracketIgnored", "[a] trailing ] x\nk=v\n", "[a]|k=v\n"},
+        ParseCase{"NoValue", "[s]\nkey=\nkey2 = # note\n", "[s]|key|key2\n"},
+        ParseCase{"ValueCutAtHash", "[s]\nk = a # note\nk2 = a#b\n", "[s]|k=a|k2=a\n"},
+        ParseCase{"LaterEqualsBelongToValue", "[s]\nk = b = c\n", "[s]|k=b = c\n"},
+        ParseCase{"SpaceTrimmedAroundNameAndValue", "[s]\n  key  =  a b  \n", "[s]|key=a b\n"},
+        ParseCase{"NameKeepsInnerSpaceAndHash", "[s]\nmy k#1 = v\n", "[s]|my k#1=v\n"},
+        ParseCase{"IndentedLines", "  [s]\n\t# c\n   k = v\n\n[t]\n", "[s]|k=v\n[t]\n"},
+        ParseCase{"EntriesBeforeFirstHeaderSkipped", "x = 1\n[s]\nk=v\n", "[s]|k=v\n"},
+        ParseCase{"EmptyFile", "", ""},
+        ParseCase{"NoHeader", "k = v\n", ""},
+        ParseCase{"NoFinalLineFeed", "[s]\nk = v", "[s]|k=v\n"},
+        ParseCase{"CarriageReturns", "[s]\r\nk = v\r\n", "[s]|k=v\n"},
+        ParseCase{"RepeatedNames", "[s]\nk=1\nk=2\n[s]\n", "[s]|k=1|k=2\n[s]\n"},
+        ParseCase{"LongLineReadInPieces", "[s]\nk = " + kLong + "y = z\n",
+                  "[s]|k=" + kLong + "|y=z\n"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+struct BadCase {
+  const char* name;
+  std::string text;
+  uint32_t status;
+  const char* message;  // logged message id
+};
+
+class StanzaBadFormat : public StanzaTest, public ::testing::WithParamInterface<BadCase> {};
+
+TEST_P(StanzaBadFormat, ValidationStopsWithStatusAndLoggedMessage) {
+  const BadCase& c = GetParam();
+  file(c.text);
+  CaptureFd err(2);
+  Stz s = openStz(path_, ZAR_STZ_READ);
+  ASSERT_TRUE(s);
+  EXPECT_EQ(0, zarStzValidate(s.get()));
+  EXPECT_ZAR_STATUS(c.status, s->status);
+  EXPECT_EQ(nullptr, s->stanzaName);
+  // Memory mode keeps what came before the bad line and still opens.
+  Stz m = openStz(path_, ZAR_STZ_READ | ZAR_STZ_MEMORY);
+  ASSERT_TRUE(m);
+  EXPECT_ZAR_OK(m->status);
+  EXPECT_EQ(0, zarStzValidate(m.get()));
+  EXPECT_ZAR_STATUS(c.status, m->status);
+  std::string log = err.text();
+  EXPECT_NE(std::string::npos, log.find(c.message)) << log;
+  EXPECT_NE(std::string::npos, log.find("zarstanza")) << log;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lines, StanzaBadFormat,
+    ::testing::Values(
+        BadCase{"HeaderWithoutBracket", "[s]\n[a\n", ZAR_S_STZ_BAD_FORMAT, "XKJSC0164E"},
+        BadCase{"EntryWithoutName", "[s]\n=x\n", ZAR_S_STZ_BAD_FORMAT, "XKJSC0166E"},
+        BadCase{"EntryWithoutSeparator", "[s]\nk=1\n[t]\nkey\n", ZAR_S_STZ_BAD_FORMAT,
+                "XKJSC0166E"},
+        BadCase{"BadLineBeforeFirstHeader", "x\n[s]\n", ZAR_S_STZ_BAD_FORMAT, "XKJSC0166E"},
+        BadCase{"SecondPieceOfLongLine", "[s]\nk = " + std::string(3000, 'x') + "\n",
+                ZAR_S_STZ_BAD_FORMAT, "XKJSC0166E"},
+        BadCase{"TenThousandByteValue", "[s]\nk = " + std::string(10000, 'v') + "\n",
+                ZAR_S_STZ_BAD_FORMAT, "XKJSC0166E"},
+        // The tests run in the C locale: bytes above 127 are not characters.
+        BadCase{"BytesOutsideCodePage", "[s]\nk = \xff\xfe\x80\n", ZAR_S_STZ_INTERNAL,
+                "XKJSC0163E"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// ---- Opening and locking ----------------------------------------------------------
+
+TEST_F(StanzaTest, BadFlagsAndPathAreRejected) {
+  file("[s]\n");
+  for (uint32_t flags : {0u, 16u, 8u, ZAR_STZ_WRITE | ZAR_STZ_MEMORY, ZAR_STZ_READ | ZAR_STZ_WRITE,
+                         ZAR_STZ_NOWAIT, ZAR_STZ_READ | 32u}) {
+    uint32_t st = 0;
+    EXPECT_FALSE(openStz(path_, flags, &st)) << flags;
+    EXPECT_ZAR_STATUS(ZAR_S_STZ_BAD_ARGUMENT, st);
+  }
+  uint32_t st = 0;
+  EXPECT_EQ(nullptr, zarStzFileOpen(nullptr, ZAR_STZ_READ, &st));
+  EXPECT_ZAR_STATUS(ZAR_S_STZ_BAD_ARGUMENT, st);
+}
+
+TEST_F(StanzaTest, FilesThatAreNotRegularFailWithoutHanging) {
+  ASSERT_EQ(0, mkfifo(dir_.file("fifo").c_str(), 0600));
+  ASSERT_EQ(0, symlink(dir_.file("nowhere").c_str(), dir_.file("dangling").c_str()));
+  for (const char* name : {"missing", ".", "fifo", "dangling"}) {
+    for (uint32_t flags : {ZAR_STZ_READ, ZAR_STZ_WRITE, ZAR_STZ_READ | ZAR_STZ_MEMORY}) {
+      CaptureFd err(2);
+      uint32_t st = 0;
+      EXPECT_FALSE(openStz(dir_.file(name), flags, &st));
+      EXPECT_ZAR_STATUS(ZAR_S_STZ_OPEN_FAILED, st) << name;
+      EXPECT_NE(std::string::npos, err.text().find("XKJSC0162E")) << name;
+    }
+  }
+}
+
+TEST_F(StanzaTest, SecondProcessLockExcludesOrDelays) {
+  file("[s]\nk = v\n");
+  int ready[2], release[2];
+  ASSERT_EQ(0, pipe(ready));
+  ASSERT_EQ(0, pipe(release));
+  pid_t child = fork();
+  if (child == 0) {
+    Stz f(zarStzFileOpen(path_.c_str(), ZAR_STZ_WRITE, nullptr));
+    char c = f ? 'y' : 'n';
+    (void)!write(ready[1], &c, 1);
+    (void)!read(release[0], &c, 1);
+    usleep(100 * 1000);  // let the parent block in its open
+    zarStzAddEntry(f.get(), "by", "child");
+    f.reset();
+    _exit(0);
+  }
+  char c = 0;
+  ASSERT_EQ(1, read(ready[0], &c, 1));
+  ASSERT_EQ('y', c);
+  for (uint32_t flags : {ZAR_STZ_READ | ZAR_STZ_NOWAIT, ZAR_STZ_WRITE | ZAR_STZ_NOWAIT,
+                         ZAR_STZ_READ | ZAR_STZ_NOWAIT | ZAR_STZ_MEMORY}) {
+    uint32_t st = 0;
+    EXPECT_FALSE(openStz(path_, flags, &st));
+    EXPECT_ZAR_STATUS(ZAR_S_STZ_WOULD_BLOCK, st);
+  }
+  ASSERT_EQ(1, write(release[1], "g", 1));
+  Stz f = openStz(path_, ZAR_STZ_READ);  // waits for the child's edit
+  ASSERT_TRUE(f);
+  EXPECT_EQ("[s]|k=v|by=child\n", walk(f.get()));
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(0, test::exitCode(status));
+  for (int fd : {ready[0], ready[1], release[0], release[1]}) close(fd);
+}
+
+TEST_F(StanzaTest, AllocationFailuresDuringOpenLeakNothing) {
+  file("[a]\nx = 1\ny\n[b]\nz = 2\n");
+  for (uint32_t flags : {ZAR_STZ_READ, ZAR_STZ_READ | ZAR_STZ_MEMORY}) {
+    for (long k = 1;; ++k) {
+      CaptureFd err(2);
+      FaultPlan plan(fault::Op::kAlloc, k);
+      uint32_t st = 0;
+      Stz f = openStz(path_, flags, &st);
+      if (plan.failures() == 0) break;
+      if (!f) {
+        EXPECT_ZAR_STATUS(ZAR_S_NO_MEMORY, st);
+      }
+    }
+  }
+}
+
+// ---- Moves ---------------------------------------------------------------------------
+
+TEST_F(StanzaTest, MemoryModeWalksStanzasInReverseAndRestartsEntries) {
+  Stz m = openStz(file("[a]\nx = 1\ny = 2\n[b]\n[a]\nz = 3\n"), ZAR_STZ_READ | ZAR_STZ_MEMORY);
+  ASSERT_TRUE(m);
+  EXPECT_STREQ("a", m->stanzaName);
+  EXPECT_STREQ("z", m->entryName);  // the last [a] of the file comes first
+  ASSERT_EQ(1, zarStzMoveStanza(m.get(), "a"));
+  EXPECT_STREQ("z", m->entryName);
+  EXPECT_EQ(1, zarStzMoveNextEntry(m.get()));
+  EXPECT_EQ(nullptr, m->entryName);
+  EXPECT_EQ(1, zarStzMoveNextEntry(m.get()));
+  EXPECT_STREQ("z", m->entryName);  // after the end, from the top again
+  zarStzMoveNextStanza(m.get());
+  zarStzMoveNextStanza(m.get());
+  zarStzMoveNextStanza(m.get());
+  EXPECT_EQ(nullptr, m->stanzaName);
+  EXPECT_EQ(1, zarStzMoveFirstEntry(m.get()));
+  EXPECT_STREQ("a", m->stanzaName);  // the stanza taken is named
+  EXPECT_STREQ("z", m->entryName);
+}
+
+TEST_F(StanzaTest, LookupsAndSizeInBothModes) {
+  file("[a]\nx = 1\ny = 2\nx = 3\n[b]\n");
+  for (uint32_t flags : {ZAR_STZ_READ, ZAR_STZ_READ | ZAR_STZ_MEMORY}) {
+    Stz f = openStz(path_, flags);
+    ASSERT_TRUE(f);
+    ASSERT_EQ(1, zarStzMoveEntry(f.get(), "a", "y"));
+    EXPECT_STREQ("2", f->value);
+    EXPECT_EQ(3u, zarStzStanzaSize(f.get()));
+    EXPECT_STREQ("y", f->entryName);
+    ASSERT_EQ(1, zarStzMoveEntryInStanza(f.get(), "x"));
+    zarStzMoveNextEntry(f.get());
+    zarStzMoveNextEntry(f.get());
+    EXPECT_EQ(3u, zarStzStanzaSize(f.get()));
+    EXPECT_STREQ("1", f->value);  // back on the first entry of that name
+    EXPECT_EQ(0, zarStzMoveEntryInStanza(f.get(), "nope"));
+    EXPECT_ZAR_OK(f->status);
+    EXPECT_EQ(0, zarStzMoveStanza(f.get(), "c"));
+    EXPECT_ZAR_OK(f->status);
+    EXPECT_EQ(0, zarStzMoveStanza(f.get(), nullptr));
+    EXPECT_ZAR_STATUS(ZAR_S_STZ_BAD_ARGUMENT, f->status);
+    EXPECT_EQ(1, zarStzMoveStanza(f.get(), "b"));
+    EXPECT_EQ(0u, zarStzStanzaSize(f.get()));
+  }
+}
+
+TEST_F(StanzaTest, FileTruncatedBehindTheCursor) {
+  file("[a]\nx = 1\ny = 2\n[b]\nz = 3\n");
+  // Another process that ignores the lock truncates the file: reads see
+  // what stdio still holds or the end; edits find their lines gone.
+  Stz r = openStz(path_, ZAR_STZ_READ);
+  ASSERT_TRUE(r);
+  ASSERT_EQ(0, truncate(path_.c_str(), 0));
+  walk(r.get());
+  r.reset();
+  file("[a]\nx = 1\ny = 2\n[b]\nz = 3\n");
+  Stz e = openStz(path_, ZAR_STZ_WRITE);
+  ASSERT_EQ(1, zarStzMoveEntry(e.get(), "b", "z"));
+  ASSERT_EQ(0, truncate(path_.c_str(), 10));
+  zarStzChangeValue(e.get(), "4");
+  EXPECT_NE(0u, e->status);
+  zarStzAddEntry(e.get(), "n", "5");
+  EXPECT_NE(0u, e->status);
+  EXPECT_EQ("[a]\nx = 1\n", readFile(path_));
+}
+
+// ---- Edits ---------------------------------------------------------------------------
+
+struct EditCase {
+  const char* name;
+  std::string before;
+  std::function<void(zarStzFile*)> edit;
+  std::string after;
+  uint32_t status = 0;
+  uint32_t flags = ZAR_STZ_WRITE;
+};
+
+class StanzaEdit : public StanzaTest, public ::testing::WithParamInterface<EditCase> {};
+
+TEST_P(StanzaEdit, FileTextAndStatus) {
+  const EditCase& c = GetParam();
+  Stz f = openStz(file(c.before), c.flags);
+  ASSERT_TRUE(f);
+  c.edit(f.get());
+  EXPECT_ZAR_STATUS(c.status, f->status);
+  f.reset();
+  EXPECT_EQ(c.after, readFile(path_));
+}
+
+const std::string kTwo = "[a]\nx = 1\n\n# b next\n[b]\ny = 2\n";
+void addEntry(zarStzFile* f, const char* s, const char* k, const char* v) {
+  zarStzMoveStanza(f, s);
+  zarStzAddEntry(f, k, v);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Edits, StanzaEdit,
+    ::testing::Values(
+        EditCase{"AddChangesFirstOfName", "[s]\nk = 1\nk = 2\n",
+                 [](zarStzFile* f) { addEntry(f, "s", "k", "9"); }, "[s]\nk = 9\nk = 2\n"},
+        EditCase{"AddGoesDirectlyBeforeNextHeader", kTwo,
+                 [](zarStzFile* f) { addEntry(f, "a", "n", "v"); },
+                 "[a]\nx = 1\n\n# b next\nn = v\n[b]\ny = 2\n"},
+        EditCase{"AddToLastStanzaAddsMissingLineFeed", "[s]\nk = 1",
+                 [](zarStzFile* f) { addEntry(f, "s", "n", nullptr); }, "[s]\nk = 1\nn = \n"},
+        EditCase{"InsertBeforeCurrentEntry", "[s]\na=1\nb=2\n",
+                 [](zarStzFile* f) {
+                   zarStzMoveEntry(f, "s", "b");
+                   zarStzInsertEntry(f, "c", "3");
+                 },
+                 "[s]\na=1\nc = 3\nb=2\n"},
+        EditCase{"InsertIntoEmptyStanza", "[e]\n[f]\n",
+                 [](zarStzFile* f) {
+                   zarStzMoveStanza(f, "e");
+                   zarStzInsertEntry(f, "k", "v");
+                 },
+                 "[e]\nk = v\n[f]\n"},
+        EditCase{"ChangeDropsSpacingAndComment", "[s]\nkey = old   # note\n",
+                 [](zarStzFile* f) { zarStzChangeValue(f, "new"); }, "[s]\nkey = new\n"},
+        EditCase{"ChangeToNoValue", "[s]\nkey = old\n",
+                 [](zarStzFile* f) { zarStzChangeValue(f, nullptr); }, "[s]\nkey = \n"},
+        EditCase{"AddStanzaWithComment", "[a]\nx = 1",
+                 [](zarStzFile* f) {
+                   zarStzAddStanzaWithComment(f, "b", "# front end");
+                   zarStzAddEntry(f, "k", "v");
+                 },
+                 "[a]\nx = 1\n# front end\n[b]\nk = v\n"},
+        EditCase{"AddExistingStanzaWritesNothing", kTwo,
+                 [](zarStzFile* f) { zarStzAddStanzaWithComment(f, "b", "# again"); }, kTwo},
+        EditCase{"DeleteLastStanza", kTwo, [](zarStzFile* f) { zarStzDeleteStanza(f, "b"); },
+                 "[a]\nx = 1\n\n# b next\n"},
+        EditCase{"DeleteFirstStanzaTakesCommentsBeforeNext", kTwo,
+                 [](zarStzFile* f) { zarStzDeleteStanza(f, "a"); }, "[b]\ny = 2\n"},
+        EditCase{"DeleteMissingStanzaChangesNothing", kTwo,
+                 [](zarStzFile* f) { EXPECT_EQ(1, zarStzDeleteStanza(f, "c")); }, kTwo},
+        EditCase{"DeleteEntry", kTwo, [](zarStzFile* f) { zarStzDeleteEntry(f, "b", "y"); },
+                 "[a]\nx = 1\n\n# b next\n[b]\n"},
+        EditCase{"DeleteAbsentEntry", kTwo,
+                 [](zarStzFile* f) { EXPECT_EQ(0, zarStzDeleteEntry(f, "b", "q")); }, kTwo,
+                 ZAR_S_STZ_BAD_FORMAT},
+        EditCase{"DeleteCurrentPastLastEntry", kTwo,
+                 [](zarStzFile* f) {
+                   zarStzMoveNextEntry(f);
+                   EXPECT_EQ(0, zarStzDeleteCurrentEntry(f));
+                 },
+                 kTwo, ZAR_S_STZ_BAD_ARGUMENT},
+        // The deleted entry is no longer current: re-adding it must not
+        // overwrite the header that took its line.
+        EditCase{"ReAddAfterDelete", "[s]\nk = 1\n[t]\n",
+                 [](zarStzFile* f) {
+                   zarStzDeleteEntry(f, "s", "k");
+                   zarStzAddEntry(f, "k", "2");
+                 },
+                 "[s]\nk = 2\n[t]\n"},
+        EditCase{"EditFollowingStanzaAfterDelete", kTwo,
+                 [](zarStzFile* f) {
+                   zarStzDeleteStanza(f, "a");
+                   addEntry(f, "b", "z", "3");
+                 },
+                 "[b]\ny = 2\nz = 3\n"},
+        EditCase{"ReadOnlyRecord", kTwo, [](zarStzFile* f) { zarStzAddEntry(f, "k", "v"); },
+                 kTwo, ZAR_S_STZ_READ_ONLY, ZAR_STZ_READ},
+        EditCase{"MemoryRecord", kTwo, [](zarStzFile* f) { zarStzDeleteStanza(f, "a"); }, kTwo,
+                 ZAR_S_STZ_NOT_OPEN, ZAR_STZ_READ | ZAR_STZ_MEMORY}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// Arguments that would not read back as written change nothing.
+struct BadArg {
+  const char* stanza;
+  const char* entry;
+  const char* value;
+  const char* comment = nullptr;
+};
+
+class StanzaBadArgument : public StanzaTest, public ::testing::WithParamInterface<BadArg> {};
+
+TEST_P(StanzaBadArgument, RejectedAndNothingWritten) {
+  const BadArg& a = GetParam();
+  Stz f = openStz(file(kTwo), ZAR_STZ_WRITE);
+  ASSERT_TRUE(f);
+  if (a.entry != nullptr) {
+    zarStzAddEntry(f.get(), a.entry, a.value);
+    EXPECT_ZAR_STATUS(ZAR_S_STZ_BAD_ARGUMENT, f->status);
+    zarStzMoveFirstStanza(f.get());
+    zarStzInsertEntry(f.get(), a.entry, a.value);
+  } else {
+    zarStzAddStanzaWithComment(f.get(), a.stanza, a.comment);
+  }
+  EXPECT_ZAR_STATUS(ZAR_S_STZ_BAD_ARGUMENT, f->status);
+  f.reset();
+  EXPECT_EQ(kTwo, readFile(path_));
+}
+
+const std::string kHuge(10000, 'v');
+
+INSTANTIATE_TEST_SUITE_P(
+    Names, StanzaBadArgument,
+    ::testing::Values(BadArg{nullptr, "a=b", "v"}, BadArg{nullptr, "#k", "v"},
+                      BadArg{nullptr, "[k", "v"}, BadArg{nullptr, " k", "v"},
+                      BadArg{nullptr, "k ", "v"}, BadArg{nullptr, "", "v"},
+                      BadArg{nullptr, "k", "two\nlines"}, BadArg{nullptr, "k", kHuge.c_str()},
+                      BadArg{nullptr, "k", "\xff"}, BadArg{"x]y", nullptr, nullptr},
+                      BadArg{"two\nlines", nullptr, nullptr}, BadArg{"c", nullptr, nullptr, "no hash"},
+                      BadArg{nullptr, nullptr, nullptr, nullptr},
+                      BadArg{kHuge.c_str(), nullptr, nullptr}));
+
+TEST_F(StanzaTest, EditsKeepInodeOwnerModeAndTempFilesGo) {
+  file(kTwo);
+  ASSERT_EQ(0, chmod(path_.c_str(), 0640));
+  struct stat before, after;
+  ASSERT_EQ(0, stat(path_.c_str(), &before));
+  Stz f = openStz(path_, ZAR_STZ_WRITE);
+  addEntry(f.get(), "a", "n", "v");
+  zarStzDeleteStanza(f.get(), "b");
+  EXPECT_ZAR_OK(f->status);
+  f.reset();
+  ASSERT_EQ(0, stat(path_.c_str(), &after));
+  EXPECT_EQ(before.st_ino, after.st_ino);
+  EXPECT_EQ(before.st_uid, after.st_uid);
+  EXPECT_EQ(before.st_gid, after.st_gid);
+  EXPECT_EQ(before.st_mode, after.st_mode);
+  const std::string mine = "stzlink" + std::to_string(getpid()) + ".";
+  for (const auto& e : std::filesystem::directory_iterator("/tmp"))
+    EXPECT_NE(0u, e.path().filename().string().rfind(mine, 0)) << "left behind: " << e.path();
+}
+
+// Any single write, read or temporary-file open of a rewrite that fails
+// leaves the file whole: its old text, or the new one.
+TEST_F(StanzaTest, FailedRewriteNeverCorruptsTheFile) {
+  const std::string after = "[a]\nx = 1\n\n# b next\nn = v\n[b]\ny = 2\n";
+  for (fault::Op op : {fault::Op::kWrite, fault::Op::kRead, fault::Op::kOpen}) {
+    for (long k = 1;; ++k) {
+      file(kTwo);
+      Stz f = openStz(path_, ZAR_STZ_WRITE);
+      ASSERT_TRUE(f);
+      CaptureFd err(2);
+      {
+        FaultPlan plan(op, k);
+        addEntry(f.get(), "a", "n", "v");
+        if (plan.failures() == 0) break;
+      }
+      const uint32_t st = f->status;
+      f.reset();
+      std::string text = readFile(path_);
+      if (st == 0) {
+        EXPECT_EQ(after, text);
+      } else {
+        EXPECT_EQ(kTwo, text) << "op " << static_cast<int>(op) << " call " << k;
+        EXPECT_ZAR_STATUS(ZAR_S_STZ_UPDATE_FAILED, st);
+      }
+      if (op == fault::Op::kOpen) {
+        EXPECT_NE(std::string::npos, err.text().find("XKJSC0162E   Could not open file /tmp/stzlink"));
+      }
+    }
+  }
+}
+
+TEST_F(StanzaTest, EditsOfDifferentFilesRunTogether) {
+  auto edit = [&](const std::string& path) {
+    writeFile(path, "[a]\nz = 0\n[b]\n");
+    Stz f = openStz(path, ZAR_STZ_WRITE);
+    for (int i = 0; i < 100; ++i) addEntry(f.get(), "a", ("k" + std::to_string(i)).c_str(), "v");
+  };
+  std::thread t1(edit, dir_.file("one"));
+  std::thread t2(edit, dir_.file("two"));
+  t1.join();
+  t2.join();
+  std::string expected = "[a]\nz = 0\n";
+  for (int i = 0; i < 100; ++i) expected += "k" + std::to_string(i) + " = v\n";
+  expected += "[b]\n";
+  EXPECT_EQ(expected, readFile(dir_.file("one")));
+  EXPECT_EQ(expected, readFile(dir_.file("two")));
+}
+
+// ---- Model-based: random edits against a list of lines ---------------------------------
+
+class Model {
+ public:
+  explicit Model(std::vector<std::string> lines) : lines_(std::move(lines)) {}
+  std::string text() const {
+    std::string t;
+    for (const std::string& l : lines_) t += l + "\n";
+    return t;
+  }
+  // First header of that name, or -1.
+  int header(const std::string& s) const {
+    for (size_t i = 0; i < lines_.size(); ++i)
+      if (lines_[i] == "[" + s + "]") return static_cast<int>(i);
+    return -1;
+  }
+  // End of the stanza starting at h: the next header or the end.
+  size_t end(int h) const {
+    size_t i = h + 1;
+    while (i < lines_.size() && lines_[i].rfind("[", 0) != 0) ++i;
+    return i;
+  }
+  int entry(const std::string& s, const std::string& k) const {
+    int h = header(s);
+    if (h < 0) return -1;
+    for (size_t i = h + 1; i < end(h); ++i)
+      if (lines_[i].rfind(k + " = ", 0) == 0) return static_cast<int>(i);
+    return -1;
+  }
+  void set(const std::string& s, const std::string& k, const char* v) {
+    if (header(s) < 0) lines_.push_back("[" + s + "]");
+    std::string line = k + " = " + (v ? v : "");
+    int e = entry(s, k);
+    if (e >= 0)
+      lines_[e] = line;
+    else
+      lines_.insert(lines_.begin() + end(header(s)), line);
+  }
+  bool erase(const std::string& s, const std::string& k) {
+    int e = entry(s, k);
+    if (e >= 0) lines_.erase(lines_.begin() + e);
+    return e >= 0;
+  }
+  void eraseStanza(const std::string& s) {
+    int h = header(s);
+    if (h >= 0) lines_.erase(lines_.begin() + h, lines_.begin() + end(h));
+  }
+  void addStanza(const std::string& s, const std::string& comment) {
+    if (header(s) >= 0) return;
+    lines_.push_back(comment);
+    lines_.push_back("[" + s + "]");
+  }
+
+ private:
+  std::vector<std::string> lines_;
+};
+
+TEST_F(StanzaTest, RandomEditsMatchModel) {
+  Model model({"# settings", "[s0]", "k0 = a", "", "[s1]", "k1 = b", "k2 = c", "# end"});
+  Stz f = openStz(file(model.text()), ZAR_STZ_WRITE);
+  ASSERT_TRUE(f);
+  std::mt19937 rng(7);
+  auto pick = [&](int n) { return static_cast<int>(rng() % n); };
+  const char* values[] = {"1", "two words", "x#y", nullptr, ""};
+  for (int op = 0; op < 400; ++op) {
+    const std::string s = "s" + std::to_string(pick(4));
+    const std::string k = "k" + std::to_string(pick(5));
+    const char* v = values[pick(5)];
+    std::string what = std::to_string(op) + ": ";
+    switch (pick(6)) {
+      case 0:
+      case 1:
+      case 2:
+        what += "set " + s + " " + k;
+        if (!zarStzMoveStanza(f.get(), s.c_str())) zarStzAddStanza(f.get(), s.c_str());
+        zarStzAddEntry(f.get(), k.c_str(), v);
+        EXPECT_ZAR_OK(f->status) << what;
+        model.set(s, k, v);
+        break;
+      case 3:
+        what += "delete " + s + " " + k;
+        zarStzMoveFirstStanza(f.get());
+        if (f->stanzaName == nullptr) break;
+        EXPECT_EQ(model.erase(s, k) ? 1 : 0, zarStzDeleteEntry(f.get(), s.c_str(), k.c_str()))
+            << what;
+        break;
+      case 4:
+        what += "delete stanza " + s;
+        model.eraseStanza(s);
+        EXPECT_EQ(1, zarStzDeleteStanza(f.get(), s.c_str())) << what;
+        break;
+      case 5:
+        what += "add stanza " + s;
+        model.addStanza(s, "# " + s);
+        zarStzAddStanzaWithComment(f.get(), s.c_str(), ("# " + s).c_str());
+        EXPECT_ZAR_OK(f->status) << what;
+        break;
+    }
+    ASSERT_EQ(model.text(), readFile(path_)) << what;
+  }
+}
+
+}  // namespace
+}  // namespace zar

@@ -14,3 +14,7 @@ target_link_libraries(uuid_bench PRIVATE ${ZAR_PEER_UUID})
 find_package(spdlog REQUIRED)
 target_link_libraries(svc_bench PRIVATE spdlog::spdlog)
 target_compile_definitions(svc_bench PRIVATE ZAR_BENCH_NLS_DIR="${ZAR_NLS_BUILD_DIR}")
+# inih's ini_parse for the stanza-file walk.
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(INIH REQUIRED IMPORTED_TARGET inih)
+target_link_libraries(stanza_bench PRIVATE PkgConfig::INIH)

@@ -141,8 +141,10 @@ ZAR_API uint32_t zarStzStanzaSize(zarStzFile* file);
  * Edits need a stream-mode record opened with ZAR_STZ_WRITE (else
  * ZAR_S_STZ_NOT_OPEN for a memory-mode record, ZAR_S_STZ_READ_ONLY for a
  * read-only one). The file is rewritten in place under its lock, so its
- * inode, owner, permissions and lock stay; a temporary file in /tmp holds the
- * text after the edit point meanwhile. Arguments that could not be read back
+ * inode, owner, permissions and lock stay; a temporary file in /tmp (made
+ * exclusively, mode 0600, removed at once) holds the text after the edit
+ * point meanwhile. A missing line feed at the end of the file is added before
+ * text is written after it. Arguments that could not be read back
  * as written give ZAR_S_STZ_BAD_ARGUMENT and write nothing: names or values
  * holding a line feed, a written line longer than 2047 bytes, text that does
  * not convert to the local code page, an entry name that is empty, holds '=',
@@ -162,8 +164,8 @@ ZAR_API void zarStzAddStanza(zarStzFile* file, const char* name);
 ZAR_API void zarStzAddStanzaWithComment(zarStzFile* file, const char* name, const char* comment);
 /* Removes the first stanza called name with all its lines up to the next
  * header line (blank and comment lines before that header go with it). 1 also
- * when there is no such stanza; 0 on a failure. The cursor must then be
- * re-positioned. */
+ * when there is no such stanza; 0 on a failure. The cursor is then on the
+ * stanza that followed, and the next entry move reports no further entry. */
 ZAR_API int zarStzDeleteStanza(zarStzFile* file, const char* name);
 /* Sets an entry of the current stanza: changes the first entry called name,
  * or inserts "name = value" after the stanza's last entry (before the blank
@@ -176,10 +178,11 @@ ZAR_API void zarStzInsertEntry(zarStzFile* file, const char* name, const char* v
  * comment after the old value are gone). */
 ZAR_API void zarStzChangeValue(zarStzFile* file, const char* value);
 /* Removes the entry called entry from the stanza called stanza: 1, or 0 with
- * ZAR_S_STZ_BAD_FORMAT when it does not exist. Needs a current stanza. */
+ * ZAR_S_STZ_BAD_FORMAT when it does not exist. Needs a current stanza (any).
+ * The stanza stays current, with no current entry. */
 ZAR_API int zarStzDeleteEntry(zarStzFile* file, const char* stanza, const char* entry);
 /* Removes the current entry's line: 1, or 0 (ZAR_S_STZ_BAD_ARGUMENT without a
- * current entry). The cursor must then be re-positioned. */
+ * current entry). The stanza stays current, with no current entry. */
 ZAR_API int zarStzDeleteCurrentEntry(zarStzFile* file);
 
 ZAR_EXTERN_C_END

@@ -1,0 +1,92 @@
+#!/usr/bin/env bash
+# The zar stanza subcommand: list, get, set, delete and validate on a real
+# file; exit statuses; --nowait against a lock held by another process; the
+# local code page of the user's locale.
+set -euo pipefail
+zar=$1/tools/zar
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT
+fail() { echo "FAIL: $*" >&2; exit 1; }
+conf=$tmp/server.conf
+expect() {  # expected-status expected-stdout args...
+  local want=$1 out=$2 rc=0 got
+  shift 2
+  got=$("$zar" stanza "$@" 2>"$tmp/err") || rc=$?
+  [ "$rc" -eq "$want" ] || fail "stanza $*: exit $rc, want $want ($(cat "$tmp/err"))"
+  [ "$got" = "$out" ] || fail "stanza $*: got '$got', want '$out'"
+}
+
+printf '# server\n[server]\nport = 80   # default\nhost = a\n\n[log]\nlevel=\n' >"$conf"
+expect 0 "$(printf 'server\nlog')" "$conf" list
+expect 0 "$(printf 'port = 80\nhost = a')" "$conf" list server
+expect 0 "80" "$conf" get server port
+expect 0 "" "$conf" get log level
+expect 1 "" "$conf" get server missing
+expect 1 "" "$conf" get nostanza port
+expect 1 "" "$conf" list nostanza
+expect 0 "" "$conf" set server port 8080
+expect 0 "" "$conf" set server tls on
+expect 0 "" "$conf" set cache size 10
+expect 0 "" "$conf" delete log level
+expect 1 "" "$conf" delete log level
+expect 0 "" "$conf" validate
+want='# server
+[server]
+port = 8080
+host = a
+
+tls = on
+[log]
+[cache]
+size = 10'
+[ "$(cat "$conf")" = "$want" ] || fail "edited file: $(cat "$conf")"
+ino=$(stat -c %i "$conf")
+expect 0 "" "$conf" delete cache
+[ "$(stat -c %i "$conf")" = "$ino" ] || fail "an edit changed the inode"
+expect 0 "$(printf 'server\nlog')" "$conf" list
+
+# Names that would not read back are refused; nothing is written.
+cp "$conf" "$tmp/before"
+expect 1 "" "$conf" set server 'a=b' x
+grep -q XKJSC0167E "$tmp/err" || fail "no message for a bad name: $(cat "$tmp/err")"
+expect 1 "" "$conf" set 'x]y' k v
+cmp -s "$conf" "$tmp/before" || fail "a refused edit changed the file"
+
+# validate: exit 1 with the library's message on the first bad line.
+printf '[a]\nk = v\nno separator here\n' >"$tmp/bad.conf"
+expect 1 "" "$tmp/bad.conf" validate
+grep -q XKJSC0166E "$tmp/err" || fail "no parse message: $(cat "$tmp/err")"
+grep -q XKJSC0171E "$tmp/err" || fail "no status text: $(cat "$tmp/err")"
+expect 1 "" "$tmp/missing.conf" list
+grep -q XKJSC0162E "$tmp/err" || fail "no open message: $(cat "$tmp/err")"
+
+# Bad usage.
+expect 2 "" "$conf" frobnicate
+expect 2 "" "$conf" get server
+expect 2 "" "$conf"
+
+# Another process holds the exclusive lock: --nowait fails at once, a plain
+# read waits until the lock is released.
+perl -e '
+  use Fcntl;
+  open(my $f, "+<", $ARGV[0]) or die;
+  fcntl($f, F_SETLKW, pack("s s x4 q q i x4", F_WRLCK, 0, 0, 0, 0)) or die "lock: $!";
+  open(my $ready, ">", $ARGV[1]) or die; close($ready);
+  sleep 1;' "$conf" "$tmp/locked" &
+holder=$!
+while [ ! -e "$tmp/locked" ]; do sleep 0.05; done
+expect 1 "" --nowait "$conf" list
+grep -q XKJSC0169E "$tmp/err" || fail "no would-block message: $(cat "$tmp/err")"
+expect 0 "8080" "$conf" get server port
+wait "$holder"
+
+# Names and values are in the code page of the user's locale.
+printf '[Gr\303\266\303\237e]\nschl\303\274ssel = wert\n' >"$tmp/utf8.conf"
+got=$(LC_ALL=en_US.UTF-8 "$zar" stanza "$tmp/utf8.conf" get "$(printf 'Gr\303\266\303\237e')" \
+  "$(printf 'schl\303\274ssel')") || fail "UTF-8 lookup failed"
+[ "$got" = wert ] || fail "UTF-8 lookup gave '$got'"
+if LC_ALL=C "$zar" stanza "$tmp/utf8.conf" list >/dev/null 2>"$tmp/err"; then
+  fail "bytes outside the C locale's code page were accepted"
+fi
+grep -q XKJSC0163E "$tmp/err" || fail "no conversion message: $(cat "$tmp/err")"
+echo "stanza script: ok"

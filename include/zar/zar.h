@@ -26,6 +26,7 @@
 #include "zar/printf.h"
 #include "zar/msgprintf.h"
 #include "zar/msginit.h"
+#include "zar/stanza.h"
 #include "zar/uuid.h"
 #include "zar/paths.h"
 #include "zar/file.h"

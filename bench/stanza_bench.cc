@@ -98,10 +98,14 @@ int countHandler(void* user, const char*, const char*, const char* value) {
 // The memory-mode peer keeps what it reads, as the tree does.
 struct Kept {
   std::vector<std::string> texts;
+  std::string section;
 };
 int keepHandler(void* user, const char* section, const char* name, const char* value) {
   auto* kept = static_cast<Kept*>(user);
-  if (kept->texts.empty() || kept->texts.back() != section) kept->texts.emplace_back(section);
+  if (kept->texts.empty() || kept->section != section) {
+    kept->section = section;
+    kept->texts.emplace_back(section);
+  }
   kept->texts.emplace_back(name);
   kept->texts.emplace_back(value);
   return 1;

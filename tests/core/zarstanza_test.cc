@@ -78,6 +78,8 @@ struct ParseCase {
   std::string walk;  // in file order
 };
 
+void PrintTo(const ParseCase& c, std::ostream* os) { *os << c.name; }
+
 class StanzaParse : public StanzaTest, public ::testing::WithParamInterface<ParseCase> {};
 
 TEST_P(StanzaParse, StreamAndMemoryModeSeeTheSameEntries) {
@@ -121,6 +123,8 @@ struct BadCase {
   uint32_t status;
   const char* message;  // logged message id
 };
+
+void PrintTo(const BadCase& c, std::ostream* os) { *os << c.name; }
 
 class StanzaBadFormat : public StanzaTest, public ::testing::WithParamInterface<BadCase> {};
 
@@ -319,6 +323,8 @@ struct EditCase {
   uint32_t flags = ZAR_STZ_WRITE;
 };
 
+void PrintTo(const EditCase& c, std::ostream* os) { *os << c.name; }
+
 class StanzaEdit : public StanzaTest, public ::testing::WithParamInterface<EditCase> {};
 
 TEST_P(StanzaEdit, FileTextAndStatus) {
@@ -415,6 +421,10 @@ struct BadArg {
   const char* value;
   const char* comment = nullptr;
 };
+
+void PrintTo(const BadArg& a, std::ostream* os) {
+  *os << (a.entry != nullptr ? a.entry : a.stanza != nullptr ? a.stanza : "(null)");
+}
 
 class StanzaBadArgument : public StanzaTest, public ::testing::WithParamInterface<BadArg> {};
 

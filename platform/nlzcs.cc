@@ -508,11 +508,34 @@ int nlz_mbstowcs(nlz_cs_t cs, nlz_wchar_t* out, const char* in, int outCount) {
   }
   if (injected()) return -1;
   size_t inLen = strlen(in);
+  const unsigned char* s = reinterpret_cast<const unsigned char*>(in);
+  // ASCII needs no decoding in an ASCII-transparent code set: the common
+  // case of configuration files and messages takes a byte-to-unit loop.
+  size_t ascii = 0;
+  if (cs->asciiTransparent) {
+    while (ascii < inLen && s[ascii] < 0x80) ++ascii;
+    if (ascii >= static_cast<size_t>(outCount)) {
+      errno = E2BIG;
+      return -1;
+    }
+    for (size_t i = 0; i < ascii; ++i) out[i] = s[i];
+    if (ascii == inLen) {
+      out[ascii] = 0;
+      return static_cast<int>(ascii);
+    }
+  }
   if (cs->utf8) {
-    const unsigned char* s = reinterpret_cast<const unsigned char*>(in);
-    int n = 0;
-    size_t i = 0;
+    int n = static_cast<int>(ascii);
+    size_t i = ascii;
     while (i < inLen) {
+      if (s[i] < 0x80) {
+        if (n + 1 >= outCount) {
+          errno = E2BIG;
+          return -1;
+        }
+        out[n++] = s[i++];
+        continue;
+      }
       uint32_t cp;
       int len = utf8Decode(s + i, static_cast<int>(inLen - i > 8 ? 8 : inLen - i), &cp);
       if (len < 0) {
@@ -552,11 +575,29 @@ int nlz_wcstombs(nlz_cs_t cs, char* out, const nlz_wchar_t* in, int outLen) {
   }
   if (injected()) return -1;
   size_t units = 0;
-  while (in[units] != 0) ++units;
+  bool allAscii = true;
+  for (; in[units] != 0; ++units) allAscii = allAscii && in[units] < 0x80;
+  if (allAscii && cs->asciiTransparent) {
+    if (units >= static_cast<size_t>(outLen)) {
+      errno = E2BIG;
+      return -1;
+    }
+    for (size_t i = 0; i < units; ++i) out[i] = static_cast<char>(in[i]);
+    out[units] = '\0';
+    return static_cast<int>(units);
+  }
   if (cs->utf8) {
     int n = 0;
     for (size_t i = 0; i < units; ++i) {
       uint32_t cp = in[i];
+      if (cp < 0x80) {
+        if (n + 1 >= outLen) {
+          errno = E2BIG;
+          return -1;
+        }
+        out[n++] = static_cast<char>(cp);
+        continue;
+      }
       if (cp >= 0xD800 && cp <= 0xDBFF) {
         if (i + 1 >= units || in[i + 1] < 0xDC00 || in[i + 1] > 0xDFFF) {
           errno = EILSEQ;

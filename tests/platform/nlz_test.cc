@@ -152,6 +152,11 @@ TEST(Wide, SurrogatePairsAreOneCharacterBothWays) {
       {"UTF-8", "a\xe2\x82\xac\xf0\x9d\x84\x9e", {0x61, 0x20AC, 0xD834, 0xDD1E}},
       {"EUC-JP", "\xa4\xa2z", {0x3042, 0x7A}},
       {"ISO-8859-1", "\xe4", {0xE4}},
+      // ASCII alone, and an ASCII run before other characters.
+      {"UTF-8", "k = v", {0x6B, 0x20, 0x3D, 0x20, 0x76}},
+      {"UTF-8", "ab\xc3\xa9", {0x61, 0x62, 0xE9}},
+      {"ISO-8859-1", "ab\xe4", {0x61, 0x62, 0xE4}},
+      {"EUC-JP", "ab", {0x61, 0x62}},
   };
   for (const Row& r : rows) {
     CsPtr h = cs(r.cs);

@@ -45,9 +45,14 @@ std::string readAll() {
   return text;
 }
 
-void check(bool ok) {
-  if (!ok) abort();
-}
+// An invariant that failed names itself before the fuzzer takes the abort.
+#define check(cond)                                                      \
+  do {                                                                   \
+    if (!(cond)) {                                                       \
+      fprintf(stderr, "stanza_fuzz:%d: check failed: %s\n", __LINE__, #cond); \
+      abort();                                                           \
+    }                                                                    \
+  } while (0)
 
 }  // namespace
 
@@ -100,6 +105,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   zarStzAddEntry(w, "k", "v");
   check(w->status == 0);
   check(zarStzValidate(w) == 1);
+  zarStzMoveFirstStanza(w);  // validation leaves the cursor at the end
   check(zarStzMoveEntry(w, "fuzz", "k") == 1 && strcmp(w->value, "v") == 0);
 
   // Deleting the stanza again leaves only the comment line (and the line

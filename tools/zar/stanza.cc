@@ -10,7 +10,6 @@
 // command; --nowait fails at once when another process holds the file.
 // Exit status: 0 done, 1 failed or not found (with a message on standard
 // error), 2 bad usage.
-#include <locale.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -125,8 +124,9 @@ int run(const Command& self, int argc, char** argv) {
   if (nargs < a->minArgs || nargs > a->maxArgs)
     return usageError(self, "wrong number of arguments for '%s'", action);
 
-  // Names and values are in the local code page of the user's locale.
-  setlocale(LC_ALL, "");
+  // The user's locale (names and values are in its code page), the program
+  // name of the records, and the components that log the library's messages.
+  zarmsg_init("zar", 0);
   Open file(path, (a->edit ? ZAR_STZ_WRITE : ZAR_STZ_READ) | wait);
   zarStzFile* f = file.get();
   if (f == nullptr) return failure(path, file.status());

@@ -48,6 +48,21 @@ NlsState gNls;
 // it); read first because it is cheaper than pthread_getspecific.
 thread_local struct CodePageCell* tCodePageCell = nullptr;
 
+// Set while this thread makes a local-code-page handle (the process-wide
+// one-time set-up, or its own handle) and reports a failure to make it. The
+// report is a message whose text lookup asks for the local code page again;
+// that request must neither wait for the one-time set-up it is part of nor
+// start another attempt, so it gets null (the code set of the thread's
+// locale) instead.
+thread_local bool tMakingCodePage = false;
+
+struct MakingCodePage {
+  MakingCodePage() { tMakingCodePage = true; }
+  ~MakingCodePage() { tMakingCodePage = false; }
+  MakingCodePage(const MakingCodePage&) = delete;
+  MakingCodePage& operator=(const MakingCodePage&) = delete;
+};
+
 // What a thread keeps under the code-page key: its handle, possibly null
 // (then the thread does not try again).
 struct CodePageCell {
@@ -83,6 +98,7 @@ void reportCsNewFailure(const char* name) {
 }
 
 void initCodePage() {
+  MakingCodePage making;
   char name[32];
   if (nlz_os_cs_name(name, sizeof name) != 0) {
     reportSystemRoutineFailure("nlz_os_cs_nam()", -1);
@@ -118,6 +134,7 @@ zar_locale_t zarsvc_get_locale(void) {
 
 zar_codeset_t zarsvc_get_local_code_page(void) {
   if (zar::svc::tCodePageCell != nullptr) return zar::svc::tCodePageCell->cs;
+  if (zar::svc::tMakingCodePage) return nullptr;
   pthread_once(&gNls.codePageOnce, zar::svc::initCodePage);
   if (!gNls.codePageKeyMade) return nullptr;
   auto* cell = static_cast<zar::svc::CodePageCell*>(pthread_getspecific(gNls.codePageKey));
@@ -126,6 +143,7 @@ zar_codeset_t zarsvc_get_local_code_page(void) {
   if (cell == nullptr) return nullptr;  // not cached: tried again next time
   cell->cs = nullptr;
   if (gNls.codePageName[0] != '\0') {
+    zar::svc::MakingCodePage making;
     cell->cs = nlz_cs_new(gNls.codePageName);
     if (cell->cs == nullptr) zar::svc::reportCsNewFailure(gNls.codePageName);
   }

@@ -2,6 +2,7 @@
 // per-thread objects and handles, and the UTF-8 handle.
 #include <locale.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <string>
 #include <atomic>
@@ -11,6 +12,7 @@
 #include "platform/nlz.h"
 #include "tests/testutil/testutil.h"
 #include "zar/status.h"
+#include "zar/svc.h"
 
 namespace {
 
@@ -80,6 +82,29 @@ TEST(SvcNls, AThreadWhoseHandleFailedKeepsNullAndTheFailureIsReported) {
             err.find("XKJSC0156E   The nlz_cs_new(ANSI_X3.4-1968) system routine failed: "
                      "system error code: 0"))
       << err;
+}
+
+// The report of a failed first set-up is a message whose text lookup asks for
+// the local code page again: that request must not wait for the set-up it is
+// part of, nor start another one.
+TEST(SvcNls, AFailedFirstSetUpIsReportedWithoutEnteringItAgain) {
+  zar::test::TempDir dir;
+  std::string errFile = dir.file("err");
+  int status = runInChild([&] {
+    alarm(20);  // a wait on the set-up itself ends the child instead of the test
+    zar::test::CaptureFd err(2);
+    unsigned long st = 0;
+    zar_svc_init(0, &st);
+    zar_codeset_t cs = reinterpret_cast<zar_codeset_t>(1);
+    {
+      zar::test::FaultPlan plan(zar::fault::Op::kIconv, 1, true);
+      cs = zarsvc_get_local_code_page();
+    }
+    zar::test::writeFile(errFile, err.text());
+    return cs == nullptr ? 0 : 2;
+  });
+  EXPECT_EQ(0, exitCode(status));
+  EXPECT_NE(std::string::npos, zar::test::readFile(errFile).find("XKJSC0156E"));
 }
 
 TEST(SvcNls, Utf8HandleIsSharedAndExported) {

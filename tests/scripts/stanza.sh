@@ -70,11 +70,13 @@ expect 2 "" "$conf"
 perl -e '
   use Fcntl;
   open(my $f, "+<", $ARGV[0]) or die;
-  fcntl($f, F_SETLKW, pack("s s x4 q q i x4", F_WRLCK, 0, 0, 0, 0)) or die "lock: $!";
+  my $lock = pack("s s x4 q q i x4", F_WRLCK, 0, 0, 0, 0);
+  fcntl($f, F_SETLKW, $lock) or die "lock: $!";
   open(my $ready, ">", $ARGV[1]) or die; close($ready);
   sleep 1;' "$conf" "$tmp/locked" &
 holder=$!
-while [ ! -e "$tmp/locked" ]; do sleep 0.05; done
+for _ in $(seq 200); do [ -e "$tmp/locked" ] && break; sleep 0.05; done
+[ -e "$tmp/locked" ] || fail "the lock holder did not start"
 expect 1 "" --nowait "$conf" list
 grep -q XKJSC0169E "$tmp/err" || fail "no would-block message: $(cat "$tmp/err")"
 expect 0 "8080" "$conf" get server port

@@ -94,20 +94,7 @@ svc_file_route* newRecord(const char* name) {
   return record;
 }
 
-// Visits every route of the severity lists and of the debug lists of the
-// registered components, in that order.
-template <class Fn>
-void forEachRoute(Fn fn) {
-  for (svc_route_list& list : gSvc.routes) {
-    for (int32_t i = 0; i < list.count; ++i) fn(list.routes[i]);
-  }
-  for (uint32_t m = 0; m < gSvc.mapSize; ++m) {
-    svc_route_list& list = gSvc.map[m]->debug_routes;
-    for (int32_t i = 0; i < list.count; ++i) fn(list.routes[i]);
-  }
-}
-
-void flushRoute(svc_route* route) {
+void flushRoute(svc_route* route, bool) {
   switch (route->kind) {
     case kRouteTextFile:
     case kRouteUtf8File:
@@ -135,18 +122,24 @@ void forkPrepare() {
   ensureInit();
   pthread_mutex_lock(&gSvc.mutex);
   gSvc.owner.store(pthread_self(), std::memory_order_relaxed);
+  // The route-type registry is not caught half changed either.
+  dynRouteForkPrepare();
   CancelDisabled noCancel;
   forEachRoute(flushRoute);
 }
 
-void forkParent() { zar_svc__cleanup_mutex(); }
+void forkParent() {
+  dynRouteForkRelease();
+  zar_svc__cleanup_mutex();
+}
 
 // In the child: the new process id, and a file of its own for every TEXTFILE
 // whose name holds the process id. The file opens under the new name with
 // the route's next message.
 void forkChild() {
   gSvc.pid.store(getpid(), std::memory_order_relaxed);
-  forEachRoute([](svc_route* route) {
+  dynRouteForkRelease();
+  forEachRoute([](svc_route* route, bool) {
     if (route->kind != kRouteTextFile) return;
     auto record = static_cast<svc_file_route*>(route->target);
     if (record == nullptr || record->nameFormat == nullptr) return;
@@ -348,6 +341,16 @@ void zar_svc__close_routes(svc_route_list* list) {
     zar::mem::free(route->dynArg);
     route->dynName = nullptr;
     route->dynArg = nullptr;
+    if (route->kind == kRouteDynamic) {
+      // Last, so that a thread cancelled in the close callback leaves the
+      // route wholly closed.
+      auto type = static_cast<svc_dyn_route*>(route->target);
+      void* data = route->routeData;
+      route->kind = route->fallback;
+      route->target = nullptr;
+      route->routeData = nullptr;
+      zar__svc_dyn_route_close(type, data);
+    }
   }
 }
 

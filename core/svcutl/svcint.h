@@ -80,7 +80,7 @@ struct zar_svc_route_s {
                           // destination cannot be opened
   int32_t opened;         // ready for output
   void* target;
-  uintptr_t routeData;    // a dynamic route's per-route word
+  void* routeData;        // a dynamic route's per-route data (its open callback's)
   char* dynName;          // owned: the kind word of an element that names no
                           // built-in kind (a dynamic route type), or null
   char* dynArg;           // owned: that element's where field, or null
@@ -92,6 +92,27 @@ typedef struct zar_svc_route_s svc_route;
 struct svc_saved_setting {
   char* text;
   int32_t kind;
+};
+
+// One registered route type (svcdynroute.cc), allocated as one block with
+// its name right after it.
+// Invariants: the fields up to close never change after registration; the
+// counters and flags are read and written only under the dynamic-route lock.
+// references counts the registry (until removal), every open route and every
+// open call in progress; the block is freed when it drops to 0. removed is
+// set once and never cleared. At most one open call of a type runs at a time.
+struct svc_dyn_route {
+  const char* name;                // the text stored after the record
+  void* arg;                       // context argument handed to every callback
+  zar_svc_route_open_fn open;
+  zar_svc_route_print_fn print;
+  zar_svc_route_close_fn close;    // may be null
+  int32_t references;              // dynamic-route lock
+  int32_t removed;                 // dynamic-route lock: being or been removed
+  int32_t opening;                 // dynamic-route lock: an open callback runs
+  int32_t closing;                 // dynamic-route lock: a close callback runs
+  int32_t printing;                // dynamic-route lock: print callbacks running
+  int32_t openWaiting;             // dynamic-route lock: opens waiting for opening
 };
 
 struct svc_callbacks {
@@ -139,6 +160,9 @@ struct SvcState {
   TimeTextCache timeCache;          // mutex: local time text of the latest second printed
   char pidName[32] = {};            // mutex: "PID#" and pidNameOf
   pid_t pidNameOf = 0;              // mutex: the process id pidName was made for
+
+  pthread_key_t msgsaveKey = 0;     // the thread's message save; made at set-up
+  bool msgsaveKeyMade = false;      // set at set-up, then read freely
 };
 
 extern SvcState gSvc;
@@ -188,9 +212,28 @@ zar_svc_handle registerLocked(zar_svc_subcomp* table, const char* component,
 // kMaxRouteText bytes; out has room for kMaxRouteText + 1 bytes.
 bool expandFileName(const char* format, pid_t pid, char* out);
 
-// The route list of a component's debug messages when its debug settings are
-// settled, else null (unsettled components have no debug routes yet).
+// The route list of a component's debug messages, its debug settings filled
+// in first when they are not settled yet; null when the fill-in fails.
 svc_route_list* debugRoutesOf(zar_svc_handle handle);
+
+// Visits every route of the five severity lists, then of the debug list of
+// every registered component in map order, as fn(route, inDebugList).
+template <class Fn>
+void forEachRoute(Fn fn) {
+  for (svc_route_list& list : gSvc.routes) {
+    for (int32_t i = 0; i < list.count; ++i) fn(list.routes[i], false);
+  }
+  for (uint32_t m = 0; m < gSvc.mapSize; ++m) {
+    svc_route_list& list = gSvc.map[m]->debug_routes;
+    for (int32_t i = 0; i < list.count; ++i) fn(list.routes[i], true);
+  }
+}
+
+// The severity whose name is exactly name (index 0..4), or -1.
+int severityByName(const char* name);
+// True when word is one of the kind words of route strings ("STDERR",
+// "GOESTO", ...), which no route type may be named.
+bool isKindKeyword(const char* word);
 
 // The list that a GOESTO route names: a severity's (filled in first when it
 // is empty) or a registered component's debug list; null for unknown names.
@@ -228,6 +271,10 @@ struct zar_svc_record {
   bool formatOwned = false;    // prolog.format is an owned copy
   bool timeKnown = false;      // timeText holds the prolog's time
   char timeText[50];           // local time text of prolog.t (once timeKnown)
+  bool textBorrowed = false;   // text belongs to a saved message, not to the record
+  bool saved = false;          // a saved message: every route through the converting printer
+  bool dynamicGetsArgs = false;  // route types get the format and its arguments (else
+                                 // "%s" and the converted text)
   int parseState = 0;          // parsed: 0 not yet, 1 parsed, -1 the format is bad
   zar::format::Context parsed; // the format with its arguments, in the default code set
   zar_svc_prolog prolog;
@@ -257,6 +304,10 @@ void buildProlog(zar_svc_record* record, zar_svc_handle handle, zar_codeset_t cs
                  const char* file, int line, const char* argtypes, uint32_t subcomp,
                  uint32_t attributes, uint32_t msgid);
 
+// The program name of a record (32 bytes): the one set, or "PID#" and the
+// process id. Mutex held.
+void copyProgname(char* out);
+
 // Writes the record to every route of list, in order, as each route's kind
 // needs; GOESTO routes continue with the list they name (a list already
 // visited in this call is skipped). buildProlog is called through the given
@@ -264,6 +315,11 @@ void buildProlog(zar_svc_record* record, zar_svc_handle handle, zar_codeset_t cs
 using PrologBuilder = void (*)(zar_svc_record* record, void* context);
 void writeRoutes(zar_svc_record* record, svc_route_list* list, PrologBuilder build,
                  void* buildContext, va_list args);
+
+// Formats fmt with a fresh copy of args in code set cs into a new text
+// (length in *length); null (length 0) when it cannot be formatted, would be
+// empty, or memory is short.
+char* localSprintf(nlz_cs_t cs, const char* fmt, int32_t* length, va_list args);
 
 // zar_svc_printf_withfile for code that already holds the mutex (an
 // assertion inside routing). Mutex held.
@@ -314,9 +370,41 @@ void zar_svc__check_open(svc_route* route);
 void zar_svc__close_routes(svc_route_list* list);
 pid_t zar_svc__get_pid(void);  // no mutex needed
 void zar_svc__register_fork_handler_once(void);
+
+// Dynamic routes (svcdynroute.cc). Open, print and close run their callback
+// without the dynamic-route lock; announce and denounce take the mutex.
+void zar__svc_dyn_route_open(const char* name, const char* where, svc_dyn_route** target,
+                             void** routeData, unsigned long* status);  // mutex held
+void zar__svc_dyn_route_print2(svc_dyn_route* target, void* routeData, zar_svc_prolog* prolog,
+                               ...);
+void zar__svc_dyn_route_print(svc_dyn_route* target, void* routeData, zar_svc_prolog* prolog,
+                              va_list args);
+void zar__svc_dyn_route_close(svc_dyn_route* target, void* routeData);  // mutex held
+void zar_svc__routing_announce(const char* name, unsigned long* status);
+void zar_svc__routing_denounce(const char* name, unsigned long* status);
+
+// Message save (svcsave.cc). The destructor of the thread-specific slot.
+void zar_svc_msgsave_destructor(void* state);
+
+// Debug levels (svcdbglevel.cc). Applies a level list to a handle (mutex
+// held); fills in a handle's debug settings (mutex held), true when settled.
+void zar_svc__really_debug_set_levels(zar_svc_handle handle, const char* levels, int callbacks,
+                                      unsigned long* status);
+bool zar_svc__debug_fillin(zar_svc_handle handle, unsigned long* status);
 }
 
 namespace zar::svc {
+// The dynamic-route lock across fork: taken (after the mutex) before fork,
+// released after it in parent and child.
+void dynRouteForkPrepare();
+void dynRouteForkRelease();
+
+// The calling thread's message save when it is active, else null; saves the
+// record (its prolog built) and says whether it is still to be routed.
+struct MsgSaveState;
+MsgSaveState* activeMsgSave();
+bool doSaveMsg(MsgSaveState* state, zar_svc_record* record, va_list args);
+
 // Attaches a new file route to the record of its file (made when there is
 // none) and sets the record up from the element when the route is its only
 // one. gens and limit are null when the element had no .GENS.LIMIT. Returns

@@ -201,9 +201,8 @@ void fetchCodeSets(zar_svc_record* record) {
   record->codeSetsKnown = true;
 }
 
-// The format with its arguments in code set cs, as a new text; null (length 0)
-// when the format cannot be parsed or rendered, the text would be empty, or
-// memory is short.
+}  // namespace
+
 char* localSprintf(nlz_cs_t cs, const char* fmt, int32_t* length, va_list args) {
   *length = 0;
   format::Context ctx;
@@ -228,6 +227,8 @@ char* localSprintf(nlz_cs_t cs, const char* fmt, int32_t* length, va_list args) 
   if (text != nullptr) *length = n;
   return text;
 }
+
+namespace {
 
 // Converts length bytes of text from code set source into other (UTF-8 into
 // the local code set when source is UTF-8, else into UTF-8); a new
@@ -610,7 +611,9 @@ void putXmlHead(OutBuf& out, zar_svc_record* record, bool convertStrings, va_lis
     out.put("]]></Value></LogAttribs>\n <LogText><![CDATA[");
     return;
   }
-  const char* text = p.format != nullptr ? p.format : "";
+  // A saved message has its text (already formatted) and no format: its Id
+  // and Severity come from that text, and its arguments are gone.
+  const char* text = p.format != nullptr ? p.format : record->text != nullptr ? record->text : "";
   size_t idLen = strnlen(text, 10);
   char sevLetter = idLen == 10 ? text[9] : '\0';
   out.put("<Message Id=\"");
@@ -701,6 +704,38 @@ void printPrefix(OutBuf& out, zar_svc_record* record, int newline, bool convertS
   out.commit(static_cast<size_t>(w - start));
 }
 
+// The prolog's format reads "%s" while a route type gets the formatted text
+// as the one argument, and its own again afterwards (also when the thread is
+// cancelled in the callback: the record frees an owned format).
+class FormatSwap {
+ public:
+  explicit FormatSwap(zar_svc_prolog* prolog) : prolog_(prolog), saved_(prolog->format) {
+    prolog_->format = "%s";
+  }
+  ~FormatSwap() { prolog_->format = saved_; }
+  FormatSwap(const FormatSwap&) = delete;
+  FormatSwap& operator=(const FormatSwap&) = delete;
+
+ private:
+  zar_svc_prolog* prolog_;
+  const char* saved_;
+};
+
+// Hands the record to a route of a registered type: the format and its
+// arguments, or "%s" with the formatted text (in UTF-8 for a severity message
+// of the local code set; a saved UTF-8 message is its own text).
+void writeDynamic(zar_svc_record* record, svc_route* route, va_list args) {
+  auto type = static_cast<svc_dyn_route*>(route->target);
+  if (record->dynamicGetsArgs) {
+    zar__svc_dyn_route_print(type, route->routeData, &record->prolog, args);
+    return;
+  }
+  const char* text = record->saved && record->utf8Source ? record->text
+                                                          : convertedText(record, args);
+  FormatSwap swap(&record->prolog);
+  zar__svc_dyn_route_print2(type, route->routeData, &record->prolog, text != nullptr ? text : "");
+}
+
 bool wantsPrefix(const zar_svc_record* record) {
   const zar_svc_prolog& p = record->prolog;
   if (p.attributes & svc_c_action_brief) return false;
@@ -766,17 +801,26 @@ void writeRoutes(zar_svc_record* record, svc_route_list* list, PrologBuilder bui
         stream = stderr;
         newline = 1;
         break;
-      default:  // DISCARD, and a dynamic route waiting for its type
+      case kRouteDynamic:
+        if (record->prolog.handle == nullptr) build(record, buildContext);
+        writeDynamic(record, route, args);
+        continue;
+      default:  // DISCARD, and a route waiting for its type
         continue;
     }
     if (stream == nullptr) continue;
     if (record->prolog.handle == nullptr) build(record, buildContext);
     bool xml = kind == kRouteXmlFile || kind == kRouteXmlStdout || kind == kRouteXmlStderr;
     record->prolog.xml = xml ? 1 : 0;
-    if (record->utf8Source) {
-      // UTF-8 text: converted for the text kinds, as it is for UTF-8 and XML.
-      int convert = kind == kRouteTextFile || kind == kRouteStdout || kind == kRouteStderr;
+    bool textKind = kind == kRouteTextFile || kind == kRouteStdout || kind == kRouteStderr;
+    if (record->saved) {
+      // The saved text is converted for the routes that need the other code
+      // set: text routes need the local one, UTF-8 and XML routes UTF-8.
+      int convert = textKind ? record->utf8Source : !record->utf8Source;
       zar_svc__vfprintf2(stream, record, newline, convert, args);
+    } else if (record->utf8Source) {
+      // UTF-8 text: converted for the text kinds, as it is for UTF-8 and XML.
+      zar_svc__vfprintf2(stream, record, newline, textKind ? 1 : 0, args);
     } else if (kind == kRouteUtf8File) {
       zar_svc__vfprintf2(stream, record, newline, 1, args);
     } else {
@@ -790,6 +834,8 @@ void buildProlog(zar_svc_record* record, zar_svc_handle handle, zar_codeset_t cs
                  uint32_t attributes, uint32_t msgid) {
   zar_svc_prolog& p = record->prolog;
   record->utf8Source = cs != nullptr;
+  // A UTF-8 message reaches route types with its own format and arguments.
+  record->dynamicGetsArgs = cs != nullptr;
   char* text = record->utf8Source ? messageTextUtf8(msgid) : messageText(msgid);
   p.format = text;
   record->formatOwned = text != nullptr;
@@ -806,8 +852,12 @@ void buildProlog(zar_svc_record* record, zar_svc_handle handle, zar_codeset_t cs
   p.file = file == nullptr ? "?" : slash != nullptr ? slash + 1 : file;
   p.line = line;
   p.thread_id = pthread_self();
+  copyProgname(p.progname);
+}
+
+void copyProgname(char* out) {
   if (gSvc.progname[0] != '\0') {
-    memcpy(p.progname, gSvc.progname, sizeof p.progname);
+    memcpy(out, gSvc.progname, sizeof gSvc.progname);
   } else {
     // "PID#" and the process id, made again only when the id changed (fork).
     pid_t pid = zar_svc__get_pid();
@@ -815,7 +865,7 @@ void buildProlog(zar_svc_record* record, zar_svc_handle handle, zar_codeset_t cs
       snprintf(gSvc.pidName, sizeof gSvc.pidName, "PID#%ld", static_cast<long>(pid));
       gSvc.pidNameOf = pid;
     }
-    memcpy(p.progname, gSvc.pidName, sizeof p.progname);
+    memcpy(out, gSvc.pidName, sizeof gSvc.pidName);
   }
 }
 
@@ -824,7 +874,7 @@ void buildProlog(zar_svc_record* record, zar_svc_handle handle, zar_codeset_t cs
 zar_svc_record::~zar_svc_record() {
   if (parseState == 1) zar_vsnprintf_done(&parsed);
   zar::mem::free(converted);
-  zar::mem::free(text);
+  if (!textBorrowed) zar::mem::free(text);
   if (formatOwned) zar::mem::free(const_cast<char*>(prolog.format));
 }
 
@@ -990,6 +1040,10 @@ void printBody(const SeverityCall& call, va_list args) {
   if ((call.attributes & svc_c_route_nolog) == 0) {
     svc_route_list* list;
     if ((call.attributes & svc_c_debug_mask) == 0) {
+      if (MsgSaveState* save = activeMsgSave()) {
+        if (record.prolog.handle == nullptr) buildSeverityProlog(&record, context);
+        if (!doSaveMsg(save, &record, args)) return;  // held back: no route, no action
+      }
       list = &gSvc.routes[severityIndex(call.attributes)];
       if (list->count == 0) {
         unsigned long st = 0;
@@ -997,6 +1051,7 @@ void printBody(const SeverityCall& call, va_list args) {
       }
     } else {
       list = debugRoutesOf(handle);
+      if (list == nullptr) return;  // the debug settings cannot be settled
     }
     writeRoutes(&record, list, buildSeverityProlog, context, args);
   }

@@ -102,6 +102,8 @@ extern "C" {
 
 void zar_svc__init_mutex(void) {
   if (pthread_mutex_init(&gSvc.mutex, nullptr) != 0) return;
+  // Without the key threads cannot save messages; everything else works.
+  gSvc.msgsaveKeyMade = pthread_key_create(&gSvc.msgsaveKey, zar_svc_msgsave_destructor) == 0;
   if (const char* brief = getenv("SVC_BRIEF")) {
     gSvc.brief = static_cast<int32_t>(strtol(brief, nullptr, 10));
   }
@@ -255,6 +257,8 @@ ZAR_API const char* zar_svc_inq_sev_name(uint32_t attributes) {
 
 ZAR_API void zar_svc_shutdown(void) {
   if (!gSvc.setup.load(std::memory_order_acquire)) return;
+  if (gSvc.msgsaveKeyMade) pthread_key_delete(gSvc.msgsaveKey);
+  gSvc.msgsaveKeyMade = false;
   pthread_mutex_destroy(&gSvc.mutex);
 }
 

@@ -138,8 +138,8 @@ bool openElement(svc_route_list* list, int32_t fallback, char* element, unsigned
   }
   if (!known) {
     // A word that names no built-in kind names a dynamic route type. The
-    // route keeps its fallback kind, with the name and argument kept, until a
-    // type of that name takes it over.
+    // name and argument are kept for good: a type of that name takes the
+    // route over whenever it is added.
     route->dynName = mem::strDup(kindWord);
     route->dynArg = mem::strDup(where);
     if (route->dynName == nullptr || route->dynArg == nullptr) {
@@ -155,14 +155,25 @@ bool openElement(svc_route_list* list, int32_t fallback, char* element, unsigned
   route->next = gSvc.routebase;
   gSvc.routebase = route;
   setStatus(status, 0);
-  return true;
-}
-
-int severityByName(const char* name) {
-  for (int i = 0; i < kNumSeverities; ++i) {
-    if (strcmp(name, kCodeTable[i]) == 0) return i;
+  if (!known) {
+    // The route is in its list (as its fallback kind) before the type's open
+    // callback runs, so a thread cancelled in that callback leaves it there.
+    svc_dyn_route* type = nullptr;
+    void* data = nullptr;
+    unsigned long st = 0;
+    zar__svc_dyn_route_open(route->dynName, route->dynArg, &type, &data, &st);
+    if (st == 0) {
+      route->kind = kRouteDynamic;
+      route->target = type;
+      route->routeData = data;
+    } else if (st != ZAR_S_SVC_BAD_ROUTE) {
+      // The open failed: the route stays its fallback kind and the status
+      // says so unless a later element succeeds. No such type yet is no
+      // error: the route waits for one.
+      setStatus(status, zar::statusCode(st));
+    }
   }
-  return -1;
+  return true;
 }
 
 // The text of the first field of a routing-file value: up to ':' or the end.
@@ -209,8 +220,29 @@ class LineReader {
 
 }  // namespace
 
+int severityByName(const char* name) {
+  for (int i = 0; i < kNumSeverities; ++i) {
+    if (strcmp(name, kCodeTable[i]) == 0) return i;
+  }
+  return -1;
+}
+
+bool isKindKeyword(const char* word) {
+  for (const KindWord& k : kStreamKinds) {
+    if (strcmp(word, k.word) == 0) return true;
+  }
+  for (const KindWord& k : kFileKinds) {
+    if (strcmp(word, k.word) == 0) return true;
+  }
+  return strcmp(word, "GOESTO") == 0;
+}
+
 svc_route_list* debugRoutesOf(zar_svc_handle handle) {
-  return handle->debug_filled ? &handle->debug_routes : nullptr;
+  if (!handle->debug_filled) {
+    unsigned long st = 0;
+    if (!zar_svc__debug_fillin(handle, &st)) return nullptr;
+  }
+  return &handle->debug_routes;
 }
 
 // The list that a GOESTO route names: a severity's (filled first when

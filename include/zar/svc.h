@@ -18,9 +18,10 @@
  *   unregistration. A sub-component table belongs to the caller, who keeps it
  *   alive and writable for as long as any handle made from it exists (the
  *   library writes descriptions and debug levels into it).
- * - Threads: every function may be called from any thread. Registration and
- *   level-change callbacks and handle filters run while the library holds its
- *   serviceability mutex; they must not call the functions of this header
+ * - Threads: every function may be called from any thread. Registration
+ *   callbacks, handle filters, route-type callbacks and level-change
+ *   callbacks (except those of zar_svc_debug_routing) run while the library
+ *   holds its serviceability mutex; they must not call the functions of this header
  *   that take it (all of them except zar_svc_register2, zar_svc_init with
  *   ZAR_SVC_INIT_MUTEX_HELD, zar_svc_get_progname and zar_svc_inq_sev_name).
  * - Fork: the library holds its mutex across fork(2); a child of fork gets
@@ -213,6 +214,144 @@ ZAR_API void zar_svc_shutdown(void);
  * route string, no such severity) or 0x106521F4 (no memory). Files that
  * cannot be opened make their routes write to standard error instead. */
 ZAR_API void zar_svc_routing(const char* setting, unsigned long* status);
+
+/* ---- Route types registered at run time -------------------------------------------
+ * A program adds destinations of its own: a route type is a name and three
+ * callbacks. A route element whose kind word is that name ("COUNTER:warnings"
+ * in a route string) becomes a route of that type: it is opened through the
+ * open callback with the element's WHERE text, every record routed to it is
+ * handed to the print callback, and closing the route calls the close
+ * callback. Elements naming a type that is not registered wait as their
+ * fallback kind (standard error or nowhere) and are taken over when the type
+ * is added; routes of a type that is removed write to standard error again
+ * (a component's debug routes: nowhere) and are taken over when a type of
+ * the same name is added later.
+ *
+ * All three callbacks run while the library holds its serviceability mutex
+ * (they are reached from routing, printing and closing routes), so they must
+ * not call the functions of this header that take it. They run without the
+ * library's route-type lock. Opens of one type run one at a time; a close
+ * waits for running prints of its type. A thread cancelled inside a callback
+ * leaves every lock released and every count right. */
+
+/* Opens one route: where is the element's WHERE text (possibly empty). Store
+ * the route's own data in *route_data and set *opened to non-zero when the
+ * route is open; left 0, the route keeps its fallback kind. */
+typedef void (*zar_svc_route_open_fn)(const char* name, const char* where, void* arg,
+                                      void** route_data, int32_t* opened);
+/* Writes one record: prolog describes it; its format (the message's text, or
+ * "%s" with the formatted text as the one argument) is the format of args. */
+typedef void (*zar_svc_route_print_fn)(void* arg, void* route_data, zar_svc_prolog* prolog,
+                                       va_list args);
+/* Closes one route (route_data as its open stored it); called once with null
+ * route_data when the type is removed while routes still use it. *status is
+ * not looked at. */
+typedef void (*zar_svc_route_close_fn)(const char* name, void* arg, void* route_data,
+                                       unsigned long* status);
+
+/* Registers a route type named name with the context argument arg (handed
+ * to every callback) and takes over the waiting routes that name it. name
+ * must be a non-empty word without ':', ';' or '.' that is not one of the
+ * kind words above (STDOUT, STDERR, XMLSTDOUT, XMLSTDERR, DISCARD, TEXTFILE,
+ * FILE, UTF8FILE, XMLFILE, GOESTO; compared case-sensitively), and open and
+ * print must be non-null; close may be null. A name registered already keeps
+ * its first callbacks (status 0). Status 0, 0x106521F7 (bad name or
+ * callbacks), 0x106521F4 (no memory) or 0x1354A1C8 (the route-type lock
+ * cannot be had). */
+ZAR_API void zar_svc_add_route(const char* name, void* arg, zar_svc_route_open_fn open,
+                               zar_svc_route_print_fn print, zar_svc_route_close_fn close,
+                               unsigned long* status);
+
+/* Removes the route type called name: waits until no open, print or close
+ * callback of it runs, calls its close callback once with null route data
+ * when routes still use it, and lets those routes fall back. Later records
+ * never reach its callbacks. Status 0, 0x106521F7 (no such type) or
+ * 0x1354A1C8. REQUIRES: not called from one of the type's own callbacks. */
+ZAR_API void zar_svc_remove_route(const char* name, unsigned long* status);
+
+/* ---- Message save ------------------------------------------------------------------
+ * A thread holds back its severity messages: from zar_svc_msgsave_start on,
+ * every severity message the thread prints is also kept, fully formatted, in
+ * a list of the thread's own, and in mode 0 not routed (nor acted on: no
+ * abort or exit). The list is printed through the normal routes, cleared, or
+ * kept; it is freed when the thread ends. Debug messages are never saved. */
+
+/* Starts (or restarts, keeping the list) saving. selector must be below 32
+ * (it is reserved: every severity message is saved); mode 0 saves only, 1
+ * saves and prints; reserved must be null. Returns 0, 0x1065220A (bad
+ * argument; nothing changes) or 0x10652203 (no memory for the thread's
+ * state). */
+ZAR_API unsigned long zar_svc_msgsave_start(uint32_t selector, uint32_t mode, void* reserved);
+/* Stops saving; with clear non-zero the saved messages are freed too. */
+ZAR_API void zar_svc_msgsave_stop(uint8_t clear);
+/* With which -1, frees the thread's saved messages; other values do nothing. */
+ZAR_API void zar_svc_msgsave_clear(int which);
+/* With which -1, writes every saved message, oldest first, to the routes of
+ * its severity as they are now, with the time and source position of the
+ * call that saved it; the list is kept and no action is taken. Messages of a
+ * component unregistered since are skipped. Other values do nothing. On XML
+ * routes a saved message has its Id and Severity from its text and no Param
+ * lines. */
+ZAR_API void zar_svc_msgsave_print(int which);
+
+/* ---- Debug messages ----------------------------------------------------------------
+ * Trace messages of a component: a printf format and its arguments, a
+ * sub-component index and a level 1 to 9. A message is printed when the
+ * sub-component's current level (the low 4 bits of its table entry's level
+ * word) is at least the message's level, and it goes to the component's
+ * debug routes. Both are settled the first time they are needed: from a
+ * setting made by zar_svc_debug_routing (or zar_svc_debug_set_levels), else
+ * from the variable SVC_<COMPONENT>_DBG (the component name in upper case),
+ * else from the component's line of the routing file; with none of them the
+ * component's debug messages go nowhere. A level 0 or above 9, or a
+ * sub-component index beyond the table, prints nothing. Debug messages are
+ * not filtered, not saved, never abort or exit. The file shown is the one
+ * given, directories included ("?" and line 0 without one). */
+ZAR_API void zar_svc__debug(zar_svc_handle handle, uint32_t subcomp, uint32_t level,
+                            const char* format, ...);
+ZAR_API void zar_svc__vdebug(zar_svc_handle handle, uint32_t subcomp, uint32_t level,
+                             const char* format, va_list args);
+ZAR_API void zar_svc__debug_withfile(zar_svc_handle handle, const char* file, int line,
+                                     uint32_t subcomp, uint32_t level, const char* format, ...);
+/* The format and its string arguments are UTF-8: text routes receive the
+ * record in the local code set, UTF-8 and XML routes as it is. */
+ZAR_API void zar_svc__debug_utf8(zar_svc_handle handle, uint32_t subcomp, uint32_t level,
+                                 const char* format, ...);
+ZAR_API void zar_svc__debug_utf8_withfile(zar_svc_handle handle, const char* file, int line,
+                                          uint32_t subcomp, uint32_t level, const char* format,
+                                          ...);
+
+/* The current debug level of sub-component subcomp, settling the
+ * component's debug settings first (as the first debug message would); 0
+ * when they cannot be settled or subcomp is beyond the table. For testing a
+ * level before building costly arguments. Each call settles the settings
+ * anew (a later SVC_<COMPONENT>_DBG or routing-file line is seen): callers
+ * test the handle's debug_filled flag and read the level word once it is set. */
+ZAR_API uint32_t zar_svc__debug_fillin2(zar_svc_handle handle, uint32_t subcomp);
+
+/* ---- Debug levels and debug routes ---------------------------------------------------
+ * A level list is one or more items separated by ',': SUB.LEVEL, where SUB
+ * is a sub-component name (exact) or "*" for all of them and LEVEL a decimal
+ * number 0 to 9 (text after its digits is ignored). Items are applied left
+ * to right; at a bad item (no '.', no digit, above 9, no such sub-component)
+ * the status is 0x106521F7 and the items before it stay applied. Each level
+ * set is told to the level-change callbacks (zar_svc_register_callbacks),
+ * except by the _nocb forms. Settings are remembered for components
+ * registered later. Status 0x106521F4 when memory is short. */
+
+/* setting is "COMPONENT:LEVELS". Sets the levels of a registered component
+ * and remembers the setting; the component's routes are untouched. The
+ * level-change callbacks run with the serviceability mutex held. */
+ZAR_API void zar_svc_debug_set_levels(const char* setting, unsigned long* status);
+ZAR_API void zar_svc_debug_set_levels_nocb(const char* setting, unsigned long* status);
+
+/* setting is "COMPONENT:LEVELS:ROUTES". Remembers it; for a registered
+ * component sets the levels and, when ROUTES is not empty, replaces its debug
+ * routes (a log file that cannot be opened writes nowhere). Without the
+ * second ':' nothing is applied (status 0). The level-change callbacks run
+ * without the serviceability mutex (they may call this header). */
+ZAR_API void zar_svc_debug_routing(const char* setting, unsigned long* status);
+ZAR_API void zar_svc_debug_routing_nocb(const char* setting, unsigned long* status);
 
 /* ---- Printing -------------------------------------------------------------------
  * Prints the message msgid of the component of handle, sub-component index

@@ -1,0 +1,311 @@
+// Debug levels and debug routes of components: level lists applied to a
+// component's sub-component table (with the level-change callbacks), the
+// run-time settings, and the fill-in of a component's settings from a saved
+// setting, its SVC_<COMPONENT>_DBG variable or the routing file.
+#include <stdlib.h>
+#include <string.h>
+
+#include "core/svcutl/svcint.h"
+#include "core/zarmem.h"
+#include "core/zarstatus.h"
+#include "zar/status.h"
+
+namespace zar::svc {
+namespace {
+
+constexpr uint32_t kMaxLevel = 9;
+// A level word keeps bits 4 to 7 when its level (bits 0 to 3) is set; the
+// bits above are cleared.
+constexpr uint32_t kKeptLevelBits = 0xF0;
+
+// One level set, told to the level-change callbacks later.
+struct LevelNote {
+  const char* subcomp;  // the name in the caller's table
+  uint32_t descriptionId;
+  uint32_t level;
+};
+
+// Where the levels set by a list are told. Told at once: the callbacks run
+// as each level is set (the caller holds the mutex). Collected: the notes and
+// the callbacks of the moment are kept, and tell() calls them later without
+// the mutex.
+class LevelTeller {
+ public:
+  explicit LevelTeller(bool collect) : collect_(collect) {}
+  ~LevelTeller() {
+    mem::free(notes_);
+    mem::free(callbacks_);
+  }
+  LevelTeller(const LevelTeller&) = delete;
+  LevelTeller& operator=(const LevelTeller&) = delete;
+
+  // Mutex held. Takes the callbacks of the moment; false when memory is short.
+  bool snapshotCallbacks() {
+    if (!collect_ || gSvc.nCallbacks == 0) return true;
+    callbacks_ = static_cast<zar_svc_level_fn*>(
+        mem::alloc(gSvc.nCallbacks * sizeof(zar_svc_level_fn)));
+    if (callbacks_ == nullptr) return false;
+    for (uint32_t i = 0; i < gSvc.nCallbacks; ++i) {
+      if (gSvc.callbacks[i].onLevel != nullptr) callbacks_[nCallbacks_++] = gSvc.callbacks[i].onLevel;
+    }
+    return true;
+  }
+  // Mutex held. Room for one more note before a level is set.
+  bool reserve() {
+    if (!collect_ || nCallbacks_ == 0 || count_ < capacity_) return true;
+    uint32_t capacity = capacity_ == 0 ? 8 : capacity_ * 2;
+    auto grown = static_cast<LevelNote*>(mem::realloc(notes_, capacity * sizeof(LevelNote)));
+    if (grown == nullptr) return false;
+    notes_ = grown;
+    capacity_ = capacity;
+    return true;
+  }
+  // Mutex held; after reserve().
+  void levelSet(const char* component, const zar_svc_subcomp& entry, uint32_t level) {
+    if (collect_) {
+      if (nCallbacks_ != 0) notes_[count_++] = LevelNote{entry.name, entry.description_id, level};
+      return;
+    }
+    for (uint32_t i = 0; i < gSvc.nCallbacks; ++i) {
+      zar_svc_level_fn fn = gSvc.callbacks[i].onLevel;
+      if (fn != nullptr) fn(component, entry.name, entry.description_id, level);
+    }
+  }
+  // Mutex not held: the collected notes, each to every callback in
+  // registration order.
+  void tell(const char* component) const {
+    for (uint32_t n = 0; n < count_; ++n) {
+      for (uint32_t i = 0; i < nCallbacks_; ++i)
+        callbacks_[i](component, notes_[n].subcomp, notes_[n].descriptionId, notes_[n].level);
+    }
+  }
+
+ private:
+  bool collect_;
+  LevelNote* notes_ = nullptr;
+  uint32_t count_ = 0;
+  uint32_t capacity_ = 0;
+  zar_svc_level_fn* callbacks_ = nullptr;
+  uint32_t nCallbacks_ = 0;
+};
+
+// Reads LEVEL: a decimal number 0 to 9 starting with a digit (text after its
+// digits is ignored); -1 when there is none or it is above 9.
+int readLevel(const char* text) {
+  if (*text < '0' || *text > '9') return -1;
+  uint32_t v = 0;
+  for (; *text >= '0' && *text <= '9'; ++text) {
+    v = v * 10 + static_cast<uint32_t>(*text - '0');
+    if (v > kMaxLevel) return -1;
+  }
+  return static_cast<int>(v);
+}
+
+// Mutex held. Sets one entry's level and tells it; false when memory is
+// short for the note (nothing is set then).
+bool setLevel(zar_svc_handle handle, zar_svc_subcomp* entry, uint32_t level,
+              LevelTeller* teller, bool callbacks) {
+  if (callbacks && !teller->reserve()) return false;
+  entry->level = (entry->level & kKeptLevelBits) | level;
+  if (callbacks) teller->levelSet(handle->component, *entry, level);
+  return true;
+}
+
+// Mutex held. Applies a level list item by item; returns the status (the
+// items before a bad one stay applied).
+uint32_t applyLevels(zar_svc_handle handle, const char* levels, bool callbacks,
+                     LevelTeller* teller) {
+  if (levels == nullptr || *levels == '\0') return 0;
+  mem::Unique<char> copy(mem::strDup(levels));
+  if (!copy) return ZAR_S_SVC_NO_MEMORY;
+  char* p = copy.get();
+  while (*p != '\0') {
+    char* item = p;
+    if (char* comma = strchr(p, ',')) {
+      *comma = '\0';
+      p = comma + 1;
+    } else {
+      p += strlen(p);
+    }
+    char* dot = strchr(item, '.');
+    if (dot == nullptr) return ZAR_S_SVC_BAD_ROUTE;
+    *dot = '\0';
+    int level = readLevel(dot + 1);
+    if (level < 0) return ZAR_S_SVC_BAD_ROUTE;
+    if (strcmp(item, "*") == 0) {
+      for (uint32_t i = 0; i < handle->table_size; ++i) {
+        if (!setLevel(handle, &handle->table[i], static_cast<uint32_t>(level), teller, callbacks))
+          return ZAR_S_SVC_NO_MEMORY;
+      }
+      continue;
+    }
+    uint32_t i = 0;
+    while (i < handle->table_size && strcmp(handle->table[i].name, item) != 0) ++i;
+    if (i == handle->table_size) return ZAR_S_SVC_BAD_ROUTE;
+    if (!setLevel(handle, &handle->table[i], static_cast<uint32_t>(level), teller, callbacks))
+      return ZAR_S_SVC_NO_MEMORY;
+  }
+  return 0;
+}
+
+// The value of SVC_<COMPONENT>_DBG (the name's ASCII letters made upper
+// case), or null; *noMemory when the variable's name cannot be made.
+const char* debugVariable(const char* component, bool* noMemory) {
+  size_t len = strlen(component);
+  mem::Unique<char> name(static_cast<char*>(mem::alloc(len + sizeof "SVC__DBG")));
+  if (!name) {
+    *noMemory = true;
+    return nullptr;
+  }
+  char* n = name.get();
+  memcpy(n, "SVC_", 4);
+  for (size_t i = 0; i < len; ++i) {
+    char c = component[i];
+    n[4 + i] = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+  }
+  memcpy(n + 4 + len, "_DBG", 5);
+  return getenv(n);
+}
+
+// ASCII letters compared without case, over len bytes.
+bool sameWordNoCase(const char* a, const char* b, size_t len) {
+  for (size_t i = 0; i < len; ++i) {
+    char x = a[i] >= 'A' && a[i] <= 'Z' ? static_cast<char>(a[i] - 'A' + 'a') : a[i];
+    char y = b[i] >= 'A' && b[i] <= 'Z' ? static_cast<char>(b[i] - 'A' + 'a') : b[i];
+    if (x != y) return false;
+  }
+  return true;
+}
+
+uint32_t setLevelsSetting(const char* setting, bool callbacks) {
+  if (setting == nullptr || strchr(setting, ':') == nullptr) return ZAR_S_SVC_BAD_ROUTE;
+  mem::Unique<char> copy(mem::strDup(setting));
+  if (!copy) return ZAR_S_SVC_NO_MEMORY;
+  char* colon = strchr(copy.get(), ':');
+  *colon = '\0';
+  SvcLock lock;
+  unsigned long st = 0;
+  zar_svc__store(setting, 1, &st);
+  if (st != 0) return statusCode(st);
+  zar_svc_handle handle = zar_svc__component_to_handle(copy.get());
+  if (handle == nullptr) return 0;  // remembered for when it registers
+  LevelTeller teller(false);
+  return applyLevels(handle, colon + 1, callbacks, &teller);
+}
+
+uint32_t debugRoutingSetting(const char* setting, bool callbacks) {
+  if (setting == nullptr) return ZAR_S_SVC_BAD_ROUTE;
+  mem::Unique<char> copy(mem::strDup(setting));
+  if (!copy) return ZAR_S_SVC_NO_MEMORY;
+  char* colon = strchr(copy.get(), ':');
+  if (colon == nullptr) return ZAR_S_SVC_BAD_ROUTE;
+  *colon = '\0';
+  const char* component = copy.get();
+  LevelTeller teller(true);
+  uint32_t result;
+  {
+    SvcLock lock;
+    unsigned long st = 0;
+    zar_svc__store(setting, 1, &st);
+    if (st != 0) return statusCode(st);
+    zar_svc_handle handle = zar_svc__component_to_handle(component);
+    char* second = strchr(colon + 1, ':');
+    if (handle == nullptr || second == nullptr) return 0;  // remembered only
+    *second = '\0';
+    if (callbacks && !teller.snapshotCallbacks()) return ZAR_S_SVC_NO_MEMORY;
+    result = applyLevels(handle, colon + 1, callbacks, &teller);
+    const char* routes = second + 1;
+    if (result == 0 && *routes != '\0') {
+      zar_svc__close_routes(&handle->debug_routes);
+      zar_svc__open_routes(&handle->debug_routes, kRouteDiscard, routes, &st);
+      handle->debug_filled = 1;
+      result = statusCode(st);
+    }
+  }
+  // Level-change callbacks of a routing call run without the mutex.
+  teller.tell(component);
+  return result;
+}
+
+}  // namespace
+}  // namespace zar::svc
+
+using zar::setStatus;
+
+extern "C" {
+
+void zar_svc__really_debug_set_levels(zar_svc_handle handle, const char* levels, int callbacks,
+                                      unsigned long* status) {
+  zar::svc::LevelTeller teller(false);
+  setStatus(status, zar::svc::applyLevels(handle, levels, callbacks != 0, &teller));
+}
+
+bool zar_svc__debug_fillin(zar_svc_handle handle, unsigned long* status) {
+  using namespace zar::svc;
+  if (!zar_svc__add_to_table(handle, status)) return false;
+  handle->debug_filled = 1;
+  // Settled anew: routes of an earlier fill-in are closed, not lost.
+  zar_svc__close_routes(&handle->debug_routes);
+
+  const char* component = handle->component;
+  zar::mem::Unique<char> text;
+  if (const char* saved = zar_svc__get(component)) {
+    text.reset(zar::mem::strDup(saved));
+    if (!text) {
+      setStatus(status, ZAR_S_SVC_NO_MEMORY);
+      return false;
+    }
+  } else {
+    bool noMemory = false;
+    const char* value = debugVariable(component, &noMemory);
+    if (noMemory) {
+      setStatus(status, ZAR_S_SVC_NO_MEMORY);
+      return false;
+    }
+    if (value != nullptr) {
+      // "COMPONENT:LEVELS:ROUTES", the name in any case; another
+      // component's setting is refused, and the routing file is not read.
+      size_t len = strlen(component);
+      if (strlen(value) <= len || !sameWordNoCase(value, component, len) || value[len] != ':')
+        return false;
+      text.reset(zar::mem::strDup(value + len + 1));
+      if (!text) {
+        setStatus(status, ZAR_S_SVC_NO_MEMORY);
+        return false;
+      }
+    } else {
+      text.reset(zar_svc__linefor(component));
+    }
+  }
+  if (!text) return true;  // nothing anywhere: the levels of the table, no routes
+
+  char* colon = strchr(text.get(), ':');
+  if (colon == nullptr) return false;
+  *colon = '\0';
+  LevelTeller teller(false);
+  uint32_t st = applyLevels(handle, text.get(), true, &teller);
+  if (st != 0) {
+    setStatus(status, st);
+    return false;
+  }
+  zar_svc__open_routes(&handle->debug_routes, kRouteStderr, colon + 1, status);
+  return true;
+}
+
+ZAR_API void zar_svc_debug_set_levels(const char* setting, unsigned long* status) {
+  setStatus(status, zar::svc::setLevelsSetting(setting, true));
+}
+
+ZAR_API void zar_svc_debug_set_levels_nocb(const char* setting, unsigned long* status) {
+  setStatus(status, zar::svc::setLevelsSetting(setting, false));
+}
+
+ZAR_API void zar_svc_debug_routing(const char* setting, unsigned long* status) {
+  setStatus(status, zar::svc::debugRoutingSetting(setting, true));
+}
+
+ZAR_API void zar_svc_debug_routing_nocb(const char* setting, unsigned long* status) {
+  setStatus(status, zar::svc::debugRoutingSetting(setting, false));
+}
+
+}  // extern "C"

@@ -8,6 +8,7 @@
 #include "core/zarlock.h"
 #include "core/zarmem.h"
 #include "core/zarstatus.h"
+#include "zar/msg.h"
 #include "zar/status.h"
 
 namespace zar::svc {
@@ -147,6 +148,32 @@ zar_svc_handle zar_svc__table_to_handle(zar_svc_subcomp* table) {
 
 unsigned long zar_svc__mapthreadid(const pthread_t* thread) {
   return thread == nullptr ? 0 : static_cast<unsigned long>(*thread);
+}
+
+void zar_svc__translate(zar_svc_handle handle, unsigned long* status) {
+  zar::setStatus(status, 0);
+  if (handle == nullptr) return;
+  SvcLock lock;
+  if (handle->translated) return;
+  handle->translated = 1;
+  zar_svc_subcomp* table = handle->table;
+  if (table == nullptr) return;
+  uint32_t first = 0;
+  for (uint32_t i = 0; i < handle->table_size && first == 0; ++i) first = table[i].description_id;
+  if (first == 0) return;
+  // Every description of a table is expected in the catalog of the first.
+  zar_msg_cat_handle_t catalog = zar_msg_cat_open(first, status);
+  if (catalog == nullptr) return;
+  for (uint32_t i = 0; i < handle->table_size; ++i) {
+    if (table[i].description_id == 0) continue;
+    unsigned long st = 0;
+    const char* text = zar_msg_cat_get_msg(catalog, table[i].description_id, &st);
+    // The old description may be the caller's constant: it is replaced, not
+    // freed. A copy that cannot be made leaves it in place.
+    char* copy = text != nullptr ? zar::mem::strDup(text) : nullptr;
+    if (copy != nullptr) table[i].description = copy;
+  }
+  zar_msg_cat_close(catalog, status);
 }
 
 void zar_svc__shutdown(void) {

@@ -23,14 +23,13 @@ class DceAssert : public ::testing::Test {
   }
 };
 
-TEST_F(DceAssert, WithoutAHandleTheDceComponentReportsAndAborts) {
+TEST_F(DceAssert, AFailedCheckIsAFatalRecordThenAnAbort) {
+  // Without a handle: the component "dce", sub-component "assert".
   EXPECT_EXIT(zar___assert(nullptr, "x != 0", "core/svcutl/svcroute", 99),
               ::testing::KilledBySignal(SIGABRT),
               "0x106521FA PID#[0-9]+ FATAL dce assert dceassert 54 0x[0-9a-f]+\n"
               "[^\n]*x != 0[^\n]*core/svcutl/svcroute[^\n]*99");
-}
-
-TEST_F(DceAssert, AHandleOfAnotherComponentShowsItsFirstSubComponent) {
+  // With the handle of another component: its sub-component of index 0.
   EXPECT_EXIT(zar___assert(zarsv_deploy_svc_handle, "ok", "f.c", 1),
               ::testing::KilledBySignal(SIGABRT), "FATAL wsd deploy dceassert 54");
 }

@@ -1,10 +1,8 @@
-// Several processes and threads writing one log: no torn records, exact
-// counts; rotation with per-process names; a cancelled writer leaves no lock
-// behind.
-#include <dirent.h>
+// Several processes and threads writing logs: no torn records, exact counts;
+// rotation with per-process names; a cancelled writer leaves no lock behind.
 #include <fcntl.h>
-#include <signal.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,10 +18,8 @@ namespace {
 
 using zar::test::exitCode;
 using zar::test::readFile;
-using zar::test::runInChild;
-using zar::test::TempDir;
-
-constexpr uint32_t kSysFailed = 0x38C5209C;  // "The %s system routine failed: ... code: %d"
+using zar::test::RecordTally;
+using zar::test::sysRoutineMarker;
 
 class SvcProcs : public ::testing::Test {
  protected:
@@ -54,72 +50,61 @@ class SvcProcs : public ::testing::Test {
     return ok;
   }
 
-  TempDir dir_;
+  zar::test::TempDir dir_;
 };
 
+// Message 0x38C5209C, "The %s system routine failed: system error code: %d":
+// the writer's key and the record's number.
 void printMarked(const std::string& writer, int seq) {
   zar_svc_printf_withfile(zarsv_client_svc_handle, "procs.cc", 1, "%s%d", 0, svc_c_sev_notice,
-                          kSysFailed, writer.c_str(), seq);
+                          0x38C5209C, writer.c_str(), seq);
 }
 
 TEST_F(SvcProcs, FourProcessesShareOneTextFileAndOneXmlFile) {
-  constexpr int kProcs = 4;
   constexpr int kRecords = 5000;
-  std::string routes = "NOTICE:TEXTFILE:" + dir_.file("all.log") + ";XMLFILE:" + dir_.file("all.xml");
-  ASSERT_TRUE(inProcesses(kProcs, [&](int i) {
+  std::string routes =
+      "NOTICE:TEXTFILE:" + dir_.file("all.log") + ";XMLFILE:" + dir_.file("all.xml");
+  ASSERT_TRUE(inProcesses(4, [&](int i) {
     unsigned long st = 0;
     zar_svc_routing(routes.c_str(), &st);
     if (st != 0) _exit(3);
     for (int n = 0; n < kRecords; ++n) printMarked("w" + std::to_string(i), n);
   }));
-  std::vector<std::string> keys;
-  for (int i = 0; i < kProcs; ++i) keys.push_back("w" + std::to_string(i));
-  zar::test::RecordTally text;
-  zar::test::tallyTextRecords(readFile(dir_.file("all.log")), zar::test::sysRoutineMarker(), &text);
-  EXPECT_EQ("", zar::test::exactlyOnce(text, keys, kRecords));
-  EXPECT_EQ(static_cast<size_t>(kProcs * kRecords), text.records);
-  zar::test::RecordTally xml;
-  zar::test::tallyXmlRecords(readFile(dir_.file("all.xml")), zar::test::sysRoutineMarker(), &xml);
-  EXPECT_EQ("", zar::test::exactlyOnce(xml, keys, kRecords));
-  EXPECT_EQ(static_cast<size_t>(kProcs * kRecords), xml.records);
+  RecordTally text, xml;
+  zar::test::tallyTextRecords(readFile(dir_.file("all.log")), sysRoutineMarker(), &text);
+  zar::test::tallyXmlRecords(readFile(dir_.file("all.xml")), sysRoutineMarker(), &xml);
+  for (const RecordTally* t : {&text, &xml}) {
+    EXPECT_EQ("", zar::test::exactlyOnce(*t, {"w0", "w1", "w2", "w3"}, kRecords));
+    EXPECT_EQ(4u * kRecords, t->records);
+  }
 }
 
 TEST_F(SvcProcs, TwoProcessesRotateTheirOwnFiles) {
-  constexpr int kRecords = 1250;  // 13 files of at most 100 records per process
+  constexpr int kRecords = 1250;  // 13 files of at most 100 records each
   std::string routes = "NOTICE:TEXTFILE.20.100:" + dir_.file("rot.%d.log");
-  int status = runInChild([&] {
-    // Set in the parent; each child of fork gets its own name.
+  int status = zar::test::runInChild([&] {
+    // Set before the forks: each child of fork gets a file of its own.
     unsigned long st = 0;
     zar_svc_routing(routes.c_str(), &st);
-    bool ok = inProcesses(2, [&](int) {
+    bool ok = inProcesses(2, [&](int i) {
       for (int n = 0; n < kRecords; ++n) printMarked("p" + std::to_string(getpid()), n);
-      zar::test::writeFile(dir_.file("pid." + std::to_string(getpid())), "");
+      zar::test::writeFile(dir_.file("pid." + std::to_string(i)), std::to_string(getpid()));
     });
     return ok && st == 0 ? 0 : 1;
   });
   ASSERT_EQ(0, exitCode(status));
-  // Each process's own file and generations hold its records exactly once.
-  std::vector<std::string> pids;
-  DIR* d = opendir(dir_.path().c_str());
-  ASSERT_NE(nullptr, d);
-  while (struct dirent* e = readdir(d)) {
-    std::string name = e->d_name;
-    if (name.compare(0, 4, "pid.") == 0) pids.push_back(name.substr(4));
-  }
-  closedir(d);
-  ASSERT_EQ(2u, pids.size());
-  for (const std::string& pid : pids) {
-    zar::test::RecordTally tally;
+  for (const char* which : {"pid.0", "pid.1"}) {
+    std::string pid = readFile(dir_.file(which));
+    RecordTally tally;
     std::string base = dir_.file("rot." + pid + ".log");
     size_t files = 0;
     for (int g = 0; g <= 20; ++g) {
       std::string path = g == 0 ? base : base + "." + std::to_string(g);
       if (!zar::test::fileExists(path)) continue;
       ++files;
-      zar::test::RecordTally one;
-      zar::test::tallyTextRecords(readFile(path), zar::test::sysRoutineMarker(), &one);
-      EXPECT_LE(one.records, 100u) << path;
-      zar::test::tallyTextRecords(readFile(path), zar::test::sysRoutineMarker(), &tally);
+      size_t before = tally.records;
+      zar::test::tallyTextRecords(readFile(path), sysRoutineMarker(), &tally);
+      EXPECT_LE(tally.records - before, 100u) << path;
     }
     EXPECT_EQ(13u, files) << pid;
     EXPECT_EQ("", zar::test::exactlyOnce(tally, {"p" + pid}, kRecords)) << pid;
@@ -128,24 +113,23 @@ TEST_F(SvcProcs, TwoProcessesRotateTheirOwnFiles) {
 
 TEST_F(SvcProcs, ThreadsOfOneProcessNeverInterleave) {
   std::string routes = "NOTICE:TEXTFILE:" + dir_.file("threads.log");
-  int status = runInChild([&] {
+  int status = zar::test::runInChild([&] {
     unsigned long st = 0;
     zar_svc_routing(routes.c_str(), &st);
-    std::vector<pthread_t> threads(4);
-    for (size_t i = 0; i < threads.size(); ++i) {
+    pthread_t threads[4];
+    for (intptr_t i = 0; i < 4; ++i) {
       pthread_create(&threads[i], nullptr, [](void* arg) -> void* {
         std::string key = "t" + std::to_string(reinterpret_cast<intptr_t>(arg));
         for (int n = 0; n < 2000; ++n) printMarked(key, n);
         return nullptr;
-      }, reinterpret_cast<void*>(static_cast<intptr_t>(i)));
+      }, reinterpret_cast<void*>(i));
     }
     for (pthread_t t : threads) pthread_join(t, nullptr);
     return 0;
   });
   ASSERT_EQ(0, exitCode(status));
-  zar::test::RecordTally tally;
-  zar::test::tallyTextRecords(readFile(dir_.file("threads.log")), zar::test::sysRoutineMarker(),
-                              &tally);
+  RecordTally tally;
+  zar::test::tallyTextRecords(readFile(dir_.file("threads.log")), sysRoutineMarker(), &tally);
   EXPECT_EQ("", zar::test::exactlyOnce(tally, {"t0", "t1", "t2", "t3"}, 2000));
 }
 
@@ -157,7 +141,7 @@ TEST_F(SvcProcs, WriterCancelledWhileWaitingForTheFileLockReleasesTheMutex) {
   GTEST_SKIP() << "thread cancellation is not supported under AddressSanitizer";
 #endif
   std::string log = dir_.file("locked.log");
-  int status = runInChild([&] {
+  int status = zar::test::runInChild([&] {
     unsigned long st = 0;
     zar_svc_routing(("NOTICE:TEXTFILE:" + log).c_str(), &st);
     printMarked("first", 0);  // opens the file
@@ -169,10 +153,8 @@ TEST_F(SvcProcs, WriterCancelledWhileWaitingForTheFileLockReleasesTheMutex) {
       int fd = open(log.c_str(), O_WRONLY);
       struct flock fl = {};
       fl.l_type = F_WRLCK;
-      fl.l_whence = SEEK_SET;
       fcntl(fd, F_SETLKW, &fl);
-      if (write(ready[1], "x", 1) != 1) _exit(1);
-      pause();
+      if (write(ready[1], "x", 1) == 1) pause();
       _exit(0);
     }
     char c;
@@ -188,13 +170,11 @@ TEST_F(SvcProcs, WriterCancelledWhileWaitingForTheFileLockReleasesTheMutex) {
     pthread_join(writer, &result);
     kill(holder, SIGKILL);
     waitpid(holder, nullptr, 0);
-    // The mutex was released by the cancelled writer: this does not hang.
-    printMarked("after", 2);
+    printMarked("after", 2);  // does not hang: the mutex was released
     return result == PTHREAD_CANCELED ? 0 : 4;
   });
   ASSERT_EQ(0, exitCode(status));
-  std::string text = readFile(log);
-  EXPECT_NE(std::string::npos, text.find("The after system"));
+  EXPECT_NE(std::string::npos, readFile(log).find("The after system"));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -247,43 +248,37 @@ TEST_F(StanzaTest, AllocationFailuresDuringOpenLeakNothing) {
 
 // ---- Moves ---------------------------------------------------------------------------
 
+// Where the cursor stands: "stanza/entry", "-" for none.
+std::string at(const zarStzFile* f) {
+  return std::string(f->stanzaName ? f->stanzaName : "-") + "/" + (f->entryName ? f->entryName : "-");
+}
+
 TEST_F(StanzaTest, MemoryModeWalksStanzasInReverseAndRestartsEntries) {
   Stz m = openStz(file("[a]\nx = 1\ny = 2\n[b]\n[a]\nz = 3\n"), ZAR_STZ_READ | ZAR_STZ_MEMORY);
   ASSERT_TRUE(m);
-  EXPECT_STREQ("a", m->stanzaName);
-  EXPECT_STREQ("z", m->entryName);  // the last [a] of the file comes first
-  ASSERT_EQ(1, zarStzMoveStanza(m.get(), "a"));
-  EXPECT_STREQ("z", m->entryName);
+  EXPECT_EQ("a/z", at(m.get()));  // the last [a] of the file comes first
+  EXPECT_EQ(1, zarStzMoveStanza(m.get(), "a"));
   EXPECT_EQ(1, zarStzMoveNextEntry(m.get()));
-  EXPECT_EQ(nullptr, m->entryName);
+  EXPECT_EQ("a/-", at(m.get()));
   EXPECT_EQ(1, zarStzMoveNextEntry(m.get()));
-  EXPECT_STREQ("z", m->entryName);  // after the end, from the top again
-  zarStzMoveNextStanza(m.get());
-  zarStzMoveNextStanza(m.get());
-  zarStzMoveNextStanza(m.get());
-  EXPECT_EQ(nullptr, m->stanzaName);
+  EXPECT_EQ("a/z", at(m.get()));  // after the end, from the top again
+  for (int i = 0; i < 3; ++i) zarStzMoveNextStanza(m.get());
+  EXPECT_EQ("-/-", at(m.get()));
   EXPECT_EQ(1, zarStzMoveFirstEntry(m.get()));
-  EXPECT_STREQ("a", m->stanzaName);  // the stanza taken is named
-  EXPECT_STREQ("z", m->entryName);
+  EXPECT_EQ("a/z", at(m.get()));  // the stanza taken is named
 }
 
 TEST_F(StanzaTest, LookupsAndSizeInBothModes) {
   file("[a]\nx = 1\ny = 2\nx = 3\n[b]\n");
   for (uint32_t flags : {ZAR_STZ_READ, ZAR_STZ_READ | ZAR_STZ_MEMORY}) {
     Stz f = openStz(path_, flags);
-    ASSERT_TRUE(f);
     ASSERT_EQ(1, zarStzMoveEntry(f.get(), "a", "y"));
-    EXPECT_STREQ("2", f->value);
     EXPECT_EQ(3u, zarStzStanzaSize(f.get()));
-    EXPECT_STREQ("y", f->entryName);
-    ASSERT_EQ(1, zarStzMoveEntryInStanza(f.get(), "x"));
-    zarStzMoveNextEntry(f.get());
+    EXPECT_EQ("a/y", at(f.get()));
     zarStzMoveNextEntry(f.get());
     EXPECT_EQ(3u, zarStzStanzaSize(f.get()));
     EXPECT_STREQ("1", f->value);  // back on the first entry of that name
-    EXPECT_EQ(0, zarStzMoveEntryInStanza(f.get(), "nope"));
-    EXPECT_ZAR_OK(f->status);
-    EXPECT_EQ(0, zarStzMoveStanza(f.get(), "c"));
+    EXPECT_EQ(0, zarStzMoveEntryInStanza(f.get(), "nope") + zarStzMoveStanza(f.get(), "c"));
     EXPECT_ZAR_OK(f->status);
     EXPECT_EQ(0, zarStzMoveStanza(f.get(), nullptr));
     EXPECT_ZAR_STATUS(ZAR_S_STZ_BAD_ARGUMENT, f->status);
@@ -292,24 +287,18 @@ TEST_F(StanzaTest, LookupsAndSizeInBothModes) {
   }
 }
 
+// Another process that ignores the lock truncates the file: edits find their
+// lines gone and change nothing.
 TEST_F(StanzaTest, FileTruncatedBehindTheCursor) {
-  file("[a]\nx = 1\ny = 2\n[b]\nz = 3\n");
-  // Another process that ignores the lock truncates the file: reads see
-  // what stdio still holds or the end; edits find their lines gone.
-  Stz r = openStz(path_, ZAR_STZ_READ);
-  ASSERT_TRUE(r);
-  ASSERT_EQ(0, truncate(path_.c_str(), 0));
-  walk(r.get());
-  r.reset();
-  file("[a]\nx = 1\ny = 2\n[b]\nz = 3\n");
-  Stz e = openStz(path_, ZAR_STZ_WRITE);
+  Stz e = openStz(file("[a]\nx = 1\ny = 2\n[b]\nz = 3\n"), ZAR_STZ_WRITE);
   ASSERT_EQ(1, zarStzMoveEntry(e.get(), "b", "z"));
   ASSERT_EQ(0, truncate(path_.c_str(), 10));
-  zarStzChangeValue(e.get(), "4");
-  EXPECT_NE(0u, e->status);
+  zarStzChangeValue(e.get(), "4");  // the line is gone, or no longer where it was
+  EXPECT_TRUE(e->status == ZAR_S_STZ_UPDATE_FAILED || e->status == ZAR_S_STZ_READ_FAILED);
+  EXPECT_EQ(0, zarStzMoveStanza(e.get(), "b"));
+  EXPECT_EQ(1, zarStzMoveStanza(e.get(), "a"));
   zarStzAddEntry(e.get(), "n", "5");
-  EXPECT_NE(0u, e->status);
-  EXPECT_EQ("[a]\nx = 1\n", readFile(path_));
+  EXPECT_EQ("[a]\nx = 1\nn = 5\n", readFile(path_));
 }
 
 // ---- Edits ---------------------------------------------------------------------------
@@ -528,63 +517,42 @@ TEST_F(StanzaTest, EditsOfDifferentFilesRunTogether) {
 
 // ---- Model-based: random edits against a list of lines ---------------------------------
 
-class Model {
- public:
-  explicit Model(std::vector<std::string> lines) : lines_(std::move(lines)) {}
+// The file as a list of lines, edited as the library documents it.
+struct Model {
+  std::vector<std::string> lines;
   std::string text() const {
     std::string t;
-    for (const std::string& l : lines_) t += l + "\n";
+    for (const std::string& l : lines) t += l + "\n";
     return t;
   }
-  // First header of that name, or -1.
-  int header(const std::string& s) const {
-    for (size_t i = 0; i < lines_.size(); ++i)
-      if (lines_[i] == "[" + s + "]") return static_cast<int>(i);
-    return -1;
+  int header(const std::string& s) const {  // first header of that name, or -1
+    auto it = std::find(lines.begin(), lines.end(), "[" + s + "]");
+    return it == lines.end() ? -1 : static_cast<int>(it - lines.begin());
   }
-  // End of the stanza starting at h: the next header or the end.
-  size_t end(int h) const {
+  size_t end(int h) const {  // the next header, or the end
     size_t i = h + 1;
-    while (i < lines_.size() && lines_[i].rfind("[", 0) != 0) ++i;
+    while (i < lines.size() && lines[i].rfind("[", 0) != 0) ++i;
     return i;
   }
   int entry(const std::string& s, const std::string& k) const {
     int h = header(s);
-    if (h < 0) return -1;
-    for (size_t i = h + 1; i < end(h); ++i)
-      if (lines_[i].rfind(k + " = ", 0) == 0) return static_cast<int>(i);
+    for (size_t i = h + 1; h >= 0 && i < end(h); ++i)
+      if (lines[i].rfind(k + " = ", 0) == 0) return static_cast<int>(i);
     return -1;
   }
   void set(const std::string& s, const std::string& k, const char* v) {
-    if (header(s) < 0) lines_.push_back("[" + s + "]");
+    if (header(s) < 0) lines.push_back("[" + s + "]");
     std::string line = k + " = " + (v ? v : "");
     int e = entry(s, k);
     if (e >= 0)
-      lines_[e] = line;
+      lines[e] = line;
     else
-      lines_.insert(lines_.begin() + end(header(s)), line);
+      lines.insert(lines.begin() + end(header(s)), line);
   }
-  bool erase(const std::string& s, const std::string& k) {
-    int e = entry(s, k);
-    if (e >= 0) lines_.erase(lines_.begin() + e);
-    return e >= 0;
-  }
-  void eraseStanza(const std::string& s) {
-    int h = header(s);
-    if (h >= 0) lines_.erase(lines_.begin() + h, lines_.begin() + end(h));
-  }
-  void addStanza(const std::string& s, const std::string& comment) {
-    if (header(s) >= 0) return;
-    lines_.push_back(comment);
-    lines_.push_back("[" + s + "]");
-  }
-
- private:
-  std::vector<std::string> lines_;
 };
 
 TEST_F(StanzaTest, RandomEditsMatchModel) {
-  Model model({"# settings", "[s0]", "k0 = a", "", "[s1]", "k1 = b", "k2 = c", "# end"});
+  Model model{{"# settings", "[s0]", "k0 = a", "", "[s1]", "k1 = b", "k2 = c", "# end"}};
   Stz f = openStz(file(model.text()), ZAR_STZ_WRITE);
   ASSERT_TRUE(f);
   std::mt19937 rng(7);
@@ -605,21 +573,24 @@ TEST_F(StanzaTest, RandomEditsMatchModel) {
         EXPECT_ZAR_OK(f->status) << what;
         model.set(s, k, v);
         break;
-      case 3:
+      case 3: {
         what += "delete " + s + " " + k;
         zarStzMoveFirstStanza(f.get());
         if (f->stanzaName == nullptr) break;
-        EXPECT_EQ(model.erase(s, k) ? 1 : 0, zarStzDeleteEntry(f.get(), s.c_str(), k.c_str()))
-            << what;
+        const int e = model.entry(s, k);
+        if (e >= 0) model.lines.erase(model.lines.begin() + e);
+        EXPECT_EQ(e >= 0 ? 1 : 0, zarStzDeleteEntry(f.get(), s.c_str(), k.c_str())) << what;
         break;
+      }
       case 4:
         what += "delete stanza " + s;
-        model.eraseStanza(s);
+        if (int h = model.header(s); h >= 0)
+          model.lines.erase(model.lines.begin() + h, model.lines.begin() + model.end(h));
         EXPECT_EQ(1, zarStzDeleteStanza(f.get(), s.c_str())) << what;
         break;
       case 5:
         what += "add stanza " + s;
-        model.addStanza(s, "# " + s);
+        if (model.header(s) < 0) model.lines.insert(model.lines.end(), {"# " + s, "[" + s + "]"});
         zarStzAddStanzaWithComment(f.get(), s.c_str(), ("# " + s).c_str());
         EXPECT_ZAR_OK(f->status) << what;
         break;

@@ -1,7 +1,9 @@
 // zar log: prints one serviceability message by status code, routed as the
 // environment (SVC_* variables) and the routing file (KP_SVC_ROUTING_FILE)
-// configure. Each ARG becomes an argument of the type that the matching
-// conversion of the message's text takes.
+// configure, or with --debug one debug message of a component, whose level
+// and routes come from SVC_<COMPONENT>_DBG or the routing file. Each ARG
+// becomes an argument of the type that the matching conversion of the
+// message's text (or the debug format) takes.
 #include <errno.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -231,6 +233,8 @@ struct Call {
   uint32_t subcomp;
   uint32_t attributes;
   uint32_t code;
+  uint32_t debugLevel;  // 1 to 9: a debug message of format; 0: the message code
+  const char* format;
 };
 
 // Calls the print function with the arguments as their kinds say: one
@@ -251,8 +255,13 @@ void printWith(const Call& c, const Kind* kinds, const Value* values, int n, Ts.
       }
     }
   }
-  zar_svc_printf_withfile(c.handle, kRecordFile, __LINE__, c.argtypes, c.subcomp, c.attributes,
-                          c.code, done...);
+  if (c.debugLevel != 0) {
+    zar_svc__debug_withfile(c.handle, kRecordFile, __LINE__, c.subcomp, c.debugLevel, c.format,
+                            done...);
+  } else {
+    zar_svc_printf_withfile(c.handle, kRecordFile, __LINE__, c.argtypes, c.subcomp,
+                            c.attributes, c.code, done...);
+  }
 }
 
 // The conversion that describes an argument in the record's argument types.
@@ -286,9 +295,10 @@ uint32_t severityOf(const char* name) {
 }
 
 int runLog(const Command& self, int argc, char** argv) {
-  uint32_t severity = svc_c_sev_error;
+  uint32_t severity = 0;
   const char* comp = "wsc";
-  unsigned long long sub = 0;
+  const char* subText = "0";
+  unsigned long long debugLevel = 0;
   uint32_t extra = 0;
   int i = 1;
   for (; i < argc; ++i) {
@@ -297,13 +307,15 @@ int runLog(const Command& self, int argc, char** argv) {
     if (strcmp(a, "--sev") == 0 && hasValue) {
       severity = severityOf(argv[++i]);
       if (severity == 0) return usageError(self, "unknown severity '%s'", argv[i]);
+    } else if (strcmp(a, "--debug") == 0 && hasValue) {
+      if (!parseUnsigned(argv[++i], 9, &debugLevel) || debugLevel == 0)
+        return usageError(self, "'%s' is not a debug level (1 to 9)", argv[i]);
     } else if (strcmp(a, "--comp") == 0 && hasValue) {
       comp = argv[++i];
       if (strcmp(comp, "wsc") != 0 && strcmp(comp, "wsd") != 0 && strcmp(comp, "wsi") != 0)
         return usageError(self, "unknown component '%s'", comp);
     } else if (strcmp(a, "--sub") == 0 && hasValue) {
-      if (!parseUnsigned(argv[++i], 0xFFFFFFFFull, &sub))
-        return usageError(self, "'%s' is not a sub-component index", argv[i]);
+      subText = argv[++i];
     } else if (strcmp(a, "--brief") == 0) {
       extra |= svc_c_action_brief;
     } else if (strcmp(a, "--stderr") == 0) {
@@ -317,11 +329,15 @@ int runLog(const Command& self, int argc, char** argv) {
       break;
     }
   }
-  if (i >= argc) return usageError(self, "no status code given");
+  if (debugLevel != 0 && (severity != 0 || extra != 0))
+    return usageError(self, "--debug takes no --sev, --brief or --stderr");
+  if (severity == 0) severity = svc_c_sev_error;
+  if (i >= argc) return usageError(self, debugLevel != 0 ? "no format given" : "no status code given");
   unsigned long long code = 0;
-  if (!parseUnsigned(argv[i], 0xFFFFFFFFull, &code))
+  if (debugLevel == 0 && !parseUnsigned(argv[i], 0xFFFFFFFFull, &code))
     return usageError(self, "'%s' is not a status code (decimal, or hexadecimal with 0x)",
                       argv[i]);
+  const char* format = argv[i];
   ++i;
 
   if (!zarmsg_init("zar", 0)) return 1;
@@ -332,24 +348,40 @@ int runLog(const Command& self, int argc, char** argv) {
     fprintf(stderr, "zar log: the component %s could not be registered\n", comp);
     return 1;
   }
-  if (sub >= handle->table_size)
-    return usageError(self, "the component %s has no sub-component %llu", comp, sub);
-
-  // The arguments follow the conversions of the text the message prints.
-  unsigned long st = 0;
-  char* text = zar_msg_get_msg(static_cast<uint32_t>(code), &st);
-  if (text == nullptr) {
-    fprintf(stderr, "zar log: no memory for the message text\n");
-    return 1;
+  // A sub-component by index or by name.
+  unsigned long long sub = 0;
+  if (!parseUnsigned(subText, 0xFFFFFFFFull, &sub)) {
+    while (sub < handle->table_size && strcmp(handle->table[sub].name, subText) != 0) ++sub;
   }
+  if (sub >= handle->table_size)
+    return usageError(self, "the component %s has no sub-component %s", comp, subText);
+
+  // The arguments follow the conversions of the text the message prints, or
+  // of the debug format.
   Slot slots[kMaxArgs + 1];
   std::string why;
-  int wanted = scanText(text, slots, &why);
-  free(text);
-  if (wanted < 0) return usageError(self, "message 0x%8.8llx: %s", code, why.c_str());
+  int wanted;
+  std::string what;
+  if (debugLevel != 0) {
+    wanted = scanText(format, slots, &why);
+    what = "the format";
+  } else {
+    unsigned long st = 0;
+    char* text = zar_msg_get_msg(static_cast<uint32_t>(code), &st);
+    if (text == nullptr) {
+      fprintf(stderr, "zar log: no memory for the message text\n");
+      return 1;
+    }
+    wanted = scanText(text, slots, &why);
+    free(text);
+    char name[32];
+    snprintf(name, sizeof name, "message 0x%8.8llx", code);
+    what = name;
+  }
+  if (wanted < 0) return usageError(self, "%s: %s", what.c_str(), why.c_str());
   int given = argc - i;
   if (given != wanted)
-    return usageError(self, "message 0x%8.8llx takes %d argument%s, %d given", code, wanted,
+    return usageError(self, "%s takes %d argument%s, %d given", what.c_str(), wanted,
                       wanted == 1 ? "" : "s", given);
   Kind kinds[kMaxArgs];
   Value values[kMaxArgs];
@@ -368,7 +400,7 @@ int runLog(const Command& self, int argc, char** argv) {
     argtypes += typeOf(slot);
   }
   printWith(Call{handle, argtypes.c_str(), static_cast<uint32_t>(sub), severity | extra,
-                 static_cast<uint32_t>(code)},
+                 static_cast<uint32_t>(code), static_cast<uint32_t>(debugLevel), format},
             kinds, values, wanted);
   return 0;
 }
@@ -376,9 +408,11 @@ int runLog(const Command& self, int argc, char** argv) {
 }  // namespace
 
 ZAR_TOOL_COMMAND("log",
-                 "[--sev fatal|error|warning|notice|verbose] [--comp wsc|wsd|wsi] [--sub N] "
-                 "[--brief] [--stderr] CODE [ARG...]",
-                 "print a serviceability message by status code, routed as configured",
+                 "[--sev fatal|error|warning|notice|verbose] [--comp wsc|wsd|wsi] [--sub N|NAME] "
+                 "[--brief] [--stderr] CODE [ARG...] | --debug LEVEL [--comp C] [--sub N|NAME] "
+                 "FORMAT [ARG...]",
+                 "print a serviceability message by status code, or a debug message, routed as "
+                 "configured",
                  runLog);
 
 }  // namespace zar::tool

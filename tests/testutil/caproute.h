@@ -1,11 +1,12 @@
 // A capture route: a route type registered under a name that keeps what its
-// callbacks receive (opens, formatted records, closes), for tests of route
-// types and of everything that prints to them. Hooks let a test block,
-// fail or cancel inside a callback.
+// callbacks receive, for the tests of route types and of what prints to
+// them. The hooks let a test fail an open, or block or cancel a thread
+// inside a callback. Read the fields once the callbacks are done.
 #ifndef ZAR_TESTS_TESTUTIL_CAPROUTE_H_
 #define ZAR_TESTS_TESTUTIL_CAPROUTE_H_
 
-#include <stdint.h>
+#include <stdarg.h>
+#include <stdio.h>
 
 #include <functional>
 #include <mutex>
@@ -18,50 +19,59 @@ namespace zar::test {
 
 class CaptureRoute {
  public:
-  // One record as the print callback saw it.
   struct Record {
-    std::string where;   // the open's WHERE text of the route
     std::string format;  // the prolog's format during the call
-    std::string text;    // format rendered with its arguments
-    uint32_t attributes;
-    uint32_t msgid;
-    std::string file;
+    std::string text;    // the format rendered with its arguments
     int line;
   };
 
-  // Registers the type (the status of zar_svc_add_route in addStatus()).
-  explicit CaptureRoute(std::string name);
-  // Removes the type unless removed already.
-  ~CaptureRoute();
-  CaptureRoute(const CaptureRoute&) = delete;
-  CaptureRoute& operator=(const CaptureRoute&) = delete;
+  explicit CaptureRoute(const char* name) : name_(name) {
+    zar_svc_add_route(name, this, open, print, close, &addStatus);
+  }
+  ~CaptureRoute() {
+    if (!removed_) remove();
+  }
+  unsigned long remove() {
+    removed_ = true;
+    unsigned long st = 1;
+    zar_svc_remove_route(name_.c_str(), &st);
+    return st;
+  }
 
-  unsigned long addStatus() const { return addStatus_; }
-  unsigned long remove();  // zar_svc_remove_route
-
-  // Hooks, run inside the callbacks (set them before routes use the type).
   std::function<bool(const std::string& where)> onOpen;  // false: the open fails
   std::function<void()> onPrint;
-
-  std::vector<std::string> opens();   // WHERE texts of successful opens
-  std::vector<Record> records();
-  int closes();                       // closes of one route
-  int typeCloses();                   // closes with null route data (removal)
+  unsigned long addStatus = 1;
+  std::vector<std::string> opens;  // WHERE texts of the routes opened
+  std::vector<Record> records;
+  int closes = 0;      // closes of one route
+  int typeCloses = 0;  // closes with null route data: the type went
 
  private:
-  static void open(const char* name, const char* where, void* arg, void** data, int32_t* ok);
-  static void print(void* arg, void* data, zar_svc_prolog* prolog, va_list args);
-  static void close(const char* name, void* arg, void* data, unsigned long* status);
+  static void open(const char*, const char* where, void* arg, void** data, int32_t* ok) {
+    auto self = static_cast<CaptureRoute*>(arg);
+    if (self->onOpen && !self->onOpen(where)) return;
+    std::lock_guard<std::mutex> lock(self->mu_);
+    self->opens.push_back(where);
+    *data = self;
+    *ok = 1;
+  }
+  static void print(void* arg, void*, zar_svc_prolog* p, va_list args) {
+    auto self = static_cast<CaptureRoute*>(arg);
+    if (self->onPrint) self->onPrint();
+    char text[1024];
+    vsnprintf(text, sizeof text, p->format, args);
+    std::lock_guard<std::mutex> lock(self->mu_);
+    self->records.push_back(Record{p->format, text, p->line});
+  }
+  static void close(const char*, void* arg, void* data, unsigned long*) {
+    auto self = static_cast<CaptureRoute*>(arg);
+    std::lock_guard<std::mutex> lock(self->mu_);
+    ++(data != nullptr ? self->closes : self->typeCloses);
+  }
 
   std::string name_;
-  unsigned long addStatus_ = 0;
   bool removed_ = false;
   std::mutex mu_;
-  std::vector<std::string*> wheres_;  // route data: one per open route
-  std::vector<std::string> opens_;
-  std::vector<Record> records_;
-  int closes_ = 0;
-  int typeCloses_ = 0;
 };
 
 }  // namespace zar::test

@@ -64,6 +64,11 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   std::string dir = std::string(tmp != nullptr && *tmp ? tmp : "/tmp") + "/stzfuzz.XXXXXX";
   if (mkdtemp(dir.data()) == nullptr) abort();
   gPath = dir + "/conf";
+  static std::string gDir = dir;
+  atexit([] {
+    unlink(gPath.c_str());
+    rmdir(gDir.c_str());
+  });
   return 0;
 }
 

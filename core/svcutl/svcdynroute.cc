@@ -146,12 +146,20 @@ void takeOver(svc_route* route) {
 
 }  // namespace
 
+namespace {
+// Mutex (the fork handlers hold it): the lock was taken before the fork. It
+// may come to exist only between the handlers, so it is not looked at again.
+bool gLockedForFork = false;
+}  // namespace
+
 void dynRouteForkPrepare() {
-  if (gDyn.inited.load(std::memory_order_acquire)) pthread_mutex_lock(&gDyn.lock);
+  gLockedForFork = gDyn.inited.load(std::memory_order_acquire);
+  if (gLockedForFork) pthread_mutex_lock(&gDyn.lock);
 }
 
 void dynRouteForkRelease() {
-  if (gDyn.inited.load(std::memory_order_acquire)) pthread_mutex_unlock(&gDyn.lock);
+  if (gLockedForFork) pthread_mutex_unlock(&gDyn.lock);
+  gLockedForFork = false;
 }
 
 }  // namespace zar::svc

@@ -12,6 +12,7 @@
 
 #include <memory>
 
+#include "core/svcutl/svcprod.h"
 #include "core/zarlock.h"
 #include "core/zarmem.h"
 #include "platform/sysio.h"
@@ -26,17 +27,6 @@ constexpr char kRecordName[] = "core/zarfile";
 constexpr int kLineStep = 100;      // growth of zar_file_readline's buffer
 constexpr int kTailLine = 512;      // buffer of one zar_file_tail line
 constexpr size_t kCopyBlock = 512;  // block of zar_file_copy
-
-// The client component's handle, registering the product's components first
-// when the program has not (zarmsg_init does), so that the report is not
-// lost.
-zar_svc_handle clientHandle() {
-  if (zarsv_client_svc_handle == nullptr) {
-    unsigned long st = 0;
-    zar_svc_init(0, &st);
-  }
-  return zarsv_client_svc_handle;
-}
 
 // The one mapping of error numbers to status codes. Numbers without a status
 // of their own are logged, so that the cause is not lost.
@@ -55,8 +45,8 @@ uint32_t sysStatus(int err) {
     case EINVAL:
       return ZAR_S_INVALID_INPUT;
     default:
-      zar_svc_printf_withfile(clientHandle(), kRecordName, __LINE__, "%s%d", 0, svc_c_sev_error,
-                              ZAR_S_SYSCALL_FAILED_CODE, "<unknown>", err);
+      zar_svc_printf_withfile(zar::svc::clientHandle(), kRecordName, __LINE__, "%s%d", 0,
+                              svc_c_sev_error, ZAR_S_SYSCALL_FAILED_CODE, "<unknown>", err);
       return ZAR_S_SYSCALL_FAILED;
   }
 }

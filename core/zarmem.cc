@@ -19,6 +19,8 @@ bool injectedFailure() noexcept {
 
 }  // namespace
 
+bool refused() noexcept { return injectedFailure(); }
+
 void* alloc(size_t len) noexcept {
   if (injectedFailure()) return nullptr;
   return ::malloc(len == 0 ? 1 : len);

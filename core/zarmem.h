@@ -36,6 +36,20 @@ T* make(Args&&... args) noexcept {
   return new (p) T(std::forward<Args>(args)...);
 }
 
+// True when the fault seam fails the allocation about to be made (errno is
+// then set); for allocations that cannot go through alloc() itself.
+bool refused() noexcept;
+
+// Allocates and constructs a T with the non-throwing operator new, for objects
+// that their owner releases with delete (the keys and values of an owning
+// ZARHashTable); null when memory could not be obtained. T's constructor must
+// not throw.
+template <class T, class... Args>
+T* newObject(Args&&... args) noexcept {
+  if (refused()) return nullptr;
+  return new (std::nothrow) T(std::forward<Args>(args)...);
+}
+
 // Destroys and releases an object made by make(); null is ignored.
 template <class T>
 void destroy(T* p) noexcept {

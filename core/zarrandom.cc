@@ -8,6 +8,7 @@
 #include <pthread.h>
 #include <string.h>
 
+#include "core/svcutl/svcprod.h"
 #include "platform/kry.h"
 #include "zar/status.h"
 #include "zar/svc.h"
@@ -17,17 +18,6 @@ namespace zar::random {
 namespace {
 
 constexpr char kRecordName[] = "core/zarrandom";
-
-// The client component's handle, registering the product's components first
-// when the program has not (zarmsg_init does), so that the report is not
-// lost.
-zar_svc_handle clientHandle() {
-  if (zarsv_client_svc_handle == nullptr) {
-    unsigned long st = 0;
-    zar_svc_init(0, &st);
-  }
-  return zarsv_client_svc_handle;
-}
 
 // Invariants: kryCtx is written once, inside zarkryInitOnceBlock, and only
 // read afterwards; null when the toolkit could not be set up.
@@ -62,11 +52,11 @@ extern "C" ZAR_API uint32_t zar_get_random_bytes(void* buffer, uint32_t count) {
   if (err != 0) {
     char text[KRY_ERROR_STRING_LEN];
     KRY_ERR_error_string(err, text);
-    zar_svc_printf_withfile(clientHandle(), kRecordName, __LINE__, "%s%s", 0, svc_c_sev_error,
-                            ZAR_S_KRY_FAILURE_DETAIL, "KRY_RAND_bytes", text);
+    zar_svc_printf_withfile(zar::svc::clientHandle(), kRecordName, __LINE__, "%s%s", 0,
+                            svc_c_sev_error, ZAR_S_KRY_FAILURE_DETAIL, "KRY_RAND_bytes", text);
   } else {
-    zar_svc_printf_withfile(clientHandle(), kRecordName, __LINE__, "%s", 0, svc_c_sev_error,
-                            ZAR_S_KRY_FAILURE_NO_DETAIL, "KRY_RAND_bytes");
+    zar_svc_printf_withfile(zar::svc::clientHandle(), kRecordName, __LINE__, "%s", 0,
+                            svc_c_sev_error, ZAR_S_KRY_FAILURE_NO_DETAIL, "KRY_RAND_bytes");
   }
   return ZAR_S_KRY_FAILURE;
 }

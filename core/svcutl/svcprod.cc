@@ -1,6 +1,8 @@
 // The product's three components: their sub-component tables, handle
 // variables, and their registration by zar_svc_init. Their compiled message
 // tables are generated from messages/*.msg.
+#include "core/svcutl/svcprod.h"
+
 #include "core/svcutl/svcint.h"
 #include "core/zarstatus.h"
 
@@ -72,3 +74,11 @@ ZAR_API void zar_svc_init(unsigned long magic, unsigned long* status) {
 }
 
 }  // extern "C"
+
+zar_svc_handle zar::svc::clientHandle() {
+  if (zarsv_client_svc_handle == nullptr) {
+    unsigned long st = 0;
+    zar_svc_init(0, &st);
+  }
+  return zarsv_client_svc_handle;
+}

@@ -8,6 +8,7 @@
 
 #include "zar/string.hpp"
 #include "zar/hashtable.hpp"
+#include "zar/cmdline.hpp"
 #include "zar/msgcache.hpp"
 
 #endif  // ZAR_ZAR_HPP

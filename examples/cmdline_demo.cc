@@ -33,6 +33,7 @@ ZARMsgCache messages;
 
 // Prints message id on standard error, its text formatted with the arguments.
 void report(unsigned id, ...) {
+  fflush(stdout);  // keep the order of the two streams on a terminal
   const char* format = messages.getMessage(id);
   if (format == nullptr) {  // memory exhausted
     fprintf(stderr, "%s: message 0x%8.8x\n", kProgram, id);
@@ -99,6 +100,5 @@ int main(int argc, char** argv) {
     options.findOption(*name, text);
     report(kGivenTwice, name->getData(), text.getData());
   }
-  fflush(stdout);
   return exitStatus;
 }

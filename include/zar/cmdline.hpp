@@ -27,6 +27,7 @@
 
 #include "zar/export.h"
 #include "zar/hashtable.hpp"
+#include "zar/status.h"  // the status codes returned here
 #include "zar/string.hpp"
 
 // Invariants:

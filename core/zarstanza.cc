@@ -17,6 +17,7 @@
 #include "core/zarlock.h"
 #include "core/zarmem.h"
 #include "core/zarstatus.h"
+#include "core/svcutl/svcprod.h"
 #include "platform/sysio.h"
 #include "zar/nls.h"
 #include "zar/status.h"
@@ -29,8 +30,10 @@ constexpr char kRecordName[] = "core/zarstanza";
 
 // Logs one of the stanza messages as an ERROR of the client component,
 // sub-component "core", with this file's record name and the caller's line.
-#define ZAR_STZ_LOG(code, argTypes, ...)                                                    \
-  zar_svc_printf_withfile(zarsv_client_svc_handle, kRecordName, __LINE__, argTypes, 0, \
+// The client handle is made on demand, so a program that never initialised
+// its messages still sees why its configuration file failed.
+#define ZAR_STZ_LOG(code, argTypes, ...)                                                       \
+  zar_svc_printf_withfile(::zar::svc::clientHandle(), kRecordName, __LINE__, argTypes, 0, \
                           svc_c_sev_error, code, __VA_ARGS__)
 
 // Temporary files of the rewrite are named "/tmp/stzlink<pid>.<suffix>"; the

@@ -5,6 +5,8 @@
 
 #include <string.h>
 
+#include <algorithm>
+#include <functional>
 #include <string>
 #include <utility>
 
@@ -18,45 +20,30 @@ using zar::test::FaultPlan;
 std::string text(const ZARString& s) { return std::string(s.getData(), s.getLen()); }
 bool isInline(ZARString& s) { return s.getData() != s.buffer() || s.capacity() == 30; }
 
-// Builds a string by a sequence of operations, counting heap allocations.
-struct GrowthCase {
-  const char* name;
-  int first;    // length of the first set()
-  int second;   // length of the following append(); -1: none
-  unsigned capacity;
-  long allocs;
-  bool inlineAfter;
-};
-
-class Growth : public ::testing::TestWithParam<GrowthCase> {};
-
-TEST_P(Growth, AllocatesExactlyAndOnlyBeyond29Bytes) {
-  const GrowthCase& c = GetParam();
-  ZARString s;
-  FaultPlan count(Op::kAlloc, 0);
-  ASSERT_TRUE(s.set(std::string(c.first, 'a').c_str()));
-  if (c.second >= 0) {
-    ASSERT_TRUE(s.append(std::string(c.second, 'b').c_str(), c.second));
+TEST(ZARString, AllocatesExactlyAndOnlyBeyond29Bytes) {
+  const struct {
+    int first;   // length of the first set()
+    int second;  // length of the following append(); -1: none
+    unsigned capacity;
+    long allocs;
+    bool inlineAfter;
+  } cases[] = {{0, -1, 30, 0, true},     {29, -1, 30, 0, true},  {29, 1, 31, 1, false},
+               {100, -1, 101, 1, false}, {40, 1, 42, 2, false},  {10, 19, 30, 0, true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.first) + "+" + std::to_string(c.second));
+    ZARString s;
+    FaultPlan count(Op::kAlloc, 0);
+    ASSERT_TRUE(s.set(std::string(c.first, 'a').c_str()));
+    ASSERT_TRUE(c.second < 0 || s.append(std::string(c.second, 'b').c_str(), c.second));
+    EXPECT_EQ(c.capacity, s.capacity());
+    EXPECT_EQ(c.allocs, count.calls());
+    EXPECT_EQ(c.inlineAfter, isInline(s));
+    EXPECT_EQ(std::string(c.first, 'a') + std::string(std::max(c.second, 0), 'b'), text(s));
+    EXPECT_EQ('\0', s.getData()[s.getLen()]);
   }
-  EXPECT_EQ(c.capacity, s.capacity());
-  EXPECT_EQ(c.allocs, count.calls());
-  EXPECT_EQ(c.inlineAfter, isInline(s));
-  std::string want = std::string(c.first, 'a') + std::string(c.second < 0 ? 0 : c.second, 'b');
-  EXPECT_EQ(want, text(s));
-  EXPECT_EQ('\0', s.getData()[s.getLen()]);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    ZARString, Growth,
-    ::testing::Values(GrowthCase{"Empty", 0, -1, 30, 0, true},
-                      GrowthCase{"TwentyNineStayInline", 29, -1, 30, 0, true},
-                      GrowthCase{"ThirtiethByteMovesTo31", 29, 1, 31, 1, false},
-                      GrowthCase{"LongValueExact", 100, -1, 101, 1, false},
-                      GrowthCase{"EachGrowthExact", 40, 1, 42, 2, false},
-                      GrowthCase{"ShortAppendsStayInline", 10, 19, 30, 0, true}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-TEST(ZARString, SetReusesTheHeapBlockAndKeepsItForShortValues) {
+TEST(ZARString, SetAndExpandReuseTheHeapBlock) {
   ZARString s;
   ASSERT_TRUE(s.set(std::string(40, 'x').c_str()));
   char* block = s.buffer();
@@ -65,30 +52,27 @@ TEST(ZARString, SetReusesTheHeapBlockAndKeepsItForShortValues) {
   EXPECT_EQ(block, s.buffer());
   EXPECT_NE(s.buffer(), s.getData());  // short value in the inline buffer
   EXPECT_EQ("short", text(s));
-  FaultPlan count(Op::kAlloc, 0);
-  ASSERT_TRUE(s.set(std::string(35, 'y').c_str()));
-  EXPECT_EQ(0, count.calls());
+  {
+    FaultPlan count(Op::kAlloc, 0);
+    ASSERT_TRUE(s.set(std::string(35, 'y').c_str()));
+    EXPECT_TRUE(s.expand(29));
+    EXPECT_TRUE(s.expand(40));
+    EXPECT_EQ(0, count.calls());
+  }
   EXPECT_EQ(block, s.getData());
   EXPECT_EQ(std::string(35, 'y'), text(s));
+  // Expanding carries inline content into the new block.
+  ASSERT_TRUE(s.set("abcde"));
+  ASSERT_TRUE(s.expand(50));
+  EXPECT_EQ(51u, s.capacity());
+  EXPECT_EQ(s.buffer(), s.getData());
+  EXPECT_STREQ("abcde", s.getData());
   s.reset();
   EXPECT_EQ(30u, s.capacity());
   EXPECT_EQ(0, s.getLen());
 }
 
-TEST(ZARString, ExpandCarriesInlineContentIntoTheNewBlock) {
-  ZARString s(std::string(31, 'x').c_str());  // 32-byte block
-  ASSERT_TRUE(s.set("abcde"));
-  ASSERT_TRUE(s.expand(40));
-  EXPECT_EQ(41u, s.capacity());
-  EXPECT_EQ(s.buffer(), s.getData());
-  EXPECT_STREQ("abcde", s.getData());
-  FaultPlan count(Op::kAlloc, 0);
-  EXPECT_TRUE(s.expand(29));
-  EXPECT_TRUE(s.expand(40));
-  EXPECT_EQ(0, count.calls());
-}
-
-TEST(ZARString, WriteInProtocolReplacesTheContent) {
+TEST(ZARString, WriteInProtocolAppendsAndSelfReference) {
   ZARString s("old");
   ASSERT_TRUE(s.expand(50));
   snprintf(s.buffer(), s.capacity(), "%s-%d", std::string(40, 'n').c_str(), 7);
@@ -98,78 +82,59 @@ TEST(ZARString, WriteInProtocolReplacesTheContent) {
   EXPECT_EQ("nnn", text(s));
   s.assertBuffer(1000);  // cut to the buffer, still terminated
   EXPECT_EQ(50, s.getLen());
-}
-
-TEST(ZARString, AppendingTheNulByteOrNullAddsNothing) {
-  ZARString s("ab");
-  EXPECT_TRUE(s.append('\0'));
-  EXPECT_TRUE(s.append(static_cast<const char*>(nullptr)));
-  EXPECT_TRUE(s.append('c'));
-  EXPECT_EQ("abc", text(s));
-}
-
-TEST(ZARString, AppendsAndSetsFromItsOwnContent) {
-  ZARString s(std::string(20, 'a').c_str());
-  ASSERT_TRUE(s.append(s));  // moves to the heap while reading itself
-  EXPECT_EQ(std::string(40, 'a'), text(s));
-  ASSERT_TRUE(s.set(s.getData() + 5));
-  EXPECT_EQ(std::string(35, 'a'), text(s));
+  ZARString t("ab");
+  EXPECT_TRUE(t.append('\0'));  // the NUL byte and null add nothing
+  EXPECT_TRUE(t.append(static_cast<const char*>(nullptr)));
+  EXPECT_TRUE(t.append('c'));
+  EXPECT_EQ("abc", text(t));
+  ZARString u(std::string(20, 'a').c_str());
+  ASSERT_TRUE(u.append(u));  // moves to the heap while reading itself
+  EXPECT_EQ(std::string(40, 'a'), text(u));
+  ASSERT_TRUE(u.set(u.getData() + 5));
+  EXPECT_EQ(std::string(35, 'a'), text(u));
 }
 
 // Every allocating operation, failed at its allocation, returns false and
 // leaves content, length and capacity as they were.
-struct FailCase {
-  const char* name;
-  const char* before;
-  bool (*op)(ZARString&);
-};
-
-class AllocFailure : public ::testing::TestWithParam<FailCase> {};
-
-TEST_P(AllocFailure, LeavesTheStringUnchanged) {
-  const FailCase& c = GetParam();
-  ZARString s(c.before);
-  std::string content = text(s);
-  unsigned cap = s.capacity();
-  const char* data = s.getData();
-  {
-    FaultPlan fail(Op::kAlloc, 1);
-    EXPECT_FALSE(c.op(s));
-    EXPECT_EQ(1, fail.failures());
+TEST(ZARString, AllocationFailureLeavesTheStringUnchanged) {
+  const std::string lng(60, 'L');
+  const ZARString longString(lng.c_str());
+  const char* const heapValue = "0123456789012345678901234567890123";
+  const struct {
+    const char* before;
+    std::function<bool(ZARString&)> op;
+  } cases[] = {
+      {"abc", [&](ZARString& s) { return s.append(lng.c_str()); }},
+      {heapValue, [&](ZARString& s) { return s.append(lng.c_str()); }},
+      {"abc", [&](ZARString& s) { return s.set(lng.c_str()); }},
+      {heapValue, [&](ZARString& s) { return s.set(lng.c_str()); }},
+      {"abc", [](ZARString& s) { return s.expand(100); }},
+      {"abc", [&](ZARString& s) { return (s = longString).getLen() == longString.getLen(); }},
+  };
+  int row = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(row++);
+    ZARString s(c.before);
+    const std::string content = text(s);
+    const unsigned cap = s.capacity();
+    const char* data = s.getData();
+    {
+      FaultPlan fail(Op::kAlloc, 1);
+      EXPECT_FALSE(c.op(s));
+      EXPECT_EQ(1, fail.failures());
+    }
+    EXPECT_EQ(content, text(s));
+    EXPECT_EQ(cap, s.capacity());
+    EXPECT_EQ(data, s.getData());
   }
-  EXPECT_EQ(content, text(s));
-  EXPECT_EQ(cap, s.capacity());
-  EXPECT_EQ(data, s.getData());
-}
-
-const std::string kLong(60, 'L');
-const ZARString kLongString(kLong.c_str());
-INSTANTIATE_TEST_SUITE_P(
-    ZARString, AllocFailure,
-    ::testing::Values(
-        FailCase{"AppendInline", "abc", [](ZARString& s) { return s.append(kLong.c_str()); }},
-        FailCase{"AppendHeap", "0123456789012345678901234567890123",
-                 [](ZARString& s) { return s.append(kLong.c_str()); }},
-        FailCase{"SetInline", "abc", [](ZARString& s) { return s.set(kLong.c_str()); }},
-        FailCase{"SetHeap", "0123456789012345678901234567890123",
-                 [](ZARString& s) { return s.set(kLong.c_str()); }},
-        FailCase{"Expand", "abc", [](ZARString& s) { return s.expand(100); }},
-        FailCase{"CopyAssign", "abc",
-                 [](ZARString& s) {
-                   s = kLongString;
-                   return s.getLen() == kLongString.getLen();
-                 }}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-TEST(ZARString, ConstructorThatCannotAllocateLeavesItEmpty) {
   FaultPlan fail(Op::kAlloc, 1);
-  ZARString s(kLong.c_str());
+  ZARString s(lng.c_str());  // a constructor that cannot allocate leaves it empty
   EXPECT_EQ(0, s.getLen());
   EXPECT_STREQ("", s.getData());
 }
 
 TEST(ZARString, MoveTakesTheBlockAndEmptiesTheSource) {
-  ZARString longer(kLong.c_str());
+  ZARString longer(std::string(60, 'L').c_str());
   const char* block = longer.getData();
   ZARString moved(std::move(longer));
   EXPECT_EQ(block, moved.getData());
@@ -182,66 +147,51 @@ TEST(ZARString, MoveTakesTheBlockAndEmptiesTheSource) {
   EXPECT_NE(shorter.getData(), moved.getData());  // NOLINT(bugprone-use-after-move)
 }
 
-struct HashCase {
-  std::string bytes;
-  unsigned stringHash;
-  unsigned refHash;
-};
-
-class Hash : public ::testing::TestWithParam<HashCase> {};
-
-TEST_P(Hash, IsDjb2XorStringStopsAtNulReferenceDoesNot) {
-  const HashCase& c = GetParam();
-  ZARString s(c.bytes.data(), static_cast<int>(c.bytes.size()));
-  ZARStringRef r(c.bytes.data(), static_cast<int>(c.bytes.size()), false);
-  EXPECT_EQ(c.stringHash, s.hash());
-  EXPECT_EQ(c.refHash, r.hash());
+// djb2 with xor; a ZARString stops at a NUL byte, a reference does not.
+TEST(ZARString, HashIsDjb2Xor) {
+  const struct {
+    std::string bytes;
+    unsigned stringHash, refHash;
+  } cases[] = {{"", 5381, 5381},
+               {"a", 177604, 177604},
+               {"help", 2087804052u, 2087804052u},
+               {"rspfile", 702755058u, 702755058u},
+               {std::string("a\0b", 3), 177604, 193410726u}};
+  for (const auto& c : cases) {
+    const int len = static_cast<int>(c.bytes.size());
+    EXPECT_EQ(c.stringHash, ZARString(c.bytes.data(), len).hash()) << c.bytes;
+    EXPECT_EQ(c.refHash, ZARStringRef(c.bytes.data(), len, false).hash()) << c.bytes;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(ZARString, Hash,
-                         ::testing::Values(HashCase{"", 5381, 5381},
-                                           HashCase{"a", 177604, 177604},
-                                           HashCase{"help", 2087804052u, 2087804052u},
-                                           HashCase{"rspfile", 702755058u, 702755058u},
-                                           HashCase{std::string("a\0b", 3), 177604, 193410726u}));
-
-// Comparison signs for every overload.
-struct CmpCase {
-  const char* name;
-  int (*cmp)();
-  int sign;
-};
-
-class CompareSign : public ::testing::TestWithParam<CmpCase> {};
 
 int sign(int v) { return (v > 0) - (v < 0); }
 
-TEST_P(CompareSign, HasTheExpectedSign) { EXPECT_EQ(GetParam().sign, sign(GetParam().cmp())); }
+TEST(ZARString, CompareSignsOfEveryOverload) {
+  static const char same[] = "same";
+  using R = ZARStringRef;
+  const struct {
+    int got;
+    int sign;
+  } cases[] = {
+      {ZARString("abc").compare(R("ab", 2)), 1},
+      {ZARString("a").compare(R("ab", 2)), -1},
+      {ZARString("ab").compare(R("abX", 2)), 0},
+      {ZARString("abc").compare("abcdef", -1), -1},
+      {ZARString("abc").compare("abcdef", 3), 0},
+      {R("ab", 2).compare(R("abc", 3)), -1},
+      {R("abc", 3).compare(R("ab", 2)), 1},
+      {R(same, 4).compare(R(same, 4)), 0},
+      {R("YES", 3).compare("yes", -1), -1},
+      {R("YES", 3).icompare("yes", -1), 0},
+      {R("ab", 2).compare(ZARString("abc")), -1},
+      {R("abc", 3).compare(ZARString("ab")), 1},
+      {R("HeLp", 4).icompare(ZARString("help")), 0},
+  };
+  int row = 0;
+  for (const auto& c : cases) EXPECT_EQ(c.sign, sign(c.got)) << "row " << row++;
+}
 
-INSTANTIATE_TEST_SUITE_P(
-    ZARString, CompareSign,
-    ::testing::Values(
-        CmpCase{"StrLongerThanRef", [] { return ZARString("abc").compare(ZARStringRef("ab", 2)); }, 1},
-        CmpCase{"StrShorterThanRef", [] { return ZARString("a").compare(ZARStringRef("ab", 2)); }, -1},
-        CmpCase{"StrEqualsRefSlice", [] { return ZARString("ab").compare(ZARStringRef("abX", 2)); }, 0},
-        CmpCase{"StrTextNulTerminated", [] { return ZARString("abc").compare("abcdef", -1); }, -1},
-        CmpCase{"StrTextFirstThree", [] { return ZARString("abc").compare("abcdef", 3); }, 0},
-        CmpCase{"RefShorter", [] { return ZARStringRef("ab", 2).compare(ZARStringRef("abc", 3)); }, -1},
-        CmpCase{"RefLonger", [] { return ZARStringRef("abc", 3).compare(ZARStringRef("ab", 2)); }, 1},
-        CmpCase{"RefSameAddress",
-                [] {
-                  static const char t[] = "same";
-                  return ZARStringRef(t, 4).compare(ZARStringRef(t, 4));
-                },
-                0},
-        CmpCase{"RefCaseDiffers", [] { return ZARStringRef("YES", 3).compare("yes", -1); }, -1},
-        CmpCase{"RefIgnoringCase", [] { return ZARStringRef("YES", 3).icompare("yes", -1); }, 0},
-        CmpCase{"RefPrefixOfString", [] { return ZARStringRef("ab", 2).compare(ZARString("abc")); }, -1},
-        CmpCase{"RefBeyondString", [] { return ZARStringRef("abc", 3).compare(ZARString("ab")); }, 1},
-        CmpCase{"RefIcaseString", [] { return ZARStringRef("HeLp", 4).icompare(ZARString("help")); }, 0}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-TEST(ZARStringRef, DefaultRefersToTheEmptyTerminatedText) {
+TEST(ZARStringRef, DefaultAndNullReferToTheEmptyTerminatedText) {
   ZARStringRef r;
   EXPECT_EQ(ZARStringRef::emptyString, r.getData());
   EXPECT_EQ(0, r.getLen());

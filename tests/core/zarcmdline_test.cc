@@ -156,11 +156,8 @@ TEST(ZARCmdLine, ResponseFiles) {
     }
     ASSERT_EQ(0u, c.commandLine > 0 ? parse(cl, words) : 0u);
     Lines want[] = {c.options, c.duplicates};
-    for (Lines& l : want) {
-      for (std::string& s : l) {
-        if (s.back() == '@') s += path + ":srv";
-      }
-    }
+    for (Lines& l : want)
+      for (std::string& s : l) s += s.back() == '@' ? path + ":srv" : "";
     EXPECT_EQ(want[0], walk(cl.invalidOptions()));
     EXPECT_EQ(want[1], walk(cl.duplicateOptions()));
   }
@@ -225,13 +222,10 @@ void failEveryAllocation(const Call& call, bool logged) {
   }
 }
 
-TEST(ZARCmdLine, InitializeSurvivesEveryAllocationFailure) {
+TEST(ZARCmdLine, InitializeAndLoadRspFileSurviveEveryAllocationFailure) {
   const std::string longOption = "-" + kLong;
   const Words words = {kLong.c_str(), "-a", "1", longOption.c_str(), kLong.c_str(), "-a", "2"};
   failEveryAllocation([&](ZARCmdLine& cl) { return parse(cl, words); }, true);
-}
-
-TEST(ZARCmdLine, LoadRspFileSurvivesEveryAllocationFailure) {
   zar::test::TempDir dir;
   const std::string path = dir.file(kLong);
   zar::test::writeFile(path, "[" + kLong + "]\na = 1\n" + kLong + " = " + kLong + "\na = 2\n");

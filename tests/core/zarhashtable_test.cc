@@ -2,6 +2,7 @@
 // tail, walk order, ownership, and tables without buckets.
 #include "zar/hashtable.hpp"
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -46,64 +47,45 @@ std::vector<std::pair<std::string, int>> walk(const Table& t) {
   return out;
 }
 
-struct FoldCase {
-  unsigned hash;
-  unsigned buckets;
-  unsigned bucket;
-};
+using Walk = std::vector<std::pair<std::string, int>>;
 
-class Fold : public ::testing::TestWithParam<FoldCase> {};
-
-TEST_P(Fold, FoldsByTableSizeThenTakesTheRemainder) {
-  EXPECT_EQ(GetParam().bucket, Table::bucketOf(GetParam().hash, GetParam().buckets));
+// Folds the hash by the table size, then takes the remainder; the keys of
+// the command-line parser's 29-bucket tables land in their buckets.
+TEST(ZARHashTable, BucketOfFoldsThenTakesTheRemainder) {
+  const struct {
+    unsigned hash, buckets, bucket;
+  } folds[] = {{0x12345678u, 16777216u, 0x345678u}, {0x12345678u, 65536u, 0x5758u},
+               {0x12345678u, 256u, 0x4Cu},          {0x12345678u, 255u, 164u},
+               {0x12345678u, 29u, 20u},             {5381u, 29u, 27u}};
+  for (const auto& c : folds) EXPECT_EQ(c.bucket, Table::bucketOf(c.hash, c.buckets)) << c.buckets;
+  using Strings = ZARHashTable<ZARString, ZARString>;
+  const struct {
+    const char* key;
+    unsigned bucket;
+  } keys[] = {{"", 27}, {"help", 25}, {"rspfile", 28}};
+  for (const auto& c : keys) {
+    EXPECT_EQ(c.bucket, Strings::bucketOf(ZARString(c.key).hash(), 29)) << c.key;
+    Strings t;
+    ASSERT_TRUE(t.init(29, true));
+    ASSERT_TRUE(t.insertHead(new ZARString(c.key), new ZARString("value")));
+    const ZARString* found = t.find(ZARString(c.key));
+    ASSERT_NE(nullptr, found);
+    EXPECT_STREQ("value", found->getData());
+    EXPECT_EQ(nullptr, t.find(ZARString("other")));
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(ZARHashTable, Fold,
-                         ::testing::Values(FoldCase{0x12345678u, 16777216u, 0x345678u},
-                                           FoldCase{0x12345678u, 65536u, 0x5758u},
-                                           FoldCase{0x12345678u, 256u, 0x4Cu},
-                                           FoldCase{0x12345678u, 255u, 164u},
-                                           FoldCase{0x12345678u, 29u, 20u},
-                                           FoldCase{5381u, 29u, 27u}));
-
-// The keys of the command-line parser's 29-bucket tables.
-struct StringBucketCase {
-  const char* key;
-  unsigned bucket;
-};
-
-class StringBucket : public ::testing::TestWithParam<StringBucketCase> {};
-
-TEST_P(StringBucket, LandsInItsBucketAndIsFound) {
-  const StringBucketCase& c = GetParam();
-  EXPECT_EQ(c.bucket, (ZARHashTable<ZARString, ZARString>::bucketOf(ZARString(c.key).hash(), 29)));
-  ZARHashTable<ZARString, ZARString> t;
-  ASSERT_TRUE(t.init(29, true));
-  ASSERT_TRUE(t.insertHead(new ZARString(c.key), new ZARString("value")));
-  const ZARString* found = t.find(ZARString(c.key));
-  ASSERT_NE(nullptr, found);
-  EXPECT_STREQ("value", found->getData());
-  EXPECT_EQ(nullptr, t.find(ZARString("other")));
-}
-
-INSTANTIATE_TEST_SUITE_P(ZARHashTable, StringBucket,
-                         ::testing::Values(StringBucketCase{"", 27}, StringBucketCase{"help", 25},
-                                           StringBucketCase{"rspfile", 28}));
 
 TEST(ZARHashTable, HeadShadowsOlderEqualKeysTailDoesNot) {
-  Table head;
-  ASSERT_TRUE(head.init(29, true));
-  ASSERT_TRUE(head.insertHead(new Key(7, "k"), new Value(1)));
-  ASSERT_TRUE(head.insertHead(new Key(7, "k"), new Value(2)));
+  Table head, tail;
+  ASSERT_TRUE(head.init(29, true) && tail.init(29, true));
+  for (int v : {1, 2}) {
+    ASSERT_TRUE(head.insertHead(new Key(7, "k"), new Value(v)));
+    ASSERT_TRUE(tail.insertTail(new Key(7, "k"), new Value(v)));
+  }
   EXPECT_EQ(2u, head.getCount());
   EXPECT_EQ(2, head.find(Key(7, "k"))->v);
-
-  Table tail;
-  ASSERT_TRUE(tail.init(29, true));
-  ASSERT_TRUE(tail.insertTail(new Key(7, "k"), new Value(1)));
-  ASSERT_TRUE(tail.insertTail(new Key(7, "k"), new Value(2)));
   EXPECT_EQ(1, tail.find(Key(7, "k"))->v);
-  EXPECT_EQ((std::vector<std::pair<std::string, int>>{{"k", 1}, {"k", 2}}), walk(tail));
+  EXPECT_EQ((Walk{{"k", 1}, {"k", 2}}), walk(tail));
 }
 
 TEST(ZARHashTable, WalksBucketsAscendingAndChainsHeadToTail) {
@@ -113,16 +95,13 @@ TEST(ZARHashTable, WalksBucketsAscendingAndChainsHeadToTail) {
   ASSERT_TRUE(t.insertTail(new Key(3, "first3"), new Value(3)));
   ASSERT_TRUE(t.insertTail(new Key(32, "second3"), new Value(32)));  // 32 % 29 == 3
   ASSERT_TRUE(t.insertHead(new Key(100, "in13"), nullptr));          // 100 % 29 == 13
-  EXPECT_EQ((std::vector<std::pair<std::string, int>>{
-                {"first3", 3}, {"second3", 32}, {"in13", -1}, {"in25", 25}}),
-            walk(t));
+  EXPECT_EQ((Walk{{"first3", 3}, {"second3", 32}, {"in13", -1}, {"in25", 25}}), walk(t));
   EXPECT_EQ(nullptr, t.find(Key(100, "in13")));  // a null value answers like a miss
   EXPECT_EQ(4u, t.getCount());
 }
 
 TEST(ZARHashTable, OwningAndReferringTablesDeleteEachObjectOnce) {
-  int keysDeleted = 0;
-  int valuesDeleted = 0;
+  int keysDeleted = 0, valuesDeleted = 0;
   {
     Table owner;
     ASSERT_TRUE(owner.init(29, true));
@@ -137,40 +116,37 @@ TEST(ZARHashTable, OwningAndReferringTablesDeleteEachObjectOnce) {
       }
       EXPECT_EQ(owner.getCount(), referrer.getCount());
     }
-    EXPECT_EQ(0, keysDeleted);
-    EXPECT_EQ(0, valuesDeleted);
+    EXPECT_EQ(0, keysDeleted + valuesDeleted);
   }
   EXPECT_EQ(10, keysDeleted);
   EXPECT_EQ(10, valuesDeleted);
 }
 
-// A table never set up, cleared after use, or set up with no buckets.
-class WithoutBuckets : public ::testing::TestWithParam<void (*)(Table&, Key*, Value*)> {};
-
-TEST_P(WithoutBuckets, MissesAndRefusesInsertions) {
-  int deleted = 0;
-  Key key(1, "a", &deleted);
-  Value value(1, &deleted);
-  Table t;
-  GetParam()(t, &key, &value);
-  EXPECT_EQ(0u, t.getBucketCount());
-  EXPECT_EQ(nullptr, t.find(key));
-  EXPECT_FALSE(t.insertHead(&key, &value));
-  EXPECT_FALSE(t.insertTail(&key, &value));
-  EXPECT_EQ(0u, t.getCount());
-  EXPECT_TRUE(walk(t).empty());
-  EXPECT_EQ(0, deleted);  // a non-owning clear deletes nothing
+// A table never set up, cleared after use, or set up with no buckets misses
+// and refuses insertions.
+TEST(ZARHashTable, WithoutBucketsMissesAndRefusesInsertions) {
+  const std::function<void(Table&, Key*, Value*)> setups[] = {
+      [](Table& t, Key*, Value*) { t.clear(); },
+      [](Table& t, Key* k, Value* v) {
+        ASSERT_TRUE(t.init(3, false));
+        ASSERT_TRUE(t.insertHead(k, v));
+        t.clear();
+      },
+      [](Table& t, Key*, Value*) { EXPECT_FALSE(t.init(0, true)); }};
+  for (const auto& setup : setups) {
+    int deleted = 0;
+    Key key(1, "a", &deleted);
+    Value value(1, &deleted);
+    Table t;
+    setup(t, &key, &value);
+    EXPECT_EQ(0u, t.getBucketCount());
+    EXPECT_EQ(nullptr, t.find(key));
+    EXPECT_FALSE(t.insertHead(&key, &value));
+    EXPECT_FALSE(t.insertTail(&key, &value));
+    EXPECT_EQ(0u, t.getCount());
+    EXPECT_TRUE(walk(t).empty());
+    EXPECT_EQ(0, deleted);  // a non-owning clear deletes nothing
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(ZARHashTable, WithoutBuckets,
-                         ::testing::Values([](Table& t, Key*, Value*) { t.clear(); },
-                                           [](Table& t, Key* k, Value* v) {
-                                             ASSERT_TRUE(t.init(3, false));
-                                             ASSERT_TRUE(t.insertHead(k, v));
-                                             t.clear();
-                                           },
-                                           [](Table& t, Key*, Value*) {
-                                             EXPECT_FALSE(t.init(0, true));
-                                           }));
 
 }  // namespace

@@ -38,68 +38,42 @@ std::string decode(Alpha a, const std::string& text) {
   return r;
 }
 
-struct EncodeCase {
-  Alpha alpha;
-  std::string in;
-  std::string text;
-};
+const Alpha S = Alpha::kStd, U = Alpha::kUri;
+const std::string kFox = "The quick brown fox jumps over the lazy dog";
+const std::string kFoxText = "VGhlIHF1aWNrIGJyb3duIGZveCBqdW1wcyBvdmVyIHRoZSBsYXp5IGRvZ";
 
-class Base64Encode : public ::testing::TestWithParam<EncodeCase> {};
-
-TEST_P(Base64Encode, GivesTheText) {
-  EXPECT_EQ(GetParam().text, encode(GetParam().alpha, GetParam().in));
+TEST(Base64, EncodesAsTheTable) {
+  const struct {
+    Alpha alpha;
+    std::string in, text;
+  } cases[] = {
+      {S, "", ""}, {S, "A", "QQ=="}, {S, "AB", "QUI="}, {S, "ABC", "QUJD"},
+      {S, "\xff\xff\xff", "////"}, {U, "\xff\xff\xff", "----"}, {U, "\xfb\xef\xbe", "++++"},
+      {S, std::string("\0\0\0\0", 4), "AAAAAA=="},
+      // Long enough for the wide loop, with every tail length.
+      {S, kFox, kFoxText + "w=="}, {S, kFox + ".", kFoxText + "y4="}, {S, kFox + "..", kFoxText + "y4u"}};
+  for (const auto& c : cases) EXPECT_EQ(c.text, encode(c.alpha, c.in)) << c.text;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Table, Base64Encode,
-    ::testing::Values(EncodeCase{Alpha::kStd, "", ""}, EncodeCase{Alpha::kStd, "A", "QQ=="},
-                      EncodeCase{Alpha::kStd, "AB", "QUI="}, EncodeCase{Alpha::kStd, "ABC", "QUJD"},
-                      EncodeCase{Alpha::kStd, "\xff\xff\xff", "////"},
-                      EncodeCase{Alpha::kUri, "\xff\xff\xff", "----"},
-                      EncodeCase{Alpha::kUri, "\xfb\xef\xbe", "++++"},
-                      EncodeCase{Alpha::kStd, std::string("\0\0\0\0", 4), "AAAAAA=="},
-                      // Long enough for the wide loop, with every tail length.
-                      EncodeCase{Alpha::kStd, "The quick brown fox jumps over the lazy dog",
-                                 "VGhlIHF1aWNrIGJyb3duIGZveCBqdW1wcyBvdmVyIHRoZSBsYXp5IGRvZw=="},
-                      EncodeCase{Alpha::kStd, "The quick brown fox jumps over the lazy dog.",
-                                 "VGhlIHF1aWNrIGJyb3duIGZveCBqdW1wcyBvdmVyIHRoZSBsYXp5IGRvZy4="},
-                      EncodeCase{Alpha::kStd, "The quick brown fox jumps over the lazy dog..",
-                                 "VGhlIHF1aWNrIGJyb3duIGZveCBqdW1wcyBvdmVyIHRoZSBsYXp5IGRvZy4u"}));
-
-struct DecodeCase {
-  Alpha alpha;
-  std::string text;
-  std::string out;
-};
-
-class Base64Decode : public ::testing::TestWithParam<DecodeCase> {};
-
-TEST_P(Base64Decode, GivesTheBytes) {
-  EXPECT_EQ(GetParam().out, decode(GetParam().alpha, GetParam().text));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, Base64Decode,
-    ::testing::Values(
-        DecodeCase{Alpha::kStd, "", ""}, DecodeCase{Alpha::kStd, "QQ==", "A"},
-        DecodeCase{Alpha::kStd, "QUI=", "AB"}, DecodeCase{Alpha::kStd, "QUJD", "ABC"},
-        DecodeCase{Alpha::kStd, "QUJDRA", "ABCD"}, DecodeCase{Alpha::kStd, "QUJDREU", "ABCDE"},
-        DecodeCase{Alpha::kStd, "QU JD", "ABC"}, DecodeCase{Alpha::kStd, "QUJD\n", "ABC"},
-        DecodeCase{Alpha::kStd, "Q", ""},             // one value gives no whole byte
-        DecodeCase{Alpha::kStd, "QUJD=QUJD", "ABC"},  // '=' ends everything
-        DecodeCase{Alpha::kStd, "=QUJD", ""},
-        DecodeCase{Alpha::kStd, "QU-JD", "ABC"},  // '-' is not in the standard alphabet
-        DecodeCase{Alpha::kUri, "QU/JD", "ABC"},  // '/' is not in the URI alphabet
-        DecodeCase{Alpha::kUri, "----", "\xff\xff\xff"},
-        DecodeCase{Alpha::kStd, "QU\xc3\xa9JD", "ABC"},  // bytes with the top bit set
-        DecodeCase{Alpha::kStd, " \t\r\n", ""},
-        // Wide-loop lengths with a bad character in the second half of a block.
-        DecodeCase{Alpha::kStd, "QUJDQUJDQUJDQU*JDQUJD", "ABCABCABCABCABC"},
-        DecodeCase{Alpha::kStd, "VGhlIHF1aWNrIGJyb3duIGZveCBqdW1wcyBvdmVyIHRoZSBsYXp5IGRvZw==",
-                   "The quick brown fox jumps over the lazy dog"}));
-
-TEST(Base64, TooSmallOrNullBuffersGetNothing) {
-  char buf[8] = "xxxxxxx";
+TEST(Base64, DecodesAndSkipsWhatIsNotInTheAlphabet) {
+  const struct {
+    Alpha alpha;
+    std::string text, out;
+  } cases[] = {
+      {S, "", ""}, {S, "QQ==", "A"}, {S, "QUI=", "AB"}, {S, "QUJD", "ABC"}, {S, "QUJDRA", "ABCD"},
+      {S, "QUJDREU", "ABCDE"}, {S, "QU JD", "ABC"}, {S, "QUJD\n", "ABC"},
+      {S, "Q", ""},             // one value gives no whole byte
+      {S, "QUJD=QUJD", "ABC"},  // '=' ends everything
+      {S, "=QUJD", ""},
+      {S, "QU-JD", "ABC"},  // '-' is not in the standard alphabet
+      {U, "QU/JD", "ABC"},  // '/' is not in the URI alphabet
+      {U, "----", "\xff\xff\xff"},
+      {S, "QU\xc3\xa9JD", "ABC"},  // bytes with the top bit set
+      {S, " \t\r\n", ""},
+      // Wide-loop lengths with a bad character in the second half of a block.
+      {S, "QUJDQUJDQUJDQU*JDQUJD", "ABCABCABCABCABC"}, {S, kFoxText + "w==", kFox}};
+  for (const auto& c : cases) EXPECT_EQ(c.out, decode(c.alpha, c.text)) << c.text;
+  char buf[8] = "xxxxxxx";  // too small or null buffers get nothing
   zar_base64_std_encode("ABC", 3, buf, 4);  // 5 bytes are needed
   EXPECT_STREQ("xxxxxxx", buf);
   zar_base64_std_encode("ABC", 3, nullptr, 5);

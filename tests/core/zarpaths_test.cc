@@ -22,11 +22,7 @@ TEST(ZarPaths, TableHoldsTheInstallDirectories) {
                             "/var/kpsrv/log/",  "/opt/Brantholm/"};
   for (unsigned i = 0; i < 10; ++i) {
     if (i == ZAR_PATH_NLZ_DIR) continue;
-    if (expected[i] == nullptr) {
-      EXPECT_EQ(nullptr, zar_get_path(i)) << i;
-    } else {
-      EXPECT_STREQ(expected[i], zar_get_path(i)) << i;
-    }
+    EXPECT_STREQ(expected[i], zar_get_path(i)) << i;  // a null entry only where one is expected
   }
   EXPECT_EQ(nullptr, zar_get_path(10));
   EXPECT_EQ(nullptr, zar_get_path(~0u));
@@ -53,71 +49,53 @@ TEST(ZarPaths, LayerDirectoryFromTheEnvironmentBecomesEntrySeven) {
   EXPECT_EQ(0, zar::test::exitCode(status));
 }
 
-struct CanonCase {
-  const char* in;
-  const char* out;
-};
-
-class Canonicalize : public ::testing::TestWithParam<CanonCase> {};
-
-TEST_P(Canonicalize, TidiesInPlace) {
-  std::string buf = GetParam().in;
-  zar_canonicalize_path(buf.data());
-  EXPECT_STREQ(GetParam().out, buf.c_str());
-}
-
-INSTANTIATE_TEST_SUITE_P(Table, Canonicalize,
-                         ::testing::Values(CanonCase{"  /opt//kpsrv///etc/  ", "/opt/kpsrv/etc"},
-                                           CanonCase{"/", ""}, CanonCase{"a b ", "a b"},
-                                           CanonCase{"\t//a\t", "/a"}, CanonCase{"", ""},
-                                           CanonCase{"   ", ""}, CanonCase{"a//", "a"},
-                                           CanonCase{"a/ /", "a/ "}, CanonCase{"rel/x", "rel/x"}));
-
-TEST(CanonicalizeNull, NullIsIgnored) {
-  zar_canonicalize_path(nullptr);
-}
-
-struct LocaleCase {
-  std::optional<std::string> lcAll;
-  std::optional<std::string> lcMessages;
-  std::vector<std::string> present;  // entries made under the base
-  const char* expected;              // relative to the base; "" is the base itself
-};
-
-class LocaleDir : public ::testing::TestWithParam<LocaleCase> {};
-
-TEST_P(LocaleDir, FindsTheMostSpecificSubdirectory) {
-  const LocaleCase& c = GetParam();
-  TempDir base;
-  for (const std::string& name : c.present) {
-    if (name == "file:de") {
-      zar::test::writeFile(base.file("de"), "not a directory");
-    } else {
-      ASSERT_EQ(0, mkdir(base.file(name).c_str(), 0755));
-    }
+TEST(ZarPaths, CanonicalizeTidiesInPlace) {
+  const struct {
+    const char *in, *out;
+  } cases[] = {{"  /opt//kpsrv///etc/  ", "/opt/kpsrv/etc"}, {"/", ""}, {"a b ", "a b"},
+               {"\t//a\t", "/a"}, {"", ""}, {"   ", ""}, {"a//", "a"}, {"a/ /", "a/ "},
+               {"rel/x", "rel/x"}};
+  for (const auto& c : cases) {
+    std::string buf = c.in;
+    zar_canonicalize_path(buf.data());
+    EXPECT_STREQ(c.out, buf.c_str()) << '"' << c.in << '"';
   }
-  ScopedEnv all("LC_ALL", c.lcAll);
-  ScopedEnv messages("LC_MESSAGES", c.lcMessages);
-  char* dir = zar_getlocaledir(base.path().c_str());
-  ASSERT_NE(nullptr, dir);
-  std::string want = *c.expected ? base.file(c.expected) : base.path();
-  EXPECT_EQ(want, dir);
-  free(dir);
+  zar_canonicalize_path(nullptr);  // ignored
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Table, LocaleDir,
-    ::testing::Values(
-        LocaleCase{"", "de_DE", {"de"}, "de"},
-        LocaleCase{"de_DE.ISO-8859-1", std::nullopt, {"de_DE", "de", "C"}, "de_DE"},
-        LocaleCase{"de_DE.UTF-8", "fr_FR", {"de", "fr"}, "de"},
-        LocaleCase{"fr_FR", std::nullopt, {"C"}, "C"}, LocaleCase{"fr_FR", std::nullopt, {}, ""},
-        LocaleCase{"de_AT", std::nullopt, {"file:de"}, "de"},  // any kind of file counts
-        LocaleCase{std::nullopt, std::nullopt, {"C"}, "C"},    // the process locale: "C"
-        // A name that is no locale must not lead out of the base.
-        LocaleCase{"../x", std::nullopt, {}, ""}));
-
-TEST(LocaleDirNull, NullBaseGivesNull) {
+TEST(ZarPaths, LocaleDirIsTheMostSpecificSubdirectory) {
+  const auto none = std::nullopt;
+  const struct {
+    std::optional<std::string> lcAll, lcMessages;
+    std::vector<std::string> present;  // entries made under the base
+    const char* expected;              // relative to the base; "" is the base itself
+  } cases[] = {
+      {"", "de_DE", {"de"}, "de"},
+      {"de_DE.ISO-8859-1", none, {"de_DE", "de", "C"}, "de_DE"},
+      {"de_DE.UTF-8", "fr_FR", {"de", "fr"}, "de"},
+      {"fr_FR", none, {"C"}, "C"},
+      {"fr_FR", none, {}, ""},
+      {"de_AT", none, {"file:de"}, "de"},  // any kind of file counts
+      {none, none, {"C"}, "C"},            // the process locale: "C"
+      {"../x", none, {}, ""},              // a name that is no locale must not lead out of the base
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.lcAll.value_or("(unset)") + " " + c.expected);
+    TempDir base;
+    for (const std::string& name : c.present) {
+      if (name == "file:de") {
+        zar::test::writeFile(base.file("de"), "not a directory");
+      } else {
+        ASSERT_EQ(0, mkdir(base.file(name).c_str(), 0755));
+      }
+    }
+    ScopedEnv all("LC_ALL", c.lcAll);
+    ScopedEnv messages("LC_MESSAGES", c.lcMessages);
+    char* dir = zar_getlocaledir(base.path().c_str());
+    ASSERT_NE(nullptr, dir);
+    EXPECT_EQ(*c.expected ? base.file(c.expected) : base.path(), dir);
+    free(dir);
+  }
   EXPECT_EQ(nullptr, zar_getlocaledir(nullptr));
 }
 

@@ -1,5 +1,3 @@
-#include <poll.h>
-#include <pthread.h>
 #include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,6 +9,7 @@
 #include <vector>
 
 #include "core/svcutl/uuidgen.h"
+#include "tests/testutil/stress.h"
 #include "tests/testutil/testutil.h"
 #include "zar/status.h"
 #include "zar/uuid.h"
@@ -63,22 +62,19 @@ TEST(UuidCreate, VersionVariantAndIncreasingTimestampsUnderOneClockSequence) {
 
 TEST(UuidCreate, AMillionFromTwoThreadsAreAllDistinct) {
   constexpr int kPerThread = 500000;
-  std::vector<std::string> a, b;
-  a.reserve(kPerThread);
-  b.reserve(kPerThread);
-  auto make = [](std::vector<std::string>* out) {
+  std::vector<std::string> made[2];
+  zar::test::runConcurrently(2, [&](int t) -> long {
+    made[t].reserve(kPerThread);
     for (int i = 0; i < kPerThread; ++i) {
       kp_uuid_t u;
       kp_uuid_create(&u, nullptr);
-      out->push_back(key(u));
+      made[t].push_back(key(u));
     }
-  };
-  std::thread t1(make, &a), t2(make, &b);
-  t1.join();
-  t2.join();
-  a.insert(a.end(), b.begin(), b.end());
-  std::sort(a.begin(), a.end());
-  EXPECT_EQ(a.end(), std::adjacent_find(a.begin(), a.end())) << "duplicate UUID";
+    return 0;
+  });
+  made[0].insert(made[0].end(), made[1].begin(), made[1].end());
+  std::sort(made[0].begin(), made[0].end());
+  EXPECT_EQ(made[0].end(), std::adjacent_find(made[0].begin(), made[0].end())) << "duplicate UUID";
 }
 
 // A thread keeps making UUIDs while the main thread forks; the child makes
@@ -113,19 +109,11 @@ TEST(UuidCreate, ForkWhileCreatingGivesNoDuplicate) {
     _exit(0);
   }
   close(fds[1]);
+  std::string bytes;
+  char chunk[4096];
+  for (ssize_t n; (n = read(fds[0], chunk, sizeof chunk)) > 0;) bytes.append(chunk, n);
   std::vector<std::string> child;
-  kp_uuid_t u;
-  size_t got = 0;
-  char* p = reinterpret_cast<char*>(&u);
-  for (;;) {
-    ssize_t n = read(fds[0], p + got, sizeof u - got);
-    if (n <= 0) break;
-    got += static_cast<size_t>(n);
-    if (got == sizeof u) {
-      child.push_back(key(u));
-      got = 0;
-    }
-  }
+  for (size_t i = 0; i + 16 <= bytes.size(); i += 16) child.push_back(bytes.substr(i, 16));
   close(fds[0]);
   stop = true;
   maker.join();
@@ -141,50 +129,41 @@ TEST(UuidCreate, ForkWhileCreatingGivesNoDuplicate) {
   EXPECT_TRUE(both.empty()) << both.size() << " UUIDs made by both parent and child";
 }
 
-TEST(UuidNode, InterfaceWalkAnswersWithStatusZero) {
-  uint8_t addr[6];
-  uint64_t st = 1;
-  kp_get_802_addr(addr, &st);
-  EXPECT_ZAR_OK(st);
-  kp_get_802_addr(nullptr, &st);
-  EXPECT_ZAR_STATUS(ZAR_S_INVALID_INPUT, st);
-}
-
-struct AddressFileCase {
-  const char* content;  // null: no file
-  uint32_t status;
-  const char* address;  // "xx:xx:..." when status is 0
-};
-
-class UuidAddressFile : public ::testing::TestWithParam<AddressFileCase> {};
-
 std::string hexAddress(const uint8_t* a) {
   char buf[18];
   snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x", a[0], a[1], a[2], a[3], a[4], a[5]);
   return buf;
 }
 
-TEST_P(UuidAddressFile, ReadsTwelveHexDigits) {
-  TempDir dir;
-  std::string path = dir.file("ieee_802_addr");
-  if (GetParam().content != nullptr) zar::test::writeFile(path, GetParam().content);
-  uint8_t addr[6] = {9, 9, 9, 9, 9, 9};
-  EXPECT_ZAR_STATUS(GetParam().status, zar::uuid::readAddressFile(path.c_str(), addr));
-  if (GetParam().status == 0) {
-    EXPECT_EQ(GetParam().address, hexAddress(addr));
+TEST(UuidNode, InterfaceWalkAndAddressFileOfTwelveHexDigits) {
+  uint8_t addr[6];
+  uint64_t st = 1;
+  kp_get_802_addr(addr, &st);
+  EXPECT_ZAR_OK(st);
+  kp_get_802_addr(nullptr, &st);
+  EXPECT_ZAR_STATUS(ZAR_S_INVALID_INPUT, st);
+  const uint32_t kMissing = ZAR_S_UUID_ADDR_FILE_MISSING, kBad = ZAR_S_UUID_ADDR_FILE_BAD;
+  const struct {
+    const char* content;  // null: no file
+    uint32_t status;
+    const char* address;  // when status is 0
+  } cases[] = {{"0016D3cca427\n", 0, "00:16:d3:cc:a4:27"},
+               {"0016d3cca427trailing", 0, "00:16:d3:cc:a4:27"},
+               {nullptr, kMissing, ""},     {"0016d3cca4", kMissing, ""},
+               {"", kMissing, ""},          {"00:16:d3:cc:a4:27", kBad, ""},
+               {"0016d3cca42g", kBad, ""},  {" 016d3cca427", kBad, ""}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.content ? c.content : "(no file)");
+    TempDir dir;
+    const std::string path = dir.file("ieee_802_addr");
+    if (c.content != nullptr) zar::test::writeFile(path, c.content);
+    uint8_t got[6] = {9, 9, 9, 9, 9, 9};
+    EXPECT_ZAR_STATUS(c.status, zar::uuid::readAddressFile(path.c_str(), got));
+    if (c.status == 0) {
+      EXPECT_EQ(c.address, hexAddress(got));
+    }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, UuidAddressFile,
-    ::testing::Values(AddressFileCase{"0016D3cca427\n", 0, "00:16:d3:cc:a4:27"},
-                      AddressFileCase{"0016d3cca427trailing", 0, "00:16:d3:cc:a4:27"},
-                      AddressFileCase{nullptr, ZAR_S_UUID_ADDR_FILE_MISSING, ""},
-                      AddressFileCase{"0016d3cca4", ZAR_S_UUID_ADDR_FILE_MISSING, ""},
-                      AddressFileCase{"", ZAR_S_UUID_ADDR_FILE_MISSING, ""},
-                      AddressFileCase{"00:16:d3:cc:a4:27", ZAR_S_UUID_ADDR_FILE_BAD, ""},
-                      AddressFileCase{"0016d3cca42g", ZAR_S_UUID_ADDR_FILE_BAD, ""},
-                      AddressFileCase{" 016d3cca427", ZAR_S_UUID_ADDR_FILE_BAD, ""}));
 
 TEST(UuidNode, SourcesAreTriedInOrder) {
   TempDir dir;

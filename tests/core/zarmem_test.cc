@@ -1,5 +1,7 @@
-// The allocation seam: a plan fails exactly its armed call (or every call
-// from it on), counts calls, and make() returns null instead of throwing.
+// The allocation helpers: failures give null (and ENOMEM) and leave an old
+// block alone, make() returns null instead of throwing, products that
+// overflow are refused. (The fault plans themselves are exercised by every
+// allocation-failure sweep of the other tests.)
 #include "core/zarmem.h"
 
 #include <errno.h>
@@ -12,49 +14,38 @@ namespace {
 
 using test::FaultPlan;
 
-TEST(ZarMem, PlansFailTheArmedCallOrEveryCallFromIt) {
-  {
-    FaultPlan plan(fault::Op::kAlloc, 2);
-    void* a = mem::alloc(8);
-    void* b = mem::alloc(8);
-    void* c = mem::alloc(8);
-    EXPECT_NE(nullptr, a);
-    EXPECT_EQ(nullptr, b);
-    EXPECT_EQ(ENOMEM, errno);
-    EXPECT_NE(nullptr, c);
-    EXPECT_EQ(3, plan.calls());
-    EXPECT_EQ(1, plan.failures());
-    mem::free(a);
-    mem::free(c);
-  }
+struct Obj {
+  int v;
+  explicit Obj(int x) : v(x) {}
+};
+
+TEST(ZarMem, FailuresGiveNullAndLeaveTheOldBlock) {
+  char* p = static_cast<char*>(mem::alloc(4));
+  ASSERT_NE(nullptr, p);
+  memcpy(p, "abc", 4);
   {
     FaultPlan plan(fault::Op::kAlloc, 1, /*sticky=*/true);
+    errno = 0;
+    EXPECT_EQ(nullptr, mem::realloc(p, 64));
+    EXPECT_EQ(ENOMEM, errno);
     EXPECT_EQ(nullptr, mem::strDup("x"));
     EXPECT_EQ(nullptr, mem::allocZero(2, 2));
-    EXPECT_EQ(nullptr, mem::realloc(static_cast<char*>(nullptr), 4));
-    EXPECT_EQ(3, plan.failures());
+    EXPECT_EQ(nullptr, mem::make<Obj>(1));
+    EXPECT_EQ(4, plan.failures());
   }
-  FaultPlan countOnly(fault::Op::kAlloc, 0);
+  EXPECT_STREQ("abc", p);
+  mem::free(p);
+  FaultPlan count(fault::Op::kAlloc, 0);
   char* s = mem::strNDup("abcdef", 3);
   ASSERT_NE(nullptr, s);
   EXPECT_STREQ("abc", s);
   mem::free(s);
-  EXPECT_EQ(1, countOnly.calls());
-  EXPECT_EQ(0, countOnly.failures());
-}
-
-TEST(ZarMem, MakeReturnsNullInsteadOfThrowingAndAllocZeroRejectsOverflow) {
-  struct Obj {
-    int v;
-    explicit Obj(int x) : v(x) {}
-  };
-  {
-    FaultPlan plan(fault::Op::kAlloc, 1);
-    EXPECT_EQ(nullptr, mem::make<Obj>(1));
-  }
+  EXPECT_EQ(nullptr, mem::strDup(nullptr));
   mem::UniqueObj<Obj> o(mem::make<Obj>(7));
   ASSERT_NE(nullptr, o);
   EXPECT_EQ(7, o->v);
+  EXPECT_EQ(2, count.calls());
+  EXPECT_EQ(0, count.failures());
   EXPECT_EQ(nullptr, mem::allocZero(SIZE_MAX / 2, 4));
 }
 

@@ -179,7 +179,7 @@ class Generator {
   // Random flags, width and precision for conversion conv (as digits, or '*'
   // with their values added to stars when stars is given), in both grammars.
   Conv conversion(char conv, const char* ourLen, const char* theirLen, std::vector<int>* stars,
-            bool valueIsZero = false) {
+                  bool valueIsZero = false) {
     std::string flags, wp;
     for (int i = pick(4); i > 0; --i) {  // a second '0' would begin the width here
       char f = " #'+-0"[pick(6)];

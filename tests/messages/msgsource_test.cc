@@ -1,8 +1,8 @@
 // Checks the message sources in messages/ against the invariants that the
 // compiled tables, the catalogs and the library's lookups rely on: the file
 // format, numbers and counts, identifiers, printf conversions the library's
-// engine accepts, a text for every status code the library returns, and
-// translations that match their English originals.
+// engine accepts, translations that match their English originals, and what
+// the build made of them.
 #include <nl_types.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -10,7 +10,9 @@
 
 #include <map>
 #include <ostream>
+#include <regex>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,20 +23,17 @@
 namespace zar {
 namespace {
 
-struct Message {
-  int number;
-  std::string text;
-};
-
 struct Source {
   std::map<std::string, std::string> meta;  // key=value pairs of the first line
-  std::vector<Message> messages;
-  std::vector<std::string> errors;  // format violations, with line numbers
+  std::map<int, std::string> texts;         // by message number
+  std::vector<int> order;                   // numbers as they appear
+  std::vector<std::string> errors;          // format violations, with line numbers
 };
 
 // Reads one file in the agreed gencat subset. Everything outside that subset
 // is recorded as an error rather than skipped.
 Source parseSource(const std::string& path) {
+  static const std::regex kMessage(R"re((\d{1,5}) "(.*)")re");
   Source src;
   std::vector<std::string> lines = test::splitLines(test::readFile(path));
   bool quoteSeen = false, setSeen = false;
@@ -43,104 +42,62 @@ Source parseSource(const std::string& path) {
     auto fail = [&](const std::string& why) {
       src.errors.push_back(path + ":" + std::to_string(i + 1) + ": " + why);
     };
+    std::smatch m;
     if (i == 0) {
       const std::string head = "$ zar-message-source ";
-      if (ln.compare(0, head.size(), head) != 0) {
-        fail("first line is not the metadata comment");
-        continue;
-      }
-      size_t pos = head.size();
-      while (pos < ln.size()) {
-        size_t end = ln.find(' ', pos);
-        if (end == std::string::npos) end = ln.size();
-        std::string item = ln.substr(pos, end - pos);
+      if (ln.rfind(head, 0) != 0) fail("first line is not the metadata comment");
+      std::istringstream items(ln.substr(std::min(ln.size(), head.size())));
+      for (std::string item; items >> item;) {
         size_t eq = item.find('=');
         if (eq == std::string::npos) fail("metadata item without '=': " + item);
-        else src.meta[item.substr(0, eq)] = item.substr(eq + 1);
-        pos = end + 1;
+        src.meta[item.substr(0, eq)] = eq == std::string::npos ? "" : item.substr(eq + 1);
       }
-      continue;
-    }
-    if (ln.empty()) continue;
-    if (ln == "$quote \"" || ln == "$set 1") {
+    } else if (ln == "$quote \"" || ln == "$set 1") {
       bool& seen = ln[1] == 'q' ? quoteSeen : setSeen;
-      if (seen || !src.messages.empty()) fail("directive repeated or after a message");
+      if (seen || !src.order.empty()) fail("directive repeated or after a message");
       seen = true;
-      continue;
-    }
-    if (ln.compare(0, 2, "$ ") == 0) continue;
-    size_t digits = 0;
-    while (digits < ln.size() && ln[digits] >= '0' && ln[digits] <= '9') ++digits;
-    if (digits == 0 || digits > 5 || ln.size() < digits + 3 || ln[digits] != ' ' ||
-        ln[digits + 1] != '"' || ln.back() != '"') {
-      fail("not a message line");
-      continue;
-    }
-    if (!quoteSeen || !setSeen) fail("message before $quote and $set 1");
-    Message m{std::stoi(ln.substr(0, digits)), {}};
-    for (size_t p = digits + 2; p + 1 < ln.size(); ++p) {
-      char c = ln[p];
-      if (c == '"') fail("unescaped quote");
-      if (static_cast<unsigned char>(c) < 0x20) fail("raw control character");
-      if (c != '\\') {
-        m.text += c;
+    } else if (!ln.empty() && ln.rfind("$ ", 0) != 0) {
+      if (!std::regex_match(ln, m, kMessage)) {
+        fail("not a message line");
         continue;
       }
-      char e = ++p + 1 < ln.size() ? ln[p] : '\0';
-      if (e == 'n') m.text += '\n';
-      else if (e == 't') m.text += '\t';
-      else if (e == '"' || e == '\\') m.text += e;
-      else fail("unsupported escape");
+      if (!quoteSeen || !setSeen) fail("message before $quote and $set 1");
+      std::string text, raw = m[2];
+      for (size_t p = 0; p < raw.size(); ++p) {
+        if (raw[p] == '"') fail("unescaped quote");
+        if (static_cast<unsigned char>(raw[p]) < 0x20) fail("raw control character");
+        if (raw[p] != '\\') {
+          text += raw[p];
+          continue;
+        }
+        char e = ++p < raw.size() ? raw[p] : '\0';
+        if (strchr("nt\"\\", e) == nullptr || e == '\0') fail("unsupported escape");
+        text += e == 'n' ? '\n' : e == 't' ? '\t' : e;
+      }
+      src.order.push_back(std::stoi(m[1]));
+      src.texts[src.order.back()] = text;
     }
-    src.messages.push_back(m);
   }
   return src;
 }
 
-// The conversions of a format as the library's printf engine parses them;
-// returns false (with the reason) for anything that engine rejects.
+// The conversions of a format as the library's printf engine parses them
+// (its grammar: '%' [n$] flags [width] [.precision] [length] conversion);
+// false, with the reason, for anything that engine rejects.
 bool conversions(const std::string& f, std::vector<std::string>* sig, std::string* why) {
-  auto digits = [&](size_t& p) {
-    size_t s = p;
-    while (p < f.size() && f[p] >= '0' && f[p] <= '9') ++p;
-    return p > s;
-  };
-  for (size_t p = 0; p < f.size(); ++p) {
-    if (f[p] != '%') continue;
-    size_t start = p++;
-    size_t q = p;
-    bool positional = digits(q) && q < f.size() && f[q] == '$';
-    if (positional) p = q + 1;
-    while (p < f.size() && std::string(" #'+-0").find(f[p]) != std::string::npos) ++p;
-    for (int part = 0; part < 2; ++part) {  // width, then precision
-      if (part == 1) {
-        if (p >= f.size() || f[p] != '.') break;
-        ++p;
-      }
-      if (digits(p)) {
-        if (p < f.size() && f[p] == '*') return *why = "digits before '*'", false;
-      } else if (p < f.size() && f[p] == '*') {
-        ++p;
-        size_t r = p;
-        if (digits(r)) {
-          if (r >= f.size() || f[r] != '$' || !positional)
-            return *why = "'*m' without '$' or without 'n$'", false;
-          p = r + 1;
-        }
-      }
-    }
-    std::string len;
-    while (p < f.size() && std::string("hlLq").find(f[p]) != std::string::npos) len += f[p++];
-    if (!len.empty() && len != "h" && len != "l" && len != "ll" && len != "L" && len != "q")
-      return *why = "length modifier " + len, false;
-    if (p >= f.size()) return *why = "'%' at the end", false;
-    char c = f[p];
-    if (std::string("cCsSdiouxXpeEfgG%").find(c) == std::string::npos)
-      return *why = std::string("conversion character '") + c + "'", false;
-    if ((len == "h" || len == "l") && std::string("eEfgG").find(c) != std::string::npos)
+  static const std::regex kConversion(
+      R"(%(\d+\$)?[ #'+\-0]*(\d+|\*(\d+\$)?)?(\.(\d+|\*(\d+\$)?)?)?(ll|l|h|L|q)?([cCsSdiouxXpeEfgG%]))");
+  for (size_t p = f.find('%'); p != std::string::npos; p = f.find('%', p)) {
+    std::smatch m;
+    if (!std::regex_search(f.begin() + p, f.end(), m, kConversion,
+                           std::regex_constants::match_continuous))
+      return *why = "bad conversion at " + f.substr(p), false;
+    if ((m[3].matched || m[6].matched) && !m[1].matched) return *why = "'*m$' without 'n$'", false;
+    if ((m[7] == "h" || m[7] == "l") && strchr("eEfgG", m.str(8)[0]) != nullptr)
       return *why = "'h' or 'l' with a floating conversion", false;
-    if (c == '%' && p != start + 1) return *why = "'%%' with flags", false;
-    if (c != '%') sig->push_back(f.substr(start, p + 1 - start));
+    if (m[8] == "%" && m.length() != 2) return *why = "'%%' with flags", false;
+    if (m[8] != "%") sig->push_back(m.str());
+    p += m.length();
   }
   return true;
 }
@@ -150,6 +107,11 @@ std::string messagesDir() { return test::sourceDir() + "/messages/"; }
 struct Range {
   int first, last;
 };
+bool inRanges(int n, const std::vector<Range>& ranges) {
+  for (const Range& r : ranges)
+    if (n >= r.first && n <= r.last) return true;
+  return false;
+}
 
 struct FileRow {
   const char* name;
@@ -185,117 +147,58 @@ TEST_P(MessageFile, FollowsTheFormatAndTheNumbering) {
   EXPECT_EQ(row.technology, src.meta["technology"]);
   EXPECT_EQ(row.name, src.meta["component"]);
   EXPECT_EQ(row.table ? row.table : "", src.meta["table"]);
-  EXPECT_EQ(row.count, src.messages.size());
+  EXPECT_EQ(row.count, src.order.size());
   std::set<std::string> seen;
-  int previous = -1;
-  for (const Message& m : src.messages) {
-    SCOPED_TRACE(std::string(row.name) + " " + std::to_string(m.number) + ": " + m.text);
-    EXPECT_GT(m.number, previous) << "numbers must ascend strictly";
-    previous = m.number;
-    bool inRange = false, mustIdentify = false;
-    for (const Range& r : row.ranges) inRange |= m.number >= r.first && m.number <= r.last;
-    for (const Range& r : row.identified) mustIdentify |= m.number >= r.first && m.number <= r.last;
-    EXPECT_TRUE(inRange) << "number outside the component's ranges";
-    EXPECT_FALSE(m.text.empty());
-    std::string body = m.text;
-    if (m.text.compare(0, 3, "XKJ") == 0 || mustIdentify) {
+  for (size_t i = 0; i < src.order.size(); ++i) {
+    const int number = src.order[i];
+    const std::string& text = src.texts[number];
+    SCOPED_TRACE(std::string(row.name) + " " + std::to_string(number) + ": " + text);
+    EXPECT_TRUE(i == 0 || number > src.order[i - 1]) << "numbers must ascend strictly";
+    EXPECT_TRUE(inRanges(number, row.ranges)) << "number outside the component's ranges";
+    EXPECT_FALSE(text.empty());
+    std::string body = text;
+    if (text.compare(0, 3, "XKJ") == 0 || inRanges(number, row.identified)) {
       char id[16];
-      snprintf(id, sizeof id, "XKJS%c%04d", row.letter, m.number);
-      ASSERT_GE(m.text.size(), 14u);
-      EXPECT_EQ(id, m.text.substr(0, 9));
-      EXPECT_NE(std::string::npos, std::string("EWI").find(m.text[9])) << "severity letter";
-      EXPECT_EQ("   ", m.text.substr(10, 3));
-      EXPECT_NE(' ', m.text[13]);
-      body = m.text.substr(13);
+      snprintf(id, sizeof id, "XKJS%c%04d", row.letter, number);
+      ASSERT_GE(text.size(), 14u);
+      EXPECT_EQ(id, text.substr(0, 9));
+      EXPECT_NE(nullptr, strchr("EWI", text[9])) << "severity letter";
+      EXPECT_EQ("   ", text.substr(10, 3));
+      EXPECT_NE(' ', text[13]);
+      body = text.substr(13);
     }
     EXPECT_EQ(std::string::npos, body.find("XKJ")) << "identifier inside a text";
     EXPECT_TRUE(seen.insert(body).second) << "text repeated in the file";
     std::vector<std::string> sig;
     std::string why;
-    EXPECT_TRUE(conversions(m.text, &sig, &why)) << why;
+    EXPECT_TRUE(conversions(text, &sig, &why)) << why;
     // The error-text functions append " (tag / component)" in a 1024-byte buffer.
-    EXPECT_LT(m.text.size(), 1000u);
+    EXPECT_LT(text.size(), 1000u);
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(Files, MessageFile, ::testing::ValuesIn(kFiles),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// Texts that the library and its callers depend on word for word.
-TEST(MessageSource, CarriesTheFixedTexts) {
-  struct Fixed {
-    const char* file;
-    int number;
-    const char* text;
-  };
-  const Fixed kFixed[] = {
-      {"wsc", 150, "XKJSC0150E   An SSL toolkit failure occurred while calling %s. Error: %s."},
-      {"wsc", 151, "XKJSC0151E   Memory could not be allocated."},
-      {"wsc", 166,
-       "XKJSC0166E   A configuration entry is invalid. There is no separator between the entry "
-       "name and value on the line '%S' in stanza [%s]."},
-      {"wsc", 170, "XKJSC0170E   The configuration file is not open."},
-      {"wsc", 179, "XKJSC0179E   An KRY toolkit failure occurred while calling %s.  Error: %s."},
-      {"wsc", 314, "Trace Level: %d"},
-      {"wsc", 4050, "kpsrv.core"},
-      {"wsc", 4051, "kpsrv.azn-svc"},
-      {"wsc", 4052, "kpsrv.admin"},
-      {"wsd", 311, "XKJSD0311E   A command line option was not of the correct format."},
-      {"wsd", 312, "XKJSD0312E   The specified file could not be opened."},
-      {"wsd", 4050, "kpweb.srv.deploy"},
-      {"wsd", 4055, "kpweb.srv.srvshlib"},
-      {"wsi", 4050, "kpsrv.keys"},
-      {"wsi", 4051, "kpsrv.interface"},
-  };
-  std::map<std::string, std::map<int, std::string>> texts;
-  for (const Fixed& f : kFixed) {
-    if (texts.count(f.file) == 0)
-      for (const Message& m : parseSource(messagesDir() + f.file + ".msg").messages)
-        texts[f.file][m.number] = m.text;
-    EXPECT_EQ(f.text, texts[f.file][f.number]) << f.file << " " << f.number;
-  }
-}
-
-// Component names are three letters of this alphabet, read in base 40.
-const char kAlphabet[] = "abcdefghijklmnopqrstuvwxyz_0123456789-+@";
-
-int componentCode(const std::string& name) {
-  int code = 0;
-  for (char c : name) code = code * 40 + static_cast<int>(strchr(kAlphabet, c) - kAlphabet);
-  return code;
-}
-
-// Component name of a status code: three base-40 letters in bits 27..12.
-std::string componentOf(uint32_t code) {
-  uint32_t c = (code >> 12) & 0xFFFF;
-  return {kAlphabet[c / 1600], kAlphabet[(c / 40) % 40], kAlphabet[c % 40]};
-}
-
-TEST(MessageSource, EveryStatusCodeOfTheLibraryHasAText) {
-  std::vector<uint32_t> codes = {
-      ZAR_S_SVC_NO_MEMORY, ZAR_S_SVC_BAD_ROUTE, ZAR_S_SVC_ROUTE_OPEN_FAILED,
-      ZAR_S_SVC_NO_SUCH_CALLBACKS, ZAR_S_MSG_BAD_OPEN_TYPE, ZAR_S_MSG_NO_MEMORY,
-      ZAR_S_MSG_NOT_IN_TABLES, ZAR_S_MSG_NOT_IN_CATALOG, ZAR_S_MSG_CAT_OPEN_FAILED,
-      ZAR_S_MSG_CAT_NO_PERMISSION, ZAR_S_MSG_CAT_NOT_FOUND, ZAR_S_MSG_SUCCESS_TEXT,
-      ZAR_S_SVC_BAD_MSGSAVE_ARGS, ZAR_S_SVC_DYN_ROUTE_LOCK, ZAR_S_UUID_BAD_VARIANT,
-      ZAR_S_UUID_NO_ADDRESS, ZAR_S_UUID_BAD_TEXT, ZAR_S_UUID_NO_MEMORY,
-      ZAR_S_UUID_ADDR_FILE_MISSING, ZAR_S_UUID_ADDR_FILE_BAD, ZAR_S_TRACE_LEVEL_TEXT,
-      ZAR_S_CMDLINE_BAD_OPTION, ZAR_S_FILE_TAIL_OPEN};
-  for (uint32_t c = ZAR_S_SSL_FAILURE; c <= ZAR_S_KRY_FAILURE_NO_DETAIL; ++c) codes.push_back(c);
-  std::map<std::string, std::map<int, std::string>> texts;
-  for (uint32_t code : codes) {
-    std::string comp = componentOf(code);
-    if (texts.count(comp) == 0) {
-      Source src = parseSource(messagesDir() + comp + ".msg");
-      EXPECT_EQ(std::to_string(code >> 28), src.meta["technology"]) << comp;
-      for (const Message& m : src.messages) texts[comp][m.number] = m.text;
-    }
-    EXPECT_FALSE(texts[comp][code & 0xFFF].empty()) << test::hexStatus(code);
+TEST(MessageSource, ConversionsAreCheckedAsTheEngineParsesThem) {
+  const struct {
+    const char* format;
+    std::vector<std::string> sig;  // {"!"}: rejected
+  } rows[] = {{"%s%s%d", {"%s", "%s", "%d"}}, {"a %% b %1$-*2$.*3$ld", {"%1$-*2$.*3$ld"}},
+              {"%'+08.3Lf %lld %hx %p %S", {"%'+08.3Lf", "%lld", "%hx", "%p", "%S"}},
+              {"%hhd", {"!"}}, {"%lf", {"!"}}, {"%*2$d", {"!"}}, {"%5*d", {"!"}}, {"%-%", {"!"}},
+              {"%n", {"!"}}, {"50%", {"!"}}};
+  for (const auto& r : rows) {
+    std::vector<std::string> sig;
+    std::string why;
+    EXPECT_EQ(r.sig, conversions(r.format, &sig, &why) ? sig : std::vector<std::string>{"!"})
+        << r.format;
   }
   // The assertion message is printed with the argument types "%s%s%d".
   std::vector<std::string> sig;
   std::string why;
-  ASSERT_TRUE(conversions(texts["bas"][ZAR_S_MSG_BAD_OPEN_TYPE & 0xFFF], &sig, &why));
+  ASSERT_TRUE(conversions(parseSource(messagesDir() + "bas.msg")
+                              .texts[ZAR_S_MSG_BAD_OPEN_TYPE & 0xFFF], &sig, &why));
   EXPECT_EQ((std::vector<std::string>{"%s", "%s", "%d"}), sig);
 }
 
@@ -309,87 +212,62 @@ TEST(MessageSource, GermanTranslationsMatchTheirOriginals) {
       EXPECT_TRUE(row.table != nullptr) << "technology-1 text without translation: " << path;
       continue;
     }
-    Source de = parseSource(path);
-    Source en = parseSource(messagesDir() + row.name + ".msg");
+    Source de = parseSource(path), en = parseSource(messagesDir() + row.name + ".msg");
     for (const std::string& e : de.errors) ADD_FAILURE() << e;
     EXPECT_EQ(en.meta, de.meta) << path;
-    std::map<int, std::string> english;
-    for (const Message& m : en.messages) english[m.number] = m.text;
-    if (row.table == nullptr) {
-      EXPECT_EQ(en.messages.size(), de.messages.size()) << path;
-    }
-    for (const Message& m : de.messages) {
-      SCOPED_TRACE(path + " " + std::to_string(m.number));
-      ASSERT_EQ(1u, english.count(m.number)) << "number not in the English file";
-      const std::string& en_text = english[m.number];
-      if (en_text.compare(0, 3, "XKJ") == 0) {
-        EXPECT_EQ(en_text.substr(0, 13), m.text.substr(0, 13));
-      }
+    EXPECT_TRUE(row.table != nullptr || en.texts.size() == de.texts.size()) << path;
+    for (const auto& [number, text] : de.texts) {
+      SCOPED_TRACE(path + " " + std::to_string(number));
+      ASSERT_EQ(1u, en.texts.count(number)) << "number not in the English file";
+      const std::string& english = en.texts[number];
+      const bool identified = english.compare(0, 3, "XKJ") == 0;
+      EXPECT_EQ(identified ? english.substr(0, 13) : "", identified ? text.substr(0, 13) : "");
       std::vector<std::string> enSig, deSig;
       std::string why;
-      EXPECT_TRUE(conversions(m.text, &deSig, &why)) << why;
-      conversions(en_text, &enSig, &why);
+      EXPECT_TRUE(conversions(text, &deSig, &why)) << why;
+      conversions(english, &enSig, &why);
       EXPECT_EQ(enSig, deSig);
-      for (size_t i = 0; i < m.text.size(); ++i) {
-        unsigned char c = m.text[i];
+      for (size_t i = 0; i < text.size(); ++i) {
+        unsigned char c = text[i];
         if (c < 0x80) continue;
         // Two-byte UTF-8 sequences C2 xx and C3 xx are exactly U+0080..U+00FF.
-        bool latin1 = (c == 0xC2 || c == 0xC3) && i + 1 < m.text.size() &&
-                      (static_cast<unsigned char>(m.text[i + 1]) & 0xC0) == 0x80;
-        EXPECT_TRUE(latin1) << "not UTF-8 of a Latin-1 character at byte " << i;
-        ++i;
+        EXPECT_TRUE((c == 0xC2 || c == 0xC3) && i + 1 < text.size() &&
+                    (static_cast<unsigned char>(text[++i]) & 0xC0) == 0x80)
+            << "not UTF-8 of a Latin-1 character at byte " << i;
       }
     }
   }
-}
-
-// The UTF-8 text in ISO-8859-1 (the translations hold Latin-1 characters only).
-std::string toLatin1(const std::string& utf8) {
-  std::string out;
-  for (size_t i = 0; i < utf8.size(); ++i) {
-    unsigned char c = utf8[i];
-    if (c < 0x80 || i + 1 == utf8.size()) {
-      out += static_cast<char>(c);
-    } else {
-      out += static_cast<char>(((c & 0x03) << 6) | (utf8[++i] & 0x3F));
-    }
-  }
-  return out;
 }
 
 // What the build made from the sources: every technology-3 text is in the
 // compiled tables, and every text is in the catalogs of each locale, the
 // German ones in that locale's code set (translated texts over English ones).
 TEST(MessageSource, BuildsIntoTheCompiledTablesAndTheCatalogs) {
-  const struct {
-    const char* locale;
-    const char* translation;  // null: English only
-    bool latin1;
-  } kLocales[] = {{"C", nullptr, false},
-                  {"de_DE.UTF-8", "de", false},
-                  {"de_DE.ISO-8859-1", "de", true}};
+  const char kAlphabet[] = "abcdefghijklmnopqrstuvwxyz_0123456789-+@";  // base 40
   for (const FileRow& row : kFiles) {
     Source en = parseSource(messagesDir() + row.name + ".msg");
-    uint32_t base = (static_cast<uint32_t>(std::stoul(row.technology)) << 28) |
-                    (static_cast<uint32_t>(componentCode(row.name)) << 12);
-    if (row.table != nullptr) {
-      for (const Message& m : en.messages) {
-        unsigned long st = 0;
-        const char* text = zar_msg_get_default_msg(base | m.number, &st);
-        EXPECT_STREQ(m.text.c_str(), text) << row.name << " " << m.number;
-      }
+    uint32_t base = static_cast<uint32_t>(std::stoul(row.technology)) << 28;
+    for (int i = 0, weight = 1600; i < 3; weight /= 40, ++i)
+      base += static_cast<uint32_t>((strchr(kAlphabet, row.name[i]) - kAlphabet) * weight) << 12;
+    for (const auto& [number, text] : en.texts) {
+      const char* compiled = zar_msg_get_default_msg(base | number, nullptr);
+      EXPECT_STREQ(row.table != nullptr ? text.c_str() : nullptr, compiled) << number;
     }
-    for (const auto& loc : kLocales) {
-      std::map<int, std::string> want;
-      for (const Message& m : en.messages) want[m.number] = m.text;
-      std::string de =
-          loc.translation ? messagesDir() + loc.translation + "/" + row.name + ".msg" : "";
-      if (!de.empty() && test::fileExists(de)) {
-        for (const Message& m : parseSource(de).messages)
-          want[m.number] = loc.latin1 ? toLatin1(m.text) : m.text;
+    for (const char* locale : {"C", "de_DE.UTF-8", "de_DE.ISO-8859-1"}) {
+      std::map<int, std::string> want = en.texts;
+      std::string de = messagesDir() + "de/" + row.name + ".msg";
+      if (locale[0] == 'd' && test::fileExists(de)) {
+        for (auto [number, text] : parseSource(de).texts) {
+          if (strstr(locale, "8859") != nullptr) {  // Latin-1 from its UTF-8
+            for (size_t i = 0; i < text.size(); ++i)
+              if (static_cast<unsigned char>(text[i]) >= 0xC2 && i + 1 < text.size())
+                text.replace(i, 2, 1, static_cast<char>((text[i] & 3) << 6 | (text[i + 1] & 0x3F)));
+          }
+          want[number] = text;
+        }
       }
-      std::string cat = test::buildDir() + "/nls/msg/" + loc.locale + "/" +
-                        (row.table ? "kp" : "kpb") + row.name + ".cat";
+      std::string cat = test::buildDir() + "/nls/msg/" + locale + "/" + (row.table ? "kp" : "kpb") +
+                        row.name + ".cat";
       nl_catd catd = catopen(cat.c_str(), 0);
       ASSERT_NE(reinterpret_cast<nl_catd>(-1), catd) << cat;
       for (const auto& [number, text] : want)

@@ -1,10 +1,10 @@
-// Test helpers for message catalogs: builds XPG catalogs with the system
-// gencat from source text, in a locale directory layout.
+// Helpers of the message tests: XPG catalogs built with the system gencat
+// from source text, and child processes for state made once per process.
 #ifndef ZAR_TESTS_TESTUTIL_CATALOGS_H_
 #define ZAR_TESTS_TESTUTIL_CATALOGS_H_
 
+#include <functional>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace zar::test {
@@ -24,6 +24,14 @@ bool makeCatalog(const std::string& path, const std::vector<CatMsg>& msgs,
 
 // Creates directory path and its parents.
 void makeDirs(const std::string& path);
+
+// text (or "<null>"), followed by " #" and the status in hexadecimal unless
+// the status is 0: one comparable text for a lookup and its status.
+std::string withStatus(const char* text, unsigned long status);
+
+// Runs fn in a forked child and returns the texts it gave; a child that did
+// not exit normally gives one text naming its wait status.
+std::vector<std::string> childTexts(const std::function<std::vector<std::string>()>& fn);
 
 }  // namespace zar::test
 

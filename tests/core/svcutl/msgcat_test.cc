@@ -1,7 +1,6 @@
 // The catalog cache: names, the open-once cache with move-to-front
 // replacement, locale lookups with conversion, diagnostics, bad arguments and
 // a stress run in which catalogs are evicted while other threads read them.
-#include <locale.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -17,56 +16,20 @@
 
 namespace {
 
-using zar::test::exitCode;
 using zar::test::FaultPlan;
+using zar::test::hexStatus;
+using zar::test::withStatus;
+using Texts = std::vector<std::string>;
 
-// A catalog tree in a temporary directory with one technology-3 catalog per
-// component "aa" + letter (16 of them, all in cache row 0), a technology-1
-// component served only by its "dce" name, and a technology-4 facility.
-class Cache : public ::testing::Test {
- protected:
-  static constexpr int kComponents = 16;
+constexpr int kComponents = 16;
 
-  static uint32_t code(int comp, int num) {
-    // Components "aaa".."aap": code = letters in base 40.
-    return 0x30000000u | (static_cast<uint32_t>(comp) << 12) | static_cast<uint32_t>(num);
-  }
-  static std::string expected(int comp, int num) {
-    return "component " + std::to_string(comp) + " message " + std::to_string(num);
-  }
-
-  void SetUp() override {
-    const std::string c = dir_.path() + "/C";
-    zar::test::makeDirs(c);
-    zar::test::makeDirs(dir_.path() + "/de_DE.UTF-8");
-    for (int comp = 0; comp < kComponents; ++comp) {
-      char name[4];
-      zar_msg__inq_comp(code(comp, 0), name);
-      std::vector<zar::test::CatMsg> msgs;
-      for (int num = 1; num <= 20; ++num) msgs.push_back({num, expected(comp, num)});
-      ASSERT_TRUE(zar::test::makeCatalog(c + "/kp" + name + ".cat", msgs, "US-ASCII"));
-    }
-    ASSERT_TRUE(zar::test::makeCatalog(c + "/dcexyz.cat", {{5, "from the dce name"}}));
-    ASSERT_TRUE(zar::test::makeCatalog(dir_.path() + "/de_DE.UTF-8/kpaaa.cat",
-                                       {{1, "Gr\xc3\xbc\xc3\x9f" "e"}}, "UTF-8"));
-    // Technology 4: catalog "dce%6.6lx.cat" of code >> 14, numbers code & 0x3FFF.
-    ASSERT_TRUE(zar::test::makeCatalog(c + "/dce010000.cat", {{1, "the facility"}, {77, "vendor text"}}));
-  }
-
-  // Runs fn in a child with NLSPATH on the tree (environment is read once).
-  int inChild(const std::function<int()>& fn, bool debug = false) {
-    std::string nlspath = dir_.path() + "/%L/%N";
-    return exitCode(zar::test::runInChild([&] {
-      setenv("NLSPATH", nlspath.c_str(), 1);
-      if (debug) setenv("KPSVC_DEBUG_MSG", "", 1);
-      return fn();
-    }));
-  }
-
-  zar::test::TempDir dir_;
-};
-
-constexpr int Cache::kComponents;
+// Components "aaa".."aap" of technology 3: all in cache row 0.
+uint32_t code(int comp, int num) {
+  return 0x30000000u | (static_cast<uint32_t>(comp) << 12) | static_cast<uint32_t>(num);
+}
+std::string expected(int comp, int num) {
+  return "component " + std::to_string(comp) + " message " + std::to_string(num);
+}
 
 // Opens counted through the fault-injection seam (counting only).
 long opensDuring(const std::function<void()>& fn) {
@@ -75,161 +38,174 @@ long opensDuring(const std::function<void()>& fn) {
   return count.calls();
 }
 
-TEST_F(Cache, SameComponentOpensOnceAndLookupsCopy) {
-  EXPECT_EQ(0, inChild([] {
-    unsigned long st = 1;
-    long first = opensDuring([&] {
-      if (zar_msg_get_cat_msg(code(0, 1), &st) == nullptr) st = 99;
-    });
-    if (st != 0 || first == 0) return 1;
-    long second = opensDuring([&] {
-      const char* t = zar_msg_get_cat_msg(code(0, 2), &st);
-      if (t == nullptr || expected(0, 2) != t) st = 99;
-    });
-    if (st != 0 || second != 0) return 2;
-    if (zar_msg_get_cat_msg(code(0, 21), &st) != nullptr || st != ZAR_S_MSG_NOT_IN_CATALOG)
-      return 3;
-    zar_msg_cat_handle_t cat = zar_msg_cat_open(code(0, 0), &st);
-    st = 7;
-    if (cat == nullptr || expected(0, 20) != zar_msg_cat_get_msg(cat, code(0, 20), &st) || st != 7)
-      return 4;
-    zar_msg_cat_close(cat, &st);
-    return st == 0 ? 0 : 5;
-  }));
+std::string catMsg(uint32_t c) {
+  unsigned long st = 1;
+  const char* t = zar_msg_get_cat_msg(c, &st);
+  return withStatus(t, st);
+}
+std::string localeMsg(uint32_t c, const char* locale, const char* cs = nullptr, int type = 4) {
+  unsigned long st = 12345;
+  char* t = zar_msg_get_locale_cat_msg(c, locale, cs, type, &st);
+  std::string s = withStatus(t, st);
+  free(t);
+  return s;
 }
 
-TEST_F(Cache, NinthCatalogEvictsTheLeastRecentlyUsed) {
-  EXPECT_EQ(0, inChild([] {
-    unsigned long st;
-    auto use = [&](int comp) {
-      zar_msg_cat_handle_t c = zar_msg_cat_open(code(comp, 1), &st);
-      zar_msg_cat_close(c, nullptr);
-      return c != nullptr;
-    };
-    for (int comp = 0; comp < 8; ++comp)
-      if (!use(comp)) return 1;
-    if (opensDuring([&] { use(0); }) != 0) return 2;  // 0 moves to the front
-    if (opensDuring([&] { use(8); }) == 0) return 3;  // evicts 1, the oldest now
-    if (opensDuring([&] { use(0); }) != 0) return 4;
-    if (opensDuring([&] { use(1); }) == 0) return 5;  // was evicted: reopened
-    return 0;
-  }));
+// A catalog tree with one catalog per component (16 in one row), a
+// technology-1 component served only by its "dce" name, and a technology-4
+// facility; each case runs in a child with NLSPATH on the tree, because the
+// message subsystem reads its environment once per process.
+class Cache : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const std::string c = dir_.file("C");
+    zar::test::makeDirs(c);
+    zar::test::makeDirs(dir_.file("de_DE.UTF-8"));
+    for (int comp = 0; comp < kComponents; ++comp) {
+      char name[4];
+      zar_msg__inq_comp(code(comp, 0), name);
+      std::vector<zar::test::CatMsg> msgs;
+      for (int num = 1; num <= 20; ++num) msgs.push_back({num, expected(comp, num)});
+      ASSERT_TRUE(zar::test::makeCatalog(c + "/kp" + name + ".cat", msgs, "US-ASCII"));
+    }
+    ASSERT_TRUE(zar::test::makeCatalog(c + "/dcexyz.cat", {{5, "from the dce name"}}));
+    ASSERT_TRUE(zar::test::makeCatalog(dir_.file("de_DE.UTF-8/kpaaa.cat"),
+                                       {{1, "Gr\xc3\xbc\xc3\x9f" "e"}}, "UTF-8"));
+    // Technology 4: catalog "dce%6.6lx.cat" of code >> 14, numbers code & 0x3FFF.
+    ASSERT_TRUE(zar::test::makeCatalog(c + "/dce010000.cat", {{1, "the facility"}, {77, "vendor text"}}));
+  }
+
+  Texts inChild(const std::function<Texts()>& fn, bool debug = false) {
+    const std::string nlspath = dir_.path() + "/%L/%N";
+    return zar::test::childTexts([&] {
+      setenv("NLSPATH", nlspath.c_str(), 1);
+      if (debug) setenv("KPSVC_DEBUG_MSG", "", 1);
+      return fn();
+    });
+  }
+
+  zar::test::TempDir dir_;
+};
+
+TEST_F(Cache, OpensOnceEvictsTheLeastRecentlyUsedAndCopies) {
+  EXPECT_EQ((Texts{expected(0, 1), "1", expected(0, 2), "0",
+                   "<null> #" + hexStatus(ZAR_S_MSG_NOT_IN_CATALOG), expected(0, 20) + " #0x00000007",
+                   "0", "0", "1", "0", "1"}),
+            inChild([] {
+              Texts t;
+              auto opened = [&](uint32_t c) {  // whether catMsg(c) opened a catalog
+                long opens = opensDuring([&] { t.push_back(catMsg(c)); });
+                t.push_back(opens > 0 ? "1" : "0");
+              };
+              opened(code(0, 1));
+              opened(code(0, 2));  // the same component: a cache hit
+              t.push_back(catMsg(code(0, 21)));
+              unsigned long st;
+              zar_msg_cat_handle_t cat = zar_msg_cat_open(code(0, 0), &st);
+              st = 7;  // left as it was on success
+              const char* text = zar_msg_cat_get_msg(cat, code(0, 20), &st);
+              t.push_back(withStatus(text, st));
+              zar_msg_cat_close(cat, &st);
+              t.push_back(withStatus("0", st));
+              for (int comp = 1; comp < 8; ++comp) catMsg(code(comp, 1));  // fills the row
+              auto use = [&](int comp) {
+                t.push_back(opensDuring([&] { catMsg(code(comp, 1)); }) > 0 ? "1" : "0");
+              };
+              use(0);  // 0 moves to the front
+              use(8);  // evicts 1, the oldest now
+              use(0);
+              use(1);  // was evicted: reopened
+              return t;
+            }));
 }
 
 TEST_F(Cache, NamesFallbacksLocalesAndConversions) {
-  EXPECT_EQ(0, inChild([] {
-    unsigned long st;
-    // Technology 1: "kpbxyz.cat" is missing, "dcexyz.cat" serves.
-    uint32_t xyz = 0x10000000u | (((23u * 1600) + (24u * 40) + 25u) << 12) | 5u;
-    const char* t = zar_msg_get_cat_msg(xyz, &st);
-    if (t == nullptr || strcmp(t, "from the dce name") != 0) return 1;
-    // Two locale names: two entries, each with its own text.
-    char* de = zar_msg_get_locale_cat_msg(code(0, 1), "de_DE.UTF-8", nullptr, 4, &st);
-    char* c = zar_msg_get_locale_cat_msg(code(0, 1), "C", nullptr, 4, &st);
-    bool ok = de != nullptr && c != nullptr && strcmp(de, "Gr\xc3\xbc\xc3\x9f" "e") == 0 &&
-              expected(0, 1) == c;
-    free(de);
-    free(c);
-    if (!ok) return 2;
-    char* latin1 = zar_msg_get_locale_cat_msg(code(0, 1), "de_DE.UTF-8", "ISO8859-1", 4, &st);
-    ok = latin1 != nullptr && strcmp(latin1, "Gr\xfc\xdf" "e") == 0;
-    free(latin1);
-    if (!ok) return 3;
-    // Strict open types find no English fallback for the German locale.
-    if (zar_msg_get_locale_cat_msg(code(1, 1), "de_DE.UTF-8", nullptr, 1, &st) != nullptr ||
-        st != ZAR_S_MSG_CAT_NOT_FOUND)
-      return 4;
-    // Vendor technology: text and facility description.
-    zar_error_string_t buf;
-    int ist;
-    zar_error_inq_text(0x40000000u | 77u, buf, &ist);
-    if (ist != 0 || strcmp(buf, "vendor text (the facility)") != 0) return 5;
-    return 0;
-  }));
+  // Technology 1: "kpbxyz.cat" is missing, "dcexyz.cat" serves.
+  const uint32_t xyz = 0x10000000u | (((23u * 1600) + (24u * 40) + 25u) << 12) | 5u;
+  zar_error_string_t buf;
+  EXPECT_EQ((Texts{"from the dce name", "Gr\xc3\xbc\xc3\x9f" "e", expected(0, 1), "Gr\xfc\xdf" "e",
+                   "<null> #" + hexStatus(ZAR_S_MSG_CAT_NOT_FOUND), "vendor text (the facility)"}),
+            inChild([&] {
+              Texts t = {catMsg(xyz), localeMsg(code(0, 1), "de_DE.UTF-8"),  // two locales,
+                         localeMsg(code(0, 1), "C"),                         // two entries
+                         localeMsg(code(0, 1), "de_DE.UTF-8", "ISO8859-1"),
+                         // Strict open types find no English fallback for German.
+                         localeMsg(code(1, 1), "de_DE.UTF-8", nullptr, 1)};
+              int st = 1;
+              zar_error_inq_text(0x40000000u | 77u, buf, &st);  // vendor technology
+              return t.push_back(withStatus(buf, static_cast<unsigned long>(st))), t;
+            }));
 }
 
 TEST_F(Cache, BadArgumentsGiveStatusCodes) {
-  EXPECT_EQ(0, inChild([] {
-    struct Row {
-      uint32_t code;
-      std::string locale;
-      const char* cs;
-      int type;
-      uint32_t want;
-    };
-    const Row rows[] = {
-        {0, "C", nullptr, 4, ZAR_S_OK},
-        {code(0, 1), "C", nullptr, 5, ZAR_S_MSG_BAD_OPEN_TYPE},
-        {code(0, 1), "C", nullptr, -1, ZAR_S_MSG_BAD_OPEN_TYPE},
-        {code(0, 1), "C", "no-such-code-set", 4, ZAR_S_MSG_CAT_OPEN_FAILED},
-        {code(0, 1), "xx_NOWHERE", nullptr, 4, ZAR_S_MSG_CAT_NOT_FOUND},
-        {code(0, 1), std::string(5000, 'q'), nullptr, 4, ZAR_S_MSG_CAT_NOT_FOUND},
-        {0x30FFF001u, "C", nullptr, 4, ZAR_S_MSG_CAT_NOT_FOUND},
-        {code(0, 99), "C", nullptr, 4, ZAR_S_MSG_NOT_IN_CATALOG},
-    };
-    int bad = 0;
-    for (const Row& r : rows) {
-      unsigned long st = 12345;
-      char* t = zar_msg_get_locale_cat_msg(r.code, r.locale.c_str(), r.cs, r.type, &st);
-      if (t != nullptr || st != r.want) ++bad;
-      free(t);
-    }
-    {
-      FaultPlan plan(zar::fault::Op::kOpen, 1, true, EACCES);
-      unsigned long st;
-      char* t = zar_msg_get_locale_cat_msg(code(9, 1), "de_DE.UTF-8", nullptr, 4, &st);
-      if (t != nullptr || st != ZAR_S_MSG_CAT_NO_PERMISSION) ++bad;
-      free(t);
-    }
-    return bad;
-  }));
+  static const std::string kHugeLocale(5000, 'q');
+  const struct {
+    uint32_t code;
+    const char *locale, *cs;
+    int type;
+    uint32_t want;
+  } rows[] = {{0, "C", nullptr, 4, ZAR_S_OK},
+              {code(0, 1), "C", nullptr, 5, ZAR_S_MSG_BAD_OPEN_TYPE},
+              {code(0, 1), "C", nullptr, -1, ZAR_S_MSG_BAD_OPEN_TYPE},
+              {code(0, 1), "C", "no-such-code-set", 4, ZAR_S_MSG_CAT_OPEN_FAILED},
+              {code(0, 1), "xx_NOWHERE", nullptr, 4, ZAR_S_MSG_CAT_NOT_FOUND},
+              {code(0, 1), kHugeLocale.c_str(), nullptr, 4, ZAR_S_MSG_CAT_NOT_FOUND},
+              {0x30FFF001u, "C", nullptr, 4, ZAR_S_MSG_CAT_NOT_FOUND},
+              {code(0, 99), "C", nullptr, 4, ZAR_S_MSG_NOT_IN_CATALOG},
+              {code(9, 1), "de_DE.UTF-8", nullptr, 4, ZAR_S_MSG_CAT_NO_PERMISSION}};
+  Texts want;
+  for (const auto& r : rows) want.push_back(withStatus(nullptr, r.want));
+  EXPECT_EQ(want, inChild([&] {
+              Texts t;
+              for (const auto& r : rows) {
+                // The last row's catalog cannot be read.
+                FaultPlan plan(zar::fault::Op::kOpen, &r == std::end(rows) - 1 ? 1 : 0, true, EACCES);
+                t.push_back(localeMsg(r.code, r.locale, r.cs, r.type));
+              }
+              return t;
+            }));
 }
 
 TEST_F(Cache, DebugVariablePrintsThreeLinesPerLookup) {
-  std::string errFile = dir_.file("err");
-  EXPECT_EQ(0, inChild([&] {
+  const Texts err = inChild([] {
     zar::test::CaptureFd err(2);
-    unsigned long st;
-    zar_msg_get_cat_msg(code(2, 1), &st);
-    zar_msg_get_cat_msg(code(2, 2), &st);  // a cache hit prints too
-    zar::test::writeFile(errFile, err.text());
-    return 0;
-  }, /*debug=*/true));
-  std::vector<std::string> lines = zar::test::splitLines(zar::test::readFile(errFile));
-  ASSERT_EQ(6u, lines.size());
-  EXPECT_EQ("NLSPATH=" + dir_.path() + "/%L/%N", lines[0]);
-  EXPECT_EQ(0u, lines[1].rfind("QVNLZDIR=", 0));
-  EXPECT_EQ("catopen(kpaac.cat) status = 00000000", lines[2]);
-  EXPECT_EQ(lines[2], lines[5]);
+    catMsg(code(2, 1));
+    catMsg(code(2, 2));  // a cache hit prints too
+    return zar::test::splitLines(err.text());
+  }, /*debug=*/true);
+  ASSERT_EQ(6u, err.size());
+  EXPECT_EQ("NLSPATH=" + dir_.path() + "/%L/%N", err[0]);
+  EXPECT_TRUE(err[1].starts_with("QVNLZDIR=")) << err[1];
+  EXPECT_EQ("catopen(kpaac.cat) status = 00000000", err[2]);
+  EXPECT_EQ(Texts(err.begin(), err.begin() + 3), Texts(err.begin() + 3, err.end()));
 }
 
 // Sixteen catalogs in one row of eight, used from four threads: entries are
 // evicted and reopened all the time while other threads read their texts.
 TEST_F(Cache, TextsNeverDangleWhileOtherThreadsEvict) {
-  EXPECT_EQ(0, inChild([] {
-    long wrong = zar::test::runConcurrently(4, [](int t) {
-      long bad = 0;
-      unsigned long st;
-      for (int i = 0; i < 150; ++i) {
-        int comp = (i * 7 + t * 5) % kComponents;
-        int num = 1 + (i + t) % 20;
-        zar_msg_cat_handle_t cat = zar_msg_cat_open(code(comp, 0), &st);
-        const char* t1 = cat != nullptr ? zar_msg_cat_get_msg(cat, code(comp, num), &st) : nullptr;
-        char* t2 = zar_msg_get_msg(code((comp + 3) % kComponents, num), &st);
-        char* t3 = zar_msg_get_locale_cat_msg(code((comp + 9) % kComponents, num), "C",
-                                              "UTF8", 4, &st);
-        // t1 is read after other catalogs were opened by the calls above.
-        if (t1 == nullptr || expected(comp, num) != t1) ++bad;
-        if (t2 == nullptr || expected((comp + 3) % kComponents, num) != t2) ++bad;
-        if (t3 == nullptr || expected((comp + 9) % kComponents, num) != t3) ++bad;
-        free(t2);
-        free(t3);
-        zar_msg_cat_close(cat, &st);
-      }
-      return bad;
-    });
-    return wrong == 0 ? 0 : 1;
-  }));
+  EXPECT_EQ(Texts{"0"}, inChild([] {
+              long wrong = zar::test::runConcurrently(4, [](int t) {
+                long bad = 0;
+                unsigned long st;
+                for (int i = 0; i < 150; ++i) {
+                  int comp = (i * 7 + t * 5) % kComponents, num = 1 + (i + t) % 20;
+                  int comp2 = (comp + 3) % kComponents, comp3 = (comp + 9) % kComponents;
+                  zar_msg_cat_handle_t cat = zar_msg_cat_open(code(comp, 0), &st);
+                  const char* t1 = cat ? zar_msg_cat_get_msg(cat, code(comp, num), &st) : nullptr;
+                  char* t2 = zar_msg_get_msg(code(comp2, num), &st);
+                  char* t3 = zar_msg_get_locale_cat_msg(code(comp3, num), "C", "UTF8", 4, &st);
+                  // t1 is read after other catalogs were opened by the calls above.
+                  bad += withStatus(t1, 0) != expected(comp, num);
+                  bad += withStatus(t2, 0) != expected(comp2, num);
+                  bad += withStatus(t3, 0) != expected(comp3, num);
+                  free(t2);
+                  free(t3);
+                  zar_msg_cat_close(cat, &st);
+                }
+                return bad;
+              });
+              return Texts{std::to_string(wrong)};
+            }));
 }
 
 }  // namespace

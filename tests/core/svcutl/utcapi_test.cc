@@ -8,6 +8,7 @@
 #include <time.h>
 
 #include <string>
+#include <tuple>
 
 #include "tests/testutil/testutil.h"
 
@@ -31,50 +32,40 @@ utc_t stamp(uint64_t t, uint64_t inacc, int tdfMinutes, bool be = false) {
   return u;
 }
 
-struct SplitCase {
-  int64_t t;  // 100-ns intervals since 1582-10-15, as signed
-  int year, mon, mday, hour, min, sec;
-  long ns;
-  int wday, yday;
-};
-
-class Split : public testing::TestWithParam<SplitCase> {};
-
-TEST_P(Split, GmtimeGivesTheCalendarFields) {
-  const SplitCase& c = GetParam();
-  utc_t u = stamp(static_cast<uint64_t>(c.t), kInf, 0);
-  struct tm tm;
-  long ns = -7;
-  ASSERT_EQ(0, zar_utc_gmtime(&tm, &ns, nullptr, nullptr, &u));
-  EXPECT_EQ(c.year, tm.tm_year + 1900);
-  EXPECT_EQ(c.mon, tm.tm_mon + 1);
-  EXPECT_EQ(c.mday, tm.tm_mday);
-  EXPECT_EQ(c.hour * 3600 + c.min * 60 + c.sec, tm.tm_hour * 3600 + tm.tm_min * 60 + tm.tm_sec);
-  EXPECT_EQ(c.ns, ns);
-  EXPECT_EQ(c.wday, tm.tm_wday);
-  EXPECT_EQ(c.yday, tm.tm_yday);
-  EXPECT_EQ(0, tm.tm_isdst);
-}
-
 // Expected values come from Julian and Gregorian day numbers computed
 // independently of the library. Before 1582-10-15: Julian dates.
-INSTANTIATE_TEST_SUITE_P(
-    Calendar, Split,
-    testing::Values(SplitCase{0, 1582, 10, 15, 0, 0, 0, 0, 5, 287},
-                    SplitCase{static_cast<int64_t>(k1970), 1970, 1, 1, 0, 0, 0, 0, 4, 0},
-                    SplitCase{-1, 1582, 10, 4, 23, 59, 59, 999'999'900, 4, 276},
-                    SplitCase{131711616000000000, 2000, 3, 1, 0, 0, 0, 0, 3, 60},
-                    SplitCase{139285008000000000, 2024, 2, 29, 12, 0, 0, 0, 4, 59},
-                    SplitCase{100154016000000000, 1900, 3, 1, 0, 0, 0, 0, 4, 59},
-                    SplitCase{131975999990000000, 2000, 12, 31, 23, 59, 59, 0, 0, 365},
-                    SplitCase{163267488000000000, 2100, 2, 28, 0, 0, 0, 0, 0, 58},
-                    SplitCase{5747328000000000, 1600, 12, 31, 0, 0, 0, 0, 0, 365},
-                    SplitCase{2656215935990000000, 9999, 12, 31, 23, 59, 59, 0, 5, 364},
-                    SplitCase{-30169 * kDay, 1500, 2, 29, 0, 0, 0, 0, 6, 59},
-                    SplitCase{-212793 * kDay, 1000, 3, 1, 0, 0, 0, 0, 5, 60},
-                    SplitCase{-577737 * kDay, 1, 1, 1, 0, 0, 0, 0, 6, 0},
-                    SplitCase{-576277 * kDay, 4, 12, 31, 0, 0, 0, 0, 3, 365},
-                    SplitCase{-277 * kDay + 1, 1582, 1, 1, 0, 0, 0, 100, 1, 0}));
+TEST(UtcSplit, GmtimeGivesTheCalendarFields) {
+  const std::tuple<int64_t, const char*, long, int, int> rows[] = {
+      // time (100 ns since 1582-10-15), date and time, ns, weekday, day of year
+      {0, "1582-10-15 00:00:00", 0, 5, 287},
+      {k1970, "1970-01-01 00:00:00", 0, 4, 0},
+      {-1, "1582-10-04 23:59:59", 999'999'900, 4, 276},
+      {131711616000000000, "2000-03-01 00:00:00", 0, 3, 60},
+      {139285008000000000, "2024-02-29 12:00:00", 0, 4, 59},
+      {100154016000000000, "1900-03-01 00:00:00", 0, 4, 59},
+      {131975999990000000, "2000-12-31 23:59:59", 0, 0, 365},
+      {163267488000000000, "2100-02-28 00:00:00", 0, 0, 58},
+      {5747328000000000, "1600-12-31 00:00:00", 0, 0, 365},
+      {2656215935990000000, "9999-12-31 23:59:59", 0, 5, 364},
+      {-30169 * kDay, "1500-02-29 00:00:00", 0, 6, 59},
+      {-212793 * kDay, "1000-03-01 00:00:00", 0, 5, 60},
+      {-577737 * kDay, "0001-01-01 00:00:00", 0, 6, 0},
+      {-576277 * kDay, "0004-12-31 00:00:00", 0, 3, 365},
+      {-277 * kDay + 1, "1582-01-01 00:00:00", 100, 1, 0}};
+  for (const auto& [t, date, ns, wday, yday] : rows) {
+    utc_t u = stamp(static_cast<uint64_t>(t), kInf, 0);
+    struct tm tm;
+    long gotNs = -7;
+    ASSERT_EQ(0, zar_utc_gmtime(&tm, &gotNs, nullptr, nullptr, &u)) << date;
+    char got[64];
+    snprintf(got, sizeof got, "%04d-%02d-%02d %02d:%02d:%02d %ld %d %d %d", tm.tm_year + 1900,
+             tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, gotNs, tm.tm_wday,
+             tm.tm_yday, tm.tm_isdst);
+    EXPECT_EQ(date + (" " + std::to_string(ns)) + " " + std::to_string(wday) + " " +
+                  std::to_string(yday) + " 0",
+              got);
+  }
+}
 
 TEST(UtcSplit, AnytimeUsesTheOwnOffsetAndSplitsTheInaccuracy) {
   // TDF -05:00, inaccuracy 1 day 2:03:04.5
@@ -82,73 +73,48 @@ TEST(UtcSplit, AnytimeUsesTheOwnOffsetAndSplitsTheInaccuracy) {
   struct tm tm, itm;
   long ns, ins, tdf;
   ASSERT_EQ(0, zar_utc_anytime(&tm, &ns, &itm, &ins, &tdf, &u));
-  EXPECT_EQ(7, tm.tm_hour);
-  EXPECT_EQ(-1, tm.tm_isdst);
-  EXPECT_EQ(-18'000, tdf);
-  EXPECT_EQ((std::vector<int>{4, 3, 2, 1, -1}),
-            (std::vector<int>{itm.tm_sec, itm.tm_min, itm.tm_hour, itm.tm_yday, itm.tm_mday}));
-  EXPECT_EQ(500'000'000, ins);
+  EXPECT_EQ((std::vector<long>{7, -1, -18'000, 4, 3, 2, 1, -1, 500'000'000}),
+            (std::vector<long>{tm.tm_hour, tm.tm_isdst, tdf, itm.tm_sec, itm.tm_min, itm.tm_hour,
+                               itm.tm_yday, itm.tm_mday, ins}));
   utc_t inf = stamp(0, kInf, 0);
   ASSERT_EQ(0, zar_utc_anytime(nullptr, nullptr, &itm, &ins, nullptr, &inf));
-  EXPECT_EQ((std::vector<int>{-1, -1, -1, -1}),
-            (std::vector<int>{int(ins), itm.tm_sec, itm.tm_year, itm.tm_yday}));
+  EXPECT_EQ((std::vector<long>{-1, -1, -1, -1}),
+            (std::vector<long>{ins, itm.tm_sec, itm.tm_year, itm.tm_yday}));
 }
 
-struct TextCase {
-  uint64_t t, inacc;
-  int tdfMinutes;
-  const char* any;
-  const char* gmt;
-};
-
-class Text : public testing::TestWithParam<TextCase> {};
-
-TEST_P(Text, AscanytimeAndAscgmtime) {
-  const TextCase& c = GetParam();
-  utc_t u = stamp(c.t, c.inacc, c.tdfMinutes);
-  char buf[64];
-  ASSERT_EQ(0, zar_utc_ascanytime(buf, sizeof buf, &u));
-  EXPECT_STREQ(c.any, buf);
-  ASSERT_EQ(0, zar_utc_ascgmtime(buf, sizeof buf, &u));
-  EXPECT_STREQ(c.gmt, buf);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Forms, Text,
-    testing::Values(
-        TextCase{kLeapNoon + 1'234'568, kInf, 60, "2024-02-29-13:00:00.123+01:00I-----",
-                 "2024-02-29-12:00:00.123I-----"},
-        TextCase{kLeapNoon, 15'000'000, 0, "2024-02-29-12:00:00.000+00:00I1.500",
-                 "2024-02-29-12:00:00.000I1.500"},
-        TextCase{kLeapNoon, 0, 0, "2024-02-29-12:00:00.000+00:00I0.000",
-                 "2024-02-29-12:00:00.000I0.000"},
-        TextCase{kLeapNoon, 1, 0, "2024-02-29-12:00:00.000+00:00I0.001",
-                 "2024-02-29-12:00:00.000I0.001"},
-        TextCase{kLeapNoon, 183'600ULL * 10'000'000, 0, "2024-02-29-12:00:00.000+00:00I183600.000",
-                 "2024-02-29-12:00:00.000I183600.000"},
-        TextCase{kLeapNoon, 9'999'999, 0, "2024-02-29-12:00:00.000+00:00I1.000",
-                 "2024-02-29-12:00:00.000I1.000"},
-        // The UTC form rounds; a carry runs into the next year.
-        TextCase{k2000 - 5'000, kInf, 0, "1999-12-31-23:59:59.999+00:00I-----",
-                 "2000-01-01-00:00:00.000I-----"},
-        TextCase{k2000 - 5'001, kInf, 0, "1999-12-31-23:59:59.999+00:00I-----",
-                 "1999-12-31-23:59:59.999I-----"},
-        TextCase{kLeapNoon, kInf, -300, "2024-02-29-07:00:00.000-05:00I-----",
-                 "2024-02-29-12:00:00.000I-----"},
-        TextCase{kLeapNoon, kInf, -30, "2024-02-29-11:30:00.000-00:30I-----",
-                 "2024-02-29-12:00:00.000I-----"},
-        TextCase{kLeapNoon + 432'000'000'000ULL, kInf, 345, "2024-03-01-05:45:00.000+05:45I-----",
-                 "2024-03-01-00:00:00.000I-----"},
-        TextCase{kLeapNoon, kInf, 2047, "2024-03-01-22:07:00.000+34:07I-----",
-                 "2024-02-29-12:00:00.000I-----"},
-        TextCase{static_cast<uint64_t>(-212793 * kDay), kInf, 0,
-                 "1000-03-01-00:00:00.000+00:00I-----", "1000-03-01-00:00:00.000I-----"},
-        TextCase{0x7FFFFFFFFFFFFFFFULL - 10'000'000, kInf, 0,
-                 "30810-06-28-02:48:04.477+00:00I-----", "30810-06-28-02:48:04.478I-----"},
-        TextCase{0x8000000000000000ULL, kInf, 0, "-27645-08-28-21:11:54.522+00:00I-----",
-                 "-27645-08-28-21:11:54.522I-----"}));
-
-TEST(UtcText, TooSmallBufferIsUntouchedAndExactFitSucceeds) {
+TEST(UtcText, AscanytimeAndAscgmtime) {
+  const std::tuple<uint64_t, uint64_t, int, const char*, const char*> rows[] = {
+      // time, inaccuracy, tdf in minutes, own-offset text, UTC text
+      {kLeapNoon + 1'234'568, kInf, 60, "2024-02-29-13:00:00.123+01:00I-----",
+       "2024-02-29-12:00:00.123I-----"},
+      {kLeapNoon, 15'000'000, 0, "2024-02-29-12:00:00.000+00:00I1.500", "2024-02-29-12:00:00.000I1.500"},
+      {kLeapNoon, 0, 0, "2024-02-29-12:00:00.000+00:00I0.000", "2024-02-29-12:00:00.000I0.000"},
+      {kLeapNoon, 1, 0, "2024-02-29-12:00:00.000+00:00I0.001", "2024-02-29-12:00:00.000I0.001"},
+      {kLeapNoon, 183'600ULL * 10'000'000, 0, "2024-02-29-12:00:00.000+00:00I183600.000",
+       "2024-02-29-12:00:00.000I183600.000"},
+      {kLeapNoon, 9'999'999, 0, "2024-02-29-12:00:00.000+00:00I1.000", "2024-02-29-12:00:00.000I1.000"},
+      // The UTC form rounds; a carry runs into the next year.
+      {k2000 - 5'000, kInf, 0, "1999-12-31-23:59:59.999+00:00I-----", "2000-01-01-00:00:00.000I-----"},
+      {k2000 - 5'001, kInf, 0, "1999-12-31-23:59:59.999+00:00I-----", "1999-12-31-23:59:59.999I-----"},
+      {kLeapNoon, kInf, -300, "2024-02-29-07:00:00.000-05:00I-----", "2024-02-29-12:00:00.000I-----"},
+      {kLeapNoon, kInf, -30, "2024-02-29-11:30:00.000-00:30I-----", "2024-02-29-12:00:00.000I-----"},
+      {kLeapNoon + 432'000'000'000ULL, kInf, 345, "2024-03-01-05:45:00.000+05:45I-----",
+       "2024-03-01-00:00:00.000I-----"},
+      {kLeapNoon, kInf, 2047, "2024-03-01-22:07:00.000+34:07I-----", "2024-02-29-12:00:00.000I-----"},
+      {static_cast<uint64_t>(-212793 * kDay), kInf, 0, "1000-03-01-00:00:00.000+00:00I-----",
+       "1000-03-01-00:00:00.000I-----"},
+      {0x7FFFFFFFFFFFFFFFULL - 10'000'000, kInf, 0, "30810-06-28-02:48:04.477+00:00I-----",
+       "30810-06-28-02:48:04.478I-----"},
+      {0x8000000000000000ULL, kInf, 0, "-27645-08-28-21:11:54.522+00:00I-----",
+       "-27645-08-28-21:11:54.522I-----"}};
+  for (const auto& [t, inacc, tdf, any, gmt] : rows) {
+    utc_t u = stamp(t, inacc, tdf);
+    char a[64] = "", g[64] = "";
+    EXPECT_EQ(0, zar_utc_ascanytime(a, sizeof a, &u));
+    EXPECT_EQ(0, zar_utc_ascgmtime(g, sizeof g, &u));
+    EXPECT_EQ(std::string(any) + " " + gmt, std::string(a) + " " + g);
+  }
+  // A buffer too small by one is untouched; an exact fit succeeds.
   utc_t u = stamp(kLeapNoon + 1'234'568, kInf, 60);
   char buf[40];
   memset(buf, 'x', sizeof buf);
@@ -161,90 +127,70 @@ TEST(UtcText, TooSmallBufferIsUntouchedAndExactFitSucceeds) {
 }
 
 TEST(UtcBin, MkbintimeRoundsTimeToNearestAndInaccuracyUp) {
-  struct {
-    time_t sec;
-    long nsec;
-    uint64_t time;
-    time_t isec;
-    long insec;
-    uint64_t inacc;
-  } rows[] = {
+  const std::tuple<time_t, long, uint64_t, time_t, long, uint64_t> rows[] = {
+      // seconds, nanoseconds, time; inaccuracy seconds, nanoseconds, stored
       {0, 49, k1970, 0, 1, 1},          {0, 50, k1970 + 1, 0, 100, 1},
       {0, 149, k1970 + 1, 0, 101, 2},   {0, 150, k1970 + 2, -1, 0, kInf},
       {-1, 0, k1970 - 10'000'000, 0, 0, 0},
       {0, -149, k1970, 28'147'497, 671'065'500, kInf},  // 0xFFFFFFFFFFFF: unknown
-      {1, 0, k1970 + 10'000'000, 28'147'497, 671'065'400, kInf - 1},
-  };
-  for (const auto& r : rows) {
-    struct timespec ts = {r.sec, r.nsec}, in = {r.isec, r.insec};
-    utc_t u;
+      {1, 0, k1970 + 10'000'000, 28'147'497, 671'065'400, kInf - 1}};
+  for (const auto& [sec, nsec, time, isec, insec, inacc] : rows) {
+    struct timespec ts = {sec, nsec}, in = {isec, insec};
+    utc_t u, want = stamp(time, inacc, 0);
     ASSERT_EQ(0, zar_utc_mkbintime(&u, &ts, &in, 0));
-    utc_t want = stamp(r.time, r.inacc, 0);
-    EXPECT_EQ(0, memcmp(&want, &u, sizeof u)) << r.sec << " " << r.nsec << " " << r.insec;
+    EXPECT_EQ(0, memcmp(&want, &u, sizeof u)) << sec << " " << nsec << " " << insec;
   }
-  struct timespec ts = {0, 0};
+  struct timespec ts = {0, 0}, in;
   utc_t u;
   ASSERT_EQ(0, zar_utc_mkbintime(&u, &ts, nullptr, 0));
-  struct timespec in;
   ASSERT_EQ(0, zar_utc_bintime(nullptr, &in, nullptr, &u));
   EXPECT_EQ(-1, in.tv_sec);
   EXPECT_EQ(-1, in.tv_nsec);
 }
 
 TEST(UtcBin, BintimeRangeIsZeroToFourBillionSeconds) {
-  struct {
-    uint64_t t;
-    int rc;
-    time_t sec;
-    long nsec;
-  } rows[] = {
+  const std::tuple<uint64_t, int, time_t, long> rows[] = {
       {k1970 - 5'000'000, -1, -1, 500'000'000},
       {k1970, 0, 0, 0},
       {k1970 + 4'294'967'295ULL * 10'000'000 + 9'999'999, 0, 4'294'967'295, 999'999'900},
       {k1970 + 4'294'967'296ULL * 10'000'000, -1, 4'294'967'296, 0},
-      {0, -1, -12'219'292'800, 0},
-  };
-  for (const auto& r : rows) {
-    utc_t u = stamp(r.t, 15'000'001, 0);
+      {0, -1, -12'219'292'800, 0}};
+  for (const auto& [t, rc, sec, nsec] : rows) {
+    utc_t u = stamp(t, 15'000'001, 0);
     struct timespec ts = {7, 7}, in;
-    EXPECT_EQ(r.rc, zar_utc_bintime(&ts, &in, nullptr, &u)) << r.t;
-    EXPECT_EQ(r.sec, ts.tv_sec) << r.t;
-    EXPECT_EQ(r.nsec, ts.tv_nsec) << r.t;
-    EXPECT_EQ(1, in.tv_sec);
-    EXPECT_EQ(500'000'100, in.tv_nsec);
+    EXPECT_EQ(rc, zar_utc_bintime(&ts, &in, nullptr, &u)) << t;
+    EXPECT_EQ((std::vector<long>{sec, nsec, 1, 500'000'100}),
+              (std::vector<long>{ts.tv_sec, ts.tv_nsec, in.tv_sec, in.tv_nsec}))
+        << t;
   }
 }
 
 TEST(UtcTdf, StoredAsTwelveBitMinutesTruncatedTowardZero) {
-  struct {
-    long in;
-    unsigned stored;  // 12-bit minutes field
-    long out;
-  } rows[] = {{-18'000, 0xED4, -18'000}, {90, 1, 60},        {-90, 0xFFF, -60},
-              {59, 0, 0},                {122'820, 0x7FF, 122'820}, {122'880, 0x800, -122'880},
-              {245'820, 1, 60}};
+  const std::tuple<long, unsigned, long> rows[] = {
+      // seconds given, 12-bit minutes field, seconds read back
+      {-18'000, 0xED4, -18'000}, {90, 1, 60},  {-90, 0xFFF, -60},       {59, 0, 0},
+      {122'820, 0x7FF, 122'820}, {122'880, 0x800, -122'880}, {245'820, 1, 60}};
   struct timespec t0 = {0, 0};
-  for (const auto& r : rows) {
+  for (const auto& [in, stored, out] : rows) {
     utc_t u, v;
-    ASSERT_EQ(0, zar_utc_mkbintime(&u, &t0, nullptr, r.in));
-    EXPECT_EQ(r.stored, u.char_array[14] | ((u.char_array[15] & 0x0Fu) << 8)) << r.in;
     long tdf = 1;
+    ASSERT_EQ(0, zar_utc_mkbintime(&u, &t0, nullptr, in));
+    EXPECT_EQ(stored, u.char_array[14] | ((u.char_array[15] & 0x0Fu) << 8)) << in;
     ASSERT_EQ(0, zar_utc_bintime(nullptr, nullptr, &tdf, &u));
-    EXPECT_EQ(r.out, tdf) << r.in;
-    ASSERT_EQ(0, utc_settdf(&v, &u, r.in));
-    EXPECT_EQ(0, memcmp(&u, &v, sizeof u)) << r.in;
+    EXPECT_EQ(out, tdf) << in;
+    ASSERT_EQ(0, utc_settdf(&v, &u, in));
+    EXPECT_EQ(0, memcmp(&u, &v, sizeof u)) << in;
   }
 }
 
 TEST(UtcLayout, BigEndianInputIsReadAndRewrittenLittleEndian) {
   utc_t b = stamp(kLeapNoon, 0x123456789ABCULL, -300, true);
-  utc_t l = stamp(kLeapNoon, 0x123456789ABCULL, -300);
+  utc_t l = stamp(kLeapNoon, 0x123456789ABCULL, -300), out;
   char sb[64], sl[64];
   ASSERT_EQ(0, zar_utc_ascanytime(sb, sizeof sb, &b));
   ASSERT_EQ(0, zar_utc_ascanytime(sl, sizeof sl, &l));
   EXPECT_STREQ(sl, sb);
   EXPECT_STREQ("2024-02-29-07:00:00.000-05:00I2001599.835", sb);
-  utc_t out;
   ASSERT_EQ(0, utc_settdf(&out, &b, -18'000));
   EXPECT_EQ(0, memcmp(&l, &out, sizeof l));
 }
@@ -253,11 +199,11 @@ TEST(UtcLayout, EveryReaderRejectsAnotherVersion) {
   for (unsigned char v : {0x00, 0x20, 0x70, 0xA0}) {
     utc_t u = stamp(kLeapNoon, kInf, 0);
     u.char_array[15] = v;
+    utc_t out = u;
     struct timespec ts = {9, 9};
     struct tm tm;
     long tdf = 9;
     char buf[64] = "untouched";
-    utc_t out = u;
     EXPECT_EQ(-1, zar_utc_bintime(&ts, nullptr, &tdf, &u)) << int{v};
     EXPECT_EQ(0, ts.tv_sec + tdf);
     EXPECT_EQ(-1, zar_utc_anytime(&tm, nullptr, nullptr, nullptr, &tdf, &u));
@@ -272,36 +218,29 @@ TEST(UtcLayout, EveryReaderRejectsAnotherVersion) {
   }
 }
 
-TEST(UtcClock, NullTimestampMeansNowAndTheClockHasUnknownInaccuracy) {
+TEST(UtcClock, NowFractionsAndNullOutputs) {
   time_t before = time(nullptr);
   struct timespec now, in;
-  ASSERT_EQ(0, zar_utc_bintime(&now, nullptr, nullptr, nullptr));
+  ASSERT_EQ(0, zar_utc_bintime(&now, nullptr, nullptr, nullptr));  // null: now
   utc_t u;
   ASSERT_EQ(0, zar_utc_gettime(&u));
   ASSERT_EQ(0, zar_utc_bintime(nullptr, &in, nullptr, &u));
   EXPECT_LE(before, now.tv_sec);
   EXPECT_GE(time(nullptr), now.tv_sec);
-  EXPECT_EQ(-1, in.tv_sec);
+  EXPECT_EQ(-1, in.tv_sec);  // the clock's inaccuracy is unknown
   struct timeval tv;
   struct timezone tz = {77, 77};
   ASSERT_EQ(0, zar_gettimeofday_tz(&tv, &tz));
   EXPECT_GE(tv.tv_sec, before);
   EXPECT_EQ(0, tz.tz_dsttime);
-}
-
-TEST(UtcFrac, FracCvtArrayScalesDigitCountsToNanoseconds) {
   int64_t f = 1'000'000'000;
   EXPECT_EQ(0, FracCvtArray[0]);
   for (int k = 1; k <= 9; ++k) EXPECT_EQ(f /= 10, FracCvtArray[k]) << k;
-}
-
-TEST(UtcDeath, NullOutputTimestampIsAnAssertion) {
-  // The assertion record's text, with the expression, is in the "bas" catalog.
+  // A null output timestamp is an assertion; its record's text, with the
+  // expression, is in the "bas" catalog.
   zar::test::ScopedEnv nlspath("NLSPATH", zar::test::buildDir() + "/nls/msg/C/%N");
-  struct timespec t0 = {0, 0};
-  EXPECT_DEATH(zar_utc_mkbintime(nullptr, &t0, nullptr, 0), "utc != NULL");
+  EXPECT_DEATH(zar_utc_mkbintime(nullptr, &now, nullptr, 0), "utc != NULL");
   EXPECT_DEATH(zar_utc_gettime(nullptr), "utc != NULL");
-  utc_t u = stamp(0, kInf, 0);
   EXPECT_DEATH(utc_settdf(nullptr, &u, 0), "out != NULL");
 }
 

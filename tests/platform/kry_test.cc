@@ -7,6 +7,7 @@
 
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "tests/testutil/testutil.h"
 
@@ -30,23 +31,18 @@ struct Ctx {
   int attached;
 };
 
-TEST(Kry, FillsBuffersWithFreshBytes) {
+// Fresh bytes; failures are queued per thread, oldest first, and described
+// with the kernel's reason.
+TEST(Kry, FreshBytesAndFailuresQueuedPerThread) {
   Ctx c;
   ASSERT_NE(nullptr, c.ctx);
   ASSERT_EQ(1, c.attached);
-  unsigned char a[64] = {0}, b[64] = {0};
+  unsigned char a[64] = {0}, b[64] = {0}, buf[16];
   ASSERT_EQ(1, KRY_RAND_bytes(c.ctx, a, sizeof a));
   ASSERT_EQ(1, KRY_RAND_bytes(c.ctx, b, sizeof b));
   EXPECT_NE(0, memcmp(a, b, sizeof a));
   EXPECT_EQ(1, KRY_RAND_bytes(c.ctx, a, 0));
   EXPECT_EQ(0ul, KRY_ERR_get_error(c.ctx));
-}
-
-// Failures are queued per thread, oldest first, and described with the
-// kernel's reason.
-TEST(Kry, FailuresAreQueuedPerThreadAndDescribed) {
-  Ctx c;
-  unsigned char buf[16];
   {
     FaultPlan plan(Op::kRandom, 1, false, EAGAIN);
     EXPECT_EQ(0, KRY_RAND_bytes(c.ctx, buf, sizeof buf));
@@ -73,15 +69,12 @@ TEST(Kry, SettingsAndAttachmentAreChecked) {
   unsigned char buf[4];
   EXPECT_EQ(0, KRY_RAND_bytes(ctx, buf, sizeof buf));  // not attached yet
   EXPECT_EQ(KRY_ERROR_CODE(KRY_R_NOT_ATTACHED, 0), KRY_ERR_get_error(ctx));
-  const struct {
-    int id;
-    const char* value;
-    unsigned long reason;
-  } rows[] = {{KRY_VALUE_NONBLOCKING, "on", 0}, {KRY_VALUE_NONBLOCKING, "off", 0},
-              {KRY_VALUE_NONBLOCKING, "maybe", KRY_R_BAD_VALUE}, {7, "on", KRY_R_BAD_VALUE_ID}};
-  for (const auto& r : rows) {
-    EXPECT_EQ(r.reason == 0 ? 1 : 0, KRY_SetValue(ctx, &st, r.id, r.value)) << r.value;
-    EXPECT_EQ(r.reason == 0 ? 0ul : KRY_ERROR_CODE(r.reason, EINVAL), st.code);
+  for (auto [id, value, reason] : {std::tuple{KRY_VALUE_NONBLOCKING, "on", 0ul},
+                                   {KRY_VALUE_NONBLOCKING, "off", 0ul},
+                                   {KRY_VALUE_NONBLOCKING, "maybe", KRY_R_BAD_VALUE},
+                                   {7, "on", KRY_R_BAD_VALUE_ID}}) {
+    EXPECT_EQ(reason == 0 ? 1 : 0, KRY_SetValue(ctx, &st, id, value)) << value;
+    EXPECT_EQ(reason == 0 ? 0ul : KRY_ERROR_CODE(reason, EINVAL), st.code);
     KRY_ERR_get_error(ctx);
   }
   {

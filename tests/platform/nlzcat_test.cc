@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/nlz.h"
@@ -18,14 +19,8 @@ using zar::test::CatMsg;
 using zar::test::FaultPlan;
 using zar::test::ScopedEnv;
 
-struct LocDeleter {
-  void operator()(zar_locale_s* l) const { nlz_loc_free(l); }
-};
-using LocPtr = std::unique_ptr<zar_locale_s, LocDeleter>;
-struct CatDeleter {
-  void operator()(nlz_cat_s* c) const { nlz_catclose(c); }
-};
-using CatPtr = std::unique_ptr<nlz_cat_s, CatDeleter>;
+using LocPtr = std::unique_ptr<zar_locale_s, decltype([](nlz_loc_t l) { nlz_loc_free(l); })>;
+using CatPtr = std::unique_ptr<nlz_cat_s, decltype([](nlz_cat_t c) { nlz_catclose(c); })>;
 
 // "<errno NAME>" of the last failure.
 std::string failure() { return std::string("<errno ") + strerrorname_np(errno) + ">"; }
@@ -36,28 +31,24 @@ std::string failure() { return std::string("<errno ") + strerrorname_np(errno) +
 class CatalogTree : public ::testing::Test {
  protected:
   void SetUp() override {
-    const struct {
-      const char* file;
-      std::vector<CatMsg> msgs;
-      const char *charset, *gencatLocale;
-    } cats[] = {{"C/t.cat", {{1, "Hello"}, {2, "Two"}}, "US-ASCII", "C.UTF-8"},
-                {"de_DE.UTF-8/t.cat", {{1, kGruesseUtf8}, {3, "\xe2\x82\xac"}}, "UTF-8", "C.UTF-8"},
-                {"de_DE.ISO-8859-1/t.cat", {{1, kGruesseLatin1}}, "ISO-8859-1", "de_DE.ISO-8859-1"},
-                {"fr/t.cat", {{1, "Bonjour \xc3\xa0 vous"}}, "", "C.UTF-8"},
-                {"p%cent/t", {{1, "percent"}}, "", "C.UTF-8"}};
-    for (const auto& c : cats) {
-      zar::test::makeDirs(dir_.file(c.file).substr(0, dir_.file(c.file).rfind('/')));
-      ASSERT_TRUE(zar::test::makeCatalog(dir_.file(c.file), c.msgs, c.charset, c.gencatLocale));
-    }
+    const std::tuple<const char*, std::vector<CatMsg>, const char*, const char*> cats[] = {
+        // file, messages, code-set marker, locale of gencat
+        {"C/t.cat", {{1, "Hello"}, {2, "Two"}}, "US-ASCII", "C.UTF-8"},
+        {"de_DE.UTF-8/t.cat", {{1, kGruesseUtf8}, {3, "\xe2\x82\xac"}}, "UTF-8", "C.UTF-8"},
+        {"de_DE.ISO-8859-1/t.cat", {{1, kGruesseLatin1}}, "ISO-8859-1", "de_DE.ISO-8859-1"},
+        {"fr/t.cat", {{1, "Bonjour \xc3\xa0 vous"}}, "", "C.UTF-8"},
+        {"p%cent/t", {{1, "percent"}}, "", "C.UTF-8"}};
+    for (const auto& [file, msgs, charset, gencatLocale] : cats)
+      ASSERT_TRUE(zar::test::makeCatalog(dir_.file(file), msgs, charset, gencatLocale));
   }
 
-  // Message num of catalog "t" opened for locale through nlspath.
-  std::string text(const std::string& nlspath, const char* locale, int flags, int num = 1) {
+  // Message 1 of catalog "t" opened for locale through nlspath.
+  std::string text(const std::string& nlspath, const char* locale, int flags) {
     ScopedEnv env("NLSPATH", nlspath);
     LocPtr loc(nlz_loc_new(locale));
     if (loc == nullptr) return "<no locale>";
     CatPtr cat(nlz_catopen("t", flags, loc.get()));
-    return cat == nullptr ? failure() : nlz_catgets(cat.get(), 1, num, "<none>", nullptr);
+    return cat == nullptr ? failure() : nlz_catgets(cat.get(), 1, 1, "<none>", nullptr);
   }
 
   static constexpr char kGruesseUtf8[] = "Gr\xc3\xbc\xc3\x9f" "e";
@@ -66,15 +57,14 @@ class CatalogTree : public ::testing::Test {
   zar::test::TempDir dir_;
 };
 
+// NLSPATH forms, fallbacks, and paths of thousands of %-sequences or elements.
 TEST_F(CatalogTree, LocaleFormsAndFallbacks) {
   const std::string byL = d() + "/%L/%N.cat", byLang = d() + "/%l/%N.cat";
+  std::string many;
+  for (int i = 0; i < 3000; ++i) many += "%L%N%l%t%c%%%x";
   const int kLocale = NLZ_CAT_LOCALE;
-  const struct {
-    std::string nlspath;
-    const char* locale;
-    int flags;
-    std::string want;
-  } rows[] = {
+  const std::tuple<std::string, const char*, int, std::string> rows[] = {
+      // NLSPATH, locale, flags, text of message 1 or the failure
       {byL, "de_DE.UTF-8", kLocale, kGruesseUtf8},
       {byL, "de_DE.ISO-8859-1", kLocale, kGruesseLatin1},
       {byLang, "fr_FR.UTF-8", kLocale, "Bonjour \xc3\xa0 vous"},
@@ -86,9 +76,19 @@ TEST_F(CatalogTree, LocaleFormsAndFallbacks) {
       {d() + "/p%%cent/%N", "C", kLocale, "percent"},
       {"::" + d() + "/none/%N:" + byL, "C", kLocale, "Hello"},  // empty elements skipped
       {d() + "/%L:" + byL, "C", kLocale, "Hello"},              // a directory, then a catalog
-      {"", "de_DE.UTF-8", kLocale, "<errno ENOENT>"}};
-  for (const auto& r : rows)
-    EXPECT_EQ(r.want, text(r.nlspath, r.locale, r.flags)) << r.nlspath << " " << r.locale;
+      {"", "de_DE.UTF-8", kLocale, "<errno ENOENT>"},
+      {many + ":" + byL, "C", kLocale, "Hello"},
+      {many, "C", kLocale, "<errno ENOENT>"},
+      {std::string(5000, ':'), "C", kLocale, "<errno ENOENT>"}};
+  for (const auto& [nlspath, locale, flags, want] : rows)
+    EXPECT_EQ(want, text(nlspath, locale, flags)) << nlspath.substr(0, 80) << " " << locale;
+  // Without NLZ_CAT_LOCALE the locale comes from LANG: a name of thousands
+  // of bytes is no locale form; only the English fallback remains.
+  {
+    ScopedEnv lang("LANG", std::string(6000, 'x') + "_YY.UTF-8");
+    EXPECT_EQ("Hello", text(byL, "C", 0));
+    EXPECT_EQ("<errno ENOENT>", text(byL, "C", NLZ_CAT_NO_C_FALLBACK));
+  }
   // The data directory is searched after NLSPATH.
   ASSERT_EQ(0, nlz_set_dir(d().c_str()));
   EXPECT_EQ(kGruesseUtf8, text("/nowhere/%N", "de_DE.UTF-8", kLocale));
@@ -163,33 +163,16 @@ TEST(CatalogReader, RefusesCorruptAndTruncatedFiles) {
 }
 
 TEST_F(CatalogTree, UnreadableCatalogsAndBadArgumentsFailCleanly) {
-  const struct {
-    zar::fault::Op op;
-    int err;
-    const char* want;
-  } faults[] = {{zar::fault::Op::kOpen, EACCES, "<errno EACCES>"},
-                {zar::fault::Op::kRead, EIO, "<errno EINVAL>"},
-                {zar::fault::Op::kAlloc, ENOMEM, "<errno ENOMEM>"}};
-  {
-    ScopedEnv env("NLSPATH", d() + "/%L/%N.cat");
-    LocPtr c(nlz_loc_new("C"));
-    for (const auto& f : faults) {
-      FaultPlan plan(f.op, 1, true, f.err);
-      CatPtr cat(nlz_catopen("t", NLZ_CAT_LOCALE, c.get()));
-      EXPECT_EQ(f.want, cat ? "opened" : failure());
-    }
+  ScopedEnv env("NLSPATH", d() + "/%L/%N.cat");
+  LocPtr c(nlz_loc_new("C"));
+  using zar::fault::Op;
+  for (auto [op, err, want] : {std::tuple{Op::kOpen, EACCES, "<errno EACCES>"},
+                               {Op::kRead, EIO, "<errno EINVAL>"},
+                               {Op::kAlloc, ENOMEM, "<errno ENOMEM>"}, {Op::kRead, 0, "opened"}}) {
+    FaultPlan plan(op, err != 0 ? 1 : 0, true, err);
+    CatPtr cat(nlz_catopen("t", NLZ_CAT_LOCALE, c.get()));
+    EXPECT_EQ(want, cat ? "opened" : failure());
   }
-  EXPECT_EQ("Hello", text(d() + "/%L/%N.cat", "C", NLZ_CAT_LOCALE));
-  std::string many;
-  for (int i = 0; i < 3000; ++i) many += "%L%N%l%t%c%%%x";
-  EXPECT_EQ("Hello", text(many + ":" + d() + "/%L/%N.cat", "C", NLZ_CAT_LOCALE));
-  EXPECT_EQ("<errno ENOENT>", text(many, "C", NLZ_CAT_LOCALE));
-  EXPECT_EQ("<errno ENOENT>", text(std::string(5000, ':'), "C", NLZ_CAT_LOCALE));
-  // Without NLZ_CAT_LOCALE the locale comes from LANG: a name of thousands
-  // of bytes is no locale form; only the English fallback remains.
-  ScopedEnv lang("LANG", std::string(6000, 'x') + "_YY.UTF-8");
-  EXPECT_EQ("Hello", text(d() + "/%L/%N.cat", "C", 0));
-  EXPECT_EQ("<errno ENOENT>", text(d() + "/%L/%N.cat", "C", NLZ_CAT_NO_C_FALLBACK));
   EXPECT_EQ(nullptr, nlz_catopen(nullptr, 0, nullptr));
   EXPECT_EQ(nullptr, nlz_catopen("", 0, nullptr));
   EXPECT_STREQ("d", nlz_catgets(nullptr, 1, 1, "d", nullptr));

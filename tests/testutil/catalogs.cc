@@ -1,7 +1,6 @@
 #include "tests/testutil/catalogs.h"
 
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -31,16 +30,11 @@ bool makeCatalog(const std::string& path, const std::vector<CatMsg>& msgs,
   std::string src = "$quote \"\n";
   for (const auto& [set, lines] : bySet) src += "$set " + std::to_string(set) + "\n" + lines;
   if (!charset.empty()) src += "$set 255\n1 \"charset=" + charset + "\"\n";
+  makeDirs(path.substr(0, path.rfind('/')));
   const std::string srcPath = path + ".msg";
   writeFile(srcPath, src);
-  pid_t pid = fork();
-  if (pid == 0) {
-    setenv("LC_ALL", gencatLocale.c_str(), 1);
-    execlp("gencat", "gencat", path.c_str(), srcPath.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
+  const std::string cmd = "LC_ALL='" + gencatLocale + "' gencat '" + path + "' '" + srcPath + "'";
+  const int status = system(cmd.c_str());
   unlink(srcPath.c_str());
   return exitCode(status) == 0 && fileExists(path);
 }

@@ -18,7 +18,8 @@ struct CatMsg {
 
 // Writes a gencat source for msgs (plus, when charset is not empty, the
 // code-set marker message) and runs gencat under gencatLocale (which must
-// accept the bytes; "C.UTF-8" for UTF-8). Returns false when gencat failed.
+// accept the bytes; "C.UTF-8" for UTF-8), making the file's directory when
+// it is missing. Returns false when gencat failed.
 bool makeCatalog(const std::string& path, const std::vector<CatMsg>& msgs,
                  const std::string& charset = "", const std::string& gencatLocale = "C.UTF-8");
 

@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "core/svcutl/msgint.h"
@@ -59,8 +60,6 @@ class Cache : public ::testing::Test {
  protected:
   void SetUp() override {
     const std::string c = dir_.file("C");
-    zar::test::makeDirs(c);
-    zar::test::makeDirs(dir_.file("de_DE.UTF-8"));
     for (int comp = 0; comp < kComponents; ++comp) {
       char name[4];
       zar_msg__inq_comp(code(comp, 0), name);
@@ -139,28 +138,26 @@ TEST_F(Cache, NamesFallbacksLocalesAndConversions) {
 
 TEST_F(Cache, BadArgumentsGiveStatusCodes) {
   static const std::string kHugeLocale(5000, 'q');
-  const struct {
-    uint32_t code;
-    const char *locale, *cs;
-    int type;
-    uint32_t want;
-  } rows[] = {{0, "C", nullptr, 4, ZAR_S_OK},
-              {code(0, 1), "C", nullptr, 5, ZAR_S_MSG_BAD_OPEN_TYPE},
-              {code(0, 1), "C", nullptr, -1, ZAR_S_MSG_BAD_OPEN_TYPE},
-              {code(0, 1), "C", "no-such-code-set", 4, ZAR_S_MSG_CAT_OPEN_FAILED},
-              {code(0, 1), "xx_NOWHERE", nullptr, 4, ZAR_S_MSG_CAT_NOT_FOUND},
-              {code(0, 1), kHugeLocale.c_str(), nullptr, 4, ZAR_S_MSG_CAT_NOT_FOUND},
-              {0x30FFF001u, "C", nullptr, 4, ZAR_S_MSG_CAT_NOT_FOUND},
-              {code(0, 99), "C", nullptr, 4, ZAR_S_MSG_NOT_IN_CATALOG},
-              {code(9, 1), "de_DE.UTF-8", nullptr, 4, ZAR_S_MSG_CAT_NO_PERMISSION}};
+  const std::tuple<uint32_t, const char*, const char*, int, uint32_t> rows[] = {
+      // code, locale, code set, open type, status
+      {0, "C", nullptr, 4, ZAR_S_OK},
+      {code(0, 1), "C", nullptr, 5, ZAR_S_MSG_BAD_OPEN_TYPE},
+      {code(0, 1), "C", nullptr, -1, ZAR_S_MSG_BAD_OPEN_TYPE},
+      {code(0, 1), "C", "no-such-code-set", 4, ZAR_S_MSG_CAT_OPEN_FAILED},
+      {code(0, 1), "xx_NOWHERE", nullptr, 4, ZAR_S_MSG_CAT_NOT_FOUND},
+      {code(0, 1), kHugeLocale.c_str(), nullptr, 4, ZAR_S_MSG_CAT_NOT_FOUND},
+      {0x30FFF001u, "C", nullptr, 4, ZAR_S_MSG_CAT_NOT_FOUND},
+      {code(0, 99), "C", nullptr, 4, ZAR_S_MSG_NOT_IN_CATALOG},
+      {code(9, 1), "de_DE.UTF-8", nullptr, 4, ZAR_S_MSG_CAT_NO_PERMISSION}};
   Texts want;
-  for (const auto& r : rows) want.push_back(withStatus(nullptr, r.want));
+  for (const auto& r : rows) want.push_back(withStatus(nullptr, std::get<4>(r)));
   EXPECT_EQ(want, inChild([&] {
               Texts t;
-              for (const auto& r : rows) {
+              for (const auto& [code, locale, cs, type, status] : rows) {
                 // The last row's catalog cannot be read.
-                FaultPlan plan(zar::fault::Op::kOpen, &r == std::end(rows) - 1 ? 1 : 0, true, EACCES);
-                t.push_back(localeMsg(r.code, r.locale, r.cs, r.type));
+                FaultPlan plan(zar::fault::Op::kOpen, status == ZAR_S_MSG_CAT_NO_PERMISSION, true,
+                               EACCES);
+                t.push_back(localeMsg(code, locale, cs, type));
               }
               return t;
             }));

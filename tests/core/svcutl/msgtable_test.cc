@@ -6,6 +6,7 @@
 
 #include <random>
 #include <string>
+#include <tuple>
 
 #include "core/svcutl/msgint.h"
 #include "platform/nlz.h"
@@ -57,39 +58,32 @@ std::string errText(uint32_t code, bool utf8 = false) {
 }
 
 TEST(Layout, TagAndComponentOfEveryTechnology) {
-  const struct {
-    uint32_t code;
-    const char *tech, *comp;
-  } rows[] = {{0x38C52096, "kp", "wsc"},   {0x38C53137, "kp", "wsd"},  {0x38C58096, "kp", "wsi"},
-              {0x10652203, "dce", "bas"},  {0x1354A1C8, "dce", "ivc"}, {0x16C9A088, "dce", "rpc"},
-              {0x1460101E, "dce", "lib"},  {0x20000000, "dfs", "aaa"}, {0x60000000, "???", "aaa"},
-              {0x40000000, "", "aaa"},     {0x3FA00000, "kp", ""},  // component 64000: no name
-              {0xFFFFFFFF, "???", ""}};
-  for (const auto& r : rows) {
+  const std::pair<uint32_t, const char*> rows[] = {  // code, "tag/component"
+      {0x38C52096, "kp/wsc"},  {0x38C53137, "kp/wsd"},  {0x38C58096, "kp/wsi"},
+      {0x10652203, "dce/bas"}, {0x1354A1C8, "dce/ivc"}, {0x16C9A088, "dce/rpc"},
+      {0x1460101E, "dce/lib"}, {0x20000000, "dfs/aaa"}, {0x60000000, "?\?\?/aaa"},
+      {0x40000000, "/aaa"},    {0x3FA00000, "kp/"},  // component 64000: no name
+      {0xFFFFFFFF, "?\?\?/"}};
+  for (const auto& [code, want] : rows) {
     char tech[4], comp[4];
-    zar_msg__inq_tech(r.code, tech);
-    zar_msg__inq_comp(r.code, comp);
-    EXPECT_EQ(std::string(r.tech) + "/" + r.comp, std::string(tech) + "/" + comp)
-        << hexStatus(r.code);
+    zar_msg__inq_tech(code, tech);
+    zar_msg__inq_comp(code, comp);
+    EXPECT_EQ(want, std::string(tech) + "/" + comp) << hexStatus(code);
   }
 }
 
 TEST(CompiledTables, HaveTheirCountsAndAreSortedByCode) {
-  const struct {
-    const zar_msg_entry* table;
-    uint32_t count, lowest, highest;
-  } rows[] = {{zarsv_client_svc_g_table, 114, 0x38C52096, 0x38C52FD4},
-              {zarsv_deploy_svc_g_table, 864, 0x38C53096, 0x38C53FD7},
-              {zarsv_if_svc_g_table, 100, 0x38C58096, 0x38C58FD3}};
+  const std::tuple<const zar_msg_entry*, uint32_t, uint32_t, uint32_t> rows[] = {
+      {zarsv_client_svc_g_table, 114, 0x38C52096, 0x38C52FD4},  // count, lowest, highest
+      {zarsv_deploy_svc_g_table, 864, 0x38C53096, 0x38C53FD7},
+      {zarsv_if_svc_g_table, 100, 0x38C58096, 0x38C58FD3}};
   for (int i = 0; i < 3; ++i) {
     const zar_msg_table& t = zar_msg_g_compiled_table[i];
-    EXPECT_EQ(rows[i].table, t.entries);
-    EXPECT_EQ((std::vector<uint32_t>{rows[i].count, rows[i].lowest, rows[i].highest}),
-              (std::vector<uint32_t>{t.count, t.lowest, t.highest}));
+    EXPECT_EQ(rows[i], std::tuple(t.entries, t.count, t.lowest, t.highest));
     for (uint32_t k = 0; k < t.count; ++k) {
+      unsigned long st = 1;
       ASSERT_NE(nullptr, t.entries[k].text);
       EXPECT_TRUE(k == 0 || t.entries[k - 1].code < t.entries[k].code) << k;
-      unsigned long st = 1;
       EXPECT_EQ(t.entries[k].text, zar_msg_get_default_msg(t.entries[k].code, &st));  // no copy
       EXPECT_ZAR_OK(st);
     }
@@ -183,8 +177,8 @@ TEST(ErrorText, FormsWithAndWithoutText) {
     return Texts{errText(ZAR_S_SVC_DYN_ROUTE_LOCK), errText(ZAR_S_UUID_NO_MEMORY, true)};
   });
   ASSERT_EQ(2u, found.size());
-  EXPECT_TRUE(found[0].ends_with(". (dce / ivc)")) << found[0];
-  EXPECT_TRUE(found[1].ends_with(". (kp / rpc)")) << found[1];
+  EXPECT_TRUE(found[0].ends_with(" (dce / ivc)")) << found[0];
+  EXPECT_TRUE(found[1].ends_with(" (kp / rpc)")) << found[1];
 }
 
 // Every status code the library returns has a text once the catalogs are there.

@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <random>
 #include <string>
-#include <thread>
+#include <tuple>
 #include <vector>
 
 #include "tests/testutil/stress.h"
@@ -47,11 +47,8 @@ std::string localAt(int64_t unixSeconds) {
 
 TEST(ZoneChoice, AnswersOffsetFlagAndAbbreviation) {
   const char* kEastern = "EST5EDT,M3.2.0,M11.1.0";
-  const struct {
-    const char* tz;
-    int64_t when;
-    const char* want;  // null: the last-ditch zone of offset 0 named after TZ
-  } rows[] = {
+  const std::tuple<const char*, int64_t, const char*> rows[] = {
+      // TZ, instant, answer (null: the last-ditch zone of offset 0 named after TZ)
       {"", kJul2024, "0 0 GMT"},            {kEastern, kJul2024, "-14400 1 EDT"},
       {kEastern, kJan2024, "-18000 0 EST"}, {"EST5EDT;M3.2.0,M11.1.0", kJul2024, "-14400 1 EDT"},
       {kEastern, kJul2040, "-18000 0 EST"},  // past the last transition
@@ -68,18 +65,16 @@ TEST(ZoneChoice, AnswersOffsetFlagAndAbbreviation) {
       {"Australia/Sydney", kJan2024, "39600 1 AEDT"}, {"right/Europe/Berlin", kJul2024, "7200 1 CEST"},
       {"America", kJul2024, nullptr},       {"/etc/passwd", kJul2024, nullptr},
       {"No/Such.Zone", kJul2024, nullptr}};
-  for (const auto& r : rows) {
-    ScopedEnv tz("TZ", r.tz);
-    EXPECT_EQ(r.want ? r.want : "0 0 " + std::string(r.tz), localAt(r.when)) << r.tz;
+  for (const auto& [tzValue, when, want] : rows) {
+    ScopedEnv tz("TZ", tzValue);
+    EXPECT_EQ(want ? want : "0 0 " + std::string(tzValue), localAt(when)) << tzValue;
   }
-}
-
-TEST(ZoneChoice, HugeOrOddTzFallsBackToAZoneNamedAfterIt) {
+  // Huge or odd values fall back to a zone named after their first 100 bytes.
   test::TempDir dir;
   const std::string fifo = dir.file("zone");  // must not hang the reader
   ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
-  const std::string rule = "EST5EDT,M3.2.0,M11.1.0" + std::string(5000, '9');
-  for (const std::string& v : {std::string(5000, 'A'), rule, "/" + std::string(5000, 'x'), fifo}) {
+  for (const std::string& v : {std::string(5000, 'A'), kEastern + std::string(5000, '9'),
+                               "/" + std::string(5000, 'x'), fifo}) {
     ScopedEnv tz("TZ", v);
     EXPECT_EQ("0 0 " + v.substr(0, 100), localAt(kJul2024));
   }
@@ -234,12 +229,8 @@ TEST(ZoneFile, DamagedTruncatedOrOverLimitDataIsRejected) {
   const uint32_t timecnt = get32(f, 32), typecnt = get32(f, 36), charcnt = get32(f, 40);
   const size_t types = 44 + 4 * timecnt, ttis = types + timecnt;
   const size_t indicators = ttis + 6 * typecnt + charcnt + 8 * get32(f, 28);
-  const struct {
-    const char* what;
-    size_t at;
-    uint32_t value;
-    int width;  // 4: a count, 1: a byte, 0: cut the file at `at`
-  } rows[] = {{"eleven types", 36, 11, 4},          {"no types", 36, 0, 4},
+  const std::tuple<const char*, size_t, uint32_t, int> rows[] = {
+      // damage, offset, value, width (4: a count, 1: a byte, 0: cut the file at the offset){"eleven types", 36, 11, 4},          {"no types", 36, 0, 4},
               {"too many transitions", 32, 371, 4}, {"negative transitions", 32, 0x80000000u, 4},
               {"abbreviations over 100", 40, 101, 4}, {"indicator count mismatch", 24, 5, 4},
               {"huge leap count", 28, 0x7FFFFFFF, 4}, {"negative leap count", 28, 0xFFFFFFFF, 4},
@@ -247,12 +238,12 @@ TEST(ZoneFile, DamagedTruncatedOrOverLimitDataIsRejected) {
               {"abbreviation index past end", ttis + 5, charcnt + 1, 1},
               {"indicator two", indicators, 2, 1},
               {"cut before indicators", indicators + typecnt - 1, 0, 0}, {"cut in header", 43, 0, 0}};
-  for (const auto& r : rows) {
+  for (const auto& [what, at, value, width] : rows) {
     std::string bad = f;
-    if (r.width == 4) put32(&bad, r.at, r.value);
-    if (r.width == 1) bad[r.at] = static_cast<char>(r.value);
-    if (r.width == 0) bad.resize(r.at);
-    EXPECT_EQ(-1, loadBytes(bad, &zd)) << r.what;
+    if (width == 4) put32(&bad, at, value);
+    if (width == 1) bad[at] = static_cast<char>(value);
+    if (width == 0) bad.resize(at);
+    EXPECT_EQ(-1, loadBytes(bad, &zd)) << what;
   }
   // Every prefix of a real file loads only when complete.
   const std::string berlin = zoneFile("Europe/Berlin");

@@ -87,7 +87,8 @@ Source parseSource(const std::string& path) {
 // false, with the reason, for anything that engine rejects.
 bool conversions(const std::string& f, std::vector<std::string>* sig, std::string* why) {
   static const std::regex kConversion(
-      R"(%(\d+\$)?[ #'+\-0]*(\d+|\*(\d+\$)?)?(\.(\d+|\*(\d+\$)?)?)?(ll|l|h|L|q)?([cCsSdiouxXpeEfgG%]))");
+      R"(%(\d+\$)?[ #'+\-0]*(\d+|\*(\d+\$)?)?)"                    // n$, flags, width
+      R"((\.(\d+|\*(\d+\$)?)?)?(ll|l|h|L|q)?([cCsSdiouxXpeEfgG%]))");  // precision, length
   for (size_t p = f.find('%'); p != std::string::npos; p = f.find('%', p)) {
     std::smatch m;
     if (!std::regex_search(f.begin() + p, f.end(), m, kConversion,
@@ -107,7 +108,8 @@ std::string messagesDir() { return test::sourceDir() + "/messages/"; }
 
 using Ranges = std::vector<std::pair<int, int>>;
 bool inRanges(int n, const Ranges& ranges) {
-  return std::any_of(ranges.begin(), ranges.end(), [n](auto r) { return n >= r.first && n <= r.second; });
+  return std::any_of(ranges.begin(), ranges.end(),
+                     [n](auto r) { return n >= r.first && n <= r.second; });
 }
 
 struct FileRow {
@@ -119,8 +121,8 @@ struct FileRow {
 };
 
 const std::vector<FileRow> kFiles = {
-    {"wsc", "3", "zarsv_client_svc_g_table", 114, {{150, 180}, {300, 328}, {450, 500}, {4050, 4052}},
-     {{150, 180}}},
+    {"wsc", "3", "zarsv_client_svc_g_table", 114,
+     {{150, 180}, {300, 328}, {450, 500}, {4050, 4052}}, {{150, 180}}},
     {"wsd", "3", "zarsv_deploy_svc_g_table", 864, {{150, 1007}, {4050, 4055}}, {{311, 312}}},
     {"wsi", "3", "zarsv_if_svc_g_table", 100, {{150, 215}, {300, 331}, {4050, 4051}}, {{300, 331}}},
     {"bas", "1", nullptr, 13, {{500, 522}}, {}}, {"rpc", "1", nullptr, 4, {{136, 144}}, {}},
@@ -151,8 +153,9 @@ TEST_P(MessageFile, FollowsTheFormatAndTheNumbering) {
     if (text.compare(0, 3, "XKJ") == 0 || inRanges(number, row.identified)) {
       char id[16];  // the identifier, a severity letter and three blanks before the text
       snprintf(id, sizeof id, "XKJS%c%04d", toupper(row.name[2]), number);
-      EXPECT_TRUE(text.size() > 13 && text.compare(0, 9, id) == 0 && text.compare(10, 3, "   ") == 0 &&
-                  std::string("EWI").find(text[9]) != std::string::npos && text[13] != ' ')
+      EXPECT_TRUE(text.size() > 13 && text.compare(0, 9, id) == 0 &&
+                  std::string("EWI").find(text[9]) != std::string::npos &&
+                  text.compare(10, 3, "   ") == 0 && text[13] != ' ')
           << id << " [EWI]   ";
       body = text.substr(std::min<size_t>(13, text.size()));
     }

@@ -87,7 +87,8 @@ TEST(Wide, SurrogatePairsAreOneCharacterBothWays) {
       {"UTF-8", "a\xe2\x82\xac\xf0\x9d\x84\x9e", {0x61, 0x20AC, 0xD834, 0xDD1E}},
       {"EUC-JP", "\xa4\xa2z", {0x3042, 0x7A}}, {"ISO-8859-1", "\xe4", {0xE4}},
       // ASCII alone, and an ASCII run before other characters.
-      {"UTF-8", "k = v", {0x6B, 0x20, 0x3D, 0x20, 0x76}}, {"UTF-8", "ab\xc3\xa9", {0x61, 0x62, 0xE9}},
+      {"UTF-8", "k = v", {0x6B, 0x20, 0x3D, 0x20, 0x76}},
+      {"UTF-8", "ab\xc3\xa9", {0x61, 0x62, 0xE9}},
       {"ISO-8859-1", "ab\xe4", {0x61, 0x62, 0xE4}}, {"EUC-JP", "ab", {0x61, 0x62}}};
   for (const auto& [name, mb, wide] : rows) {
     SCOPED_TRACE(name + (" " + mb));
@@ -114,7 +115,8 @@ TEST(OneChar, WctombAndMblenAgree) {
   const std::tuple<const char*, uint32_t, std::string> rows[] = {  // "": not representable
       {"UTF-8", 0x41, "A"}, {"UTF-8", 0xE4, "\xc3\xa4"}, {"UTF-8", 0x1D11E, "\xf0\x9d\x84\x9e"},
       {"ISO-8859-1", 0xE4, "\xe4"}, {"ISO-8859-1", 0x20AC, ""}, {"EUC-JP", 0x3042, "\xa4\xa2"},
-      {"EUC-JP", 0x41, "A"}, {"UTF-8", 0xD800, ""}, {"UTF-8", 0x110000, ""}, {"US-ASCII", 0xE4, ""}};
+      {"EUC-JP", 0x41, "A"}, {"UTF-8", 0xD800, ""}, {"UTF-8", 0x110000, ""},
+      {"US-ASCII", 0xE4, ""}};
   for (const auto& [name, wc, bytes] : rows) {
     SCOPED_TRACE(name + (" " + std::to_string(wc)));
     char out[8];

@@ -130,7 +130,8 @@ TEST(CatalogReader, AgreesWithTheSystemCatgetsOnEveryMessage) {
   ASSERT_NE(reinterpret_cast<nl_catd>(-1), sys);
   for (const CatMsg& m : msgs) {
     EXPECT_STREQ(m.text.c_str(), nlz_catgets(cat.get(), m.set, m.num, "?", nullptr));
-    EXPECT_STREQ(catgets(sys, m.set, m.num, "!"), nlz_catgets(cat.get(), m.set, m.num, "?", nullptr));
+    EXPECT_STREQ(catgets(sys, m.set, m.num, "!"),
+                 nlz_catgets(cat.get(), m.set, m.num, "?", nullptr));
   }
   EXPECT_STREQ("?", nlz_catgets(cat.get(), 1, 2, "?", nullptr));
   catclose(sys);

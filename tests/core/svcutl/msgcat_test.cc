@@ -71,7 +71,8 @@ class Cache : public ::testing::Test {
     ASSERT_TRUE(zar::test::makeCatalog(dir_.file("de_DE.UTF-8/kpaaa.cat"),
                                        {{1, "Gr\xc3\xbc\xc3\x9f" "e"}}, "UTF-8"));
     // Technology 4: catalog "dce%6.6lx.cat" of code >> 14, numbers code & 0x3FFF.
-    ASSERT_TRUE(zar::test::makeCatalog(c + "/dce010000.cat", {{1, "the facility"}, {77, "vendor text"}}));
+    ASSERT_TRUE(zar::test::makeCatalog(c + "/dce010000.cat",
+                                       {{1, "the facility"}, {77, "vendor text"}}));
   }
 
   Texts inChild(const std::function<Texts()>& fn, bool debug = false) {
@@ -88,7 +89,8 @@ class Cache : public ::testing::Test {
 
 TEST_F(Cache, OpensOnceEvictsTheLeastRecentlyUsedAndCopies) {
   EXPECT_EQ((Texts{expected(0, 1), "1", expected(0, 2), "0",
-                   "<null> #" + hexStatus(ZAR_S_MSG_NOT_IN_CATALOG), expected(0, 20) + " #0x00000007",
+                   "<null> #" + hexStatus(ZAR_S_MSG_NOT_IN_CATALOG),
+                   expected(0, 20) + " #0x00000007",
                    "0", "0", "1", "0", "1"}),
             inChild([] {
               Texts t;

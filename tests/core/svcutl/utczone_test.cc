@@ -27,6 +27,7 @@ constexpr int64_t kJul2024 = 1'719'835'200;  // 2024-07-01 12:00 UTC
 constexpr int64_t kJan2024 = 1'705'320'000;  // 2024-01-15 12:00 UTC
 constexpr int64_t kJul2040 = 2'224'756'800;  // 2040-07-01 12:00 UTC
 constexpr int64_t kJul1960 = -299'246'400;   // 1960-07-11 12:00 UTC
+constexpr int64_t kDst2024 = 1'710'054'000;  // 2024-03-10 07:00 UTC: summer time begins in New York
 
 utc_t at(int64_t unixSeconds) {
   struct timespec ts = {unixSeconds, 0};
@@ -55,14 +56,21 @@ TEST(ZoneChoice, AnswersOffsetFlagAndAbbreviation) {
       {"EST5EDT4:30,M3.2.0,M11.1.0", kJul2024, "-16200 1 EDT"},
       {"JST-9", kJul2024, "32400 0 JST"},   {"ABC", kJul2024, "0 0 ABC"},
       {"XY5", kJul2024, nullptr},           {"EST5EDT,M3.2.0/24,M11.1.0", kJul2024, "-14400 1 EDT"},
-      {"EST5EDT,M3.2.0/25,M11.1.0", kJul2024, nullptr}, {"EST5EDT,M3.6.0,M11.1.0", kJul2024, nullptr},
+      {"EST5EDT,M3.2.0/25,M11.1.0", kJul2024, nullptr},
+      {"EST5EDT,M3.6.0,M11.1.0", kJul2024, nullptr},
       {"EST5EDT,M3.2.7,M11.1.0", kJul2024, nullptr}, {"EST5EDT,M3.2.0,M11.1.0,", kJul2024, nullptr},
       {"EST25", kJul2024, nullptr},         {"<+05>-5", kJul2024, nullptr},
       {"CET-1CEST", kJul2024, nullptr},     {":EST5EDT,M3.2.0,M11.1.0", kJul2024, nullptr},
-      {"America/New_York", kJul2024, "-14400 1 EDT"}, {":America/New_York", kJan2024, "-18000 0 EST"},
+      {"America/New_York", kJul2024, "-14400 1 EDT"},
+      {":America/New_York", kJan2024, "-18000 0 EST"},
       {"America/New_York", kJul1960, "-14400 1 EDT"},
+      // A transition instant belongs to the type it starts (2024-03-10 07:00 UTC).
+      {"America/New_York", kDst2024 - 1, "-18000 0 EST"},
+      {"America/New_York", kDst2024, "-14400 1 EDT"},
+      {kEastern, kDst2024 - 1, "-18000 0 EST"}, {kEastern, kDst2024, "-14400 1 EDT"},
       {"/usr/share/zoneinfo/Asia/Kolkata", kJul2024, "19800 0 IST"},
-      {"Australia/Sydney", kJan2024, "39600 1 AEDT"}, {"right/Europe/Berlin", kJul2024, "7200 1 CEST"},
+      {"Australia/Sydney", kJan2024, "39600 1 AEDT"},
+      {"right/Europe/Berlin", kJul2024, "7200 1 CEST"},
       {"America", kJul2024, nullptr},       {"/etc/passwd", kJul2024, nullptr},
       {"No/Such.Zone", kJul2024, nullptr}};
   for (const auto& [tzValue, when, want] : rows) {
@@ -159,7 +167,9 @@ uint32_t get32(const std::string& s, size_t off) {
   for (int i = 0; i < 4; ++i) v = (v << 8) | static_cast<unsigned char>(s[off + i]);
   return v;
 }
-std::string zoneFile(const char* name) { return test::readFile(std::string(kZoneDir) + "/" + name); }
+std::string zoneFile(const char* name) {
+  return test::readFile(std::string(kZoneDir) + "/" + name);
+}
 int loadBytes(const std::string& bytes, ZoneData* zd) {
   return tzloadBuffer(zd, reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
 }
@@ -230,14 +240,15 @@ TEST(ZoneFile, DamagedTruncatedOrOverLimitDataIsRejected) {
   const size_t types = 44 + 4 * timecnt, ttis = types + timecnt;
   const size_t indicators = ttis + 6 * typecnt + charcnt + 8 * get32(f, 28);
   const std::tuple<const char*, size_t, uint32_t, int> rows[] = {
-      // damage, offset, value, width (4: a count, 1: a byte, 0: cut the file at the offset){"eleven types", 36, 11, 4},          {"no types", 36, 0, 4},
-              {"too many transitions", 32, 371, 4}, {"negative transitions", 32, 0x80000000u, 4},
-              {"abbreviations over 100", 40, 101, 4}, {"indicator count mismatch", 24, 5, 4},
-              {"huge leap count", 28, 0x7FFFFFFF, 4}, {"negative leap count", 28, 0xFFFFFFFF, 4},
-              {"type index equals count", types + 3, typecnt, 1}, {"isdst two", ttis + 4, 2, 1},
-              {"abbreviation index past end", ttis + 5, charcnt + 1, 1},
-              {"indicator two", indicators, 2, 1},
-              {"cut before indicators", indicators + typecnt - 1, 0, 0}, {"cut in header", 43, 0, 0}};
+      // damage, offset, value, width (4: a count, 1: a byte, 0: cut the file at the offset)
+      {"eleven types", 36, 11, 4},           {"no types", 36, 0, 4},
+      {"too many transitions", 32, 371, 4},  {"negative transitions", 32, 0x80000000u, 4},
+      {"abbreviations over 100", 40, 101, 4}, {"indicator count mismatch", 24, 5, 4},
+      {"huge leap count", 28, 0x7FFFFFFF, 4}, {"negative leap count", 28, 0xFFFFFFFF, 4},
+      {"type index equals count", types + 3, typecnt, 1}, {"isdst two", ttis + 4, 2, 1},
+      {"abbreviation index past end", ttis + 5, charcnt + 1, 1},
+      {"indicator two", indicators, 2, 1},
+      {"cut before indicators", indicators + typecnt - 1, 0, 0}, {"cut in header", 43, 0, 0}};
   for (const auto& [what, at, value, width] : rows) {
     std::string bad = f;
     if (width == 4) put32(&bad, at, value);
@@ -297,6 +308,8 @@ struct Peer {
   int64_t from;  // first instant compared
 };
 
+void PrintTo(const Peer& p, std::ostream* os) { *os << p.tz; }
+
 class AgreesWithGlibc : public testing::TestWithParam<Peer> {};
 
 TEST_P(AgreesWithGlibc, OnRandomInstants) {
@@ -315,7 +328,8 @@ TEST_P(AgreesWithGlibc, OnRandomInstants) {
     ASSERT_NE(nullptr, localtime_r(&s, &ref));
     std::string want = std::to_string(ref.tm_gmtoff) + (ref.tm_isdst > 0 ? " 1 " : " 0 ") +
                        ref.tm_zone, got = localAt(s);
-    if (got != want && ++mismatches <= 5) ADD_FAILURE() << s << ": zar " << got << ", glibc " << want;
+    if (got != want && ++mismatches <= 5)
+      ADD_FAILURE() << s << ": zar " << got << ", glibc " << want;
   }
   EXPECT_EQ(0, mismatches);
 }

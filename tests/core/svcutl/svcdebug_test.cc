@@ -5,7 +5,6 @@
 #include <ctype.h>
 #include <string.h>
 
-#include <algorithm>
 #include <regex>
 #include <string>
 #include <vector>
@@ -16,8 +15,7 @@
 
 namespace {
 
-using zar::test::CaptureFd;
-using zar::test::ScopedEnv;
+using namespace zar::test;
 constexpr uint32_t kBad = ZAR_S_SVC_BAD_ROUTE;
 
 class SvcDebug : public ::testing::Test {
@@ -42,7 +40,7 @@ class SvcDebug : public ::testing::Test {
   }
   zar_svc_subcomp table_[4] = {{"main", "", 0x11, 0}, {"net", "", 0x12, 0}, {"aux", "", 0, 0}, {}};
   std::vector<zar_svc_handle> handles_;
-  zar::test::TempDir dir_;
+  TempDir dir_;
 };
 
 unsigned long call(void (*fn)(const char*, unsigned long*), const std::string& setting) {
@@ -69,50 +67,41 @@ TEST_F(SvcDebug, PrintedUpToTheSubComponentsLevelInTheirForm) {
   CaptureFd err(2);
   zar_svc__debug(h, 0, 3, "n=%d", 4);
   zar_svc__debug_withfile(h, "src/a/b.cc", 42, 0, 5, "m");
-  const std::string thread = " 0x[0-9a-f]{8,}\n";
-  EXPECT_TRUE(std::regex_match(out.text(),
-                               std::regex(".+ PID#\\d+ DEBUG3 frm main \\? 0" + thread + "n=4\n.+ " +
-                                          "PID#\\d+ DEBUG5 frm main src/a/b\\.cc 42" + thread + "m\n")))
-      << out.text();
-  EXPECT_NE(std::string::npos, err.text().find("<Trace Level=\"MIN\">\n <Time Millis="));
-  EXPECT_NE(std::string::npos,
-            err.text().find("<Source FileName=\"src/a/b.cc\" Method=\"unknown\" Line=\"42\">"
-                            "</Source>\n"));
-  EXPECT_NE(std::string::npos, err.text().find("Level]]></KeyName> <Value><![CDATA[5]]></Value>"
-                                               "</LogAttribs>\n <LogText><![CDATA[m ]]></LogText>"
-                                               "\n</Trace>\n\n"));
+  const std::string thread = " 0x[0-9a-f]{8,}\n", xml = err.text();
+  const std::string text = ".+ PID#\\d+ DEBUG3 frm main \\? 0" + thread + "n=4\n" +
+                           ".+ PID#\\d+ DEBUG5 frm main src/a/b\\.cc 42" + thread + "m\n";
+  EXPECT_TRUE(std::regex_match(out.text(), std::regex(text))) << out.text();
+  for (const char* part :
+       {"<Trace Level=\"MIN\">\n <Time Millis=",
+        "<Source FileName=\"src/a/b.cc\" Method=\"unknown\" Line=\"42\"></Source>\n",
+        "Level]]></KeyName> <Value><![CDATA[5]]></Value></LogAttribs>\n <LogText><![CDATA[m ]]>"
+        "</LogText>\n</Trace>\n\n"})
+    EXPECT_NE(std::string::npos, xml.find(part)) << part << "\n" << xml;
   EXPECT_EQ(5u, zar_svc__debug_fillin2(h, 0));
   EXPECT_EQ(0u, zar_svc__debug_fillin2(h, 3));
   EXPECT_EQ(0u, zar_svc__debug_fillin2(nullptr, 0));
 }
 
-struct LevelCase {
-  const char* list;
-  uint32_t status;
-  uint32_t main, net, aux;  // level words afterwards (aux starts as 0x1F5)
-  friend void PrintTo(const LevelCase& c, std::ostream* os) { *os << c.list; }
-};
-class SvcLevelList : public SvcDebug, public ::testing::WithParamInterface<LevelCase> {};
-
-TEST_P(SvcLevelList, AppliesItemsUpToTheFirstBadOne) {
+TEST_F(SvcDebug, LevelListsApplyItemsUpToTheFirstBadOne) {
   registerComponent("ll");
-  const LevelCase& c = GetParam();
-  table_[2].level = 0x1F5;
-  EXPECT_ZAR_STATUS(c.status, setLevels(std::string("ll:") + c.list));
-  EXPECT_EQ((std::vector<uint32_t>{c.main, c.net, c.aux}),
-            (std::vector<uint32_t>{table_[0].level, table_[1].level, table_[2].level}));
+  // Level words afterwards; bits 4 to 7 of a word are kept (aux starts as 0x1F5).
+  const struct { const char* list; uint32_t status, main, net, aux; } kCases[] = {
+      {"*.9", 0, 9, 9, 0xF9}, {"main.3,net.7", 0, 3, 7, 0x1F5},
+      {"main.3,nosuch.7,net.2", kBad, 3, 0, 0x1F5}, {"aux.2", 0, 0, 0, 0xF2},
+      {"main.10", kBad, 0, 0, 0x1F5}, {"main.x", kBad, 0, 0, 0x1F5}, {"main", kBad, 0, 0, 0x1F5},
+      {"main.5x", 0, 5, 0, 0x1F5}, {"main.09", 0, 9, 0, 0x1F5}, {"main.1,", 0, 1, 0, 0x1F5},
+      {",main.1", kBad, 0, 0, 0x1F5}, {"main.1,,net.1", kBad, 1, 0, 0x1F5},
+      {".5", kBad, 0, 0, 0x1F5}, {"MAIN.1", kBad, 0, 0, 0x1F5},
+      {"main.99999999999999999999", kBad, 0, 0, 0x1F5}, {"", 0, 0, 0, 0x1F5}};
+  for (const auto& c : kCases) {
+    table_[0].level = table_[1].level = 0;
+    table_[2].level = 0x1F5;
+    EXPECT_ZAR_STATUS(c.status, setLevels(std::string("ll:") + c.list)) << c.list;
+    EXPECT_EQ((std::vector<uint32_t>{c.main, c.net, c.aux}),
+              (std::vector<uint32_t>{table_[0].level, table_[1].level, table_[2].level}))
+        << c.list;
+  }
 }
-INSTANTIATE_TEST_SUITE_P(
-    Table, SvcLevelList,
-    ::testing::Values(
-        LevelCase{"*.9", 0, 9, 9, 0xF9}, LevelCase{"main.3,net.7", 0, 3, 7, 0x1F5},
-        LevelCase{"main.3,nosuch.7,net.2", kBad, 3, 0, 0x1F5}, LevelCase{"aux.2", 0, 0, 0, 0xF2},
-        LevelCase{"main.10", kBad, 0, 0, 0x1F5}, LevelCase{"main.x", kBad, 0, 0, 0x1F5},
-        LevelCase{"main", kBad, 0, 0, 0x1F5}, LevelCase{"main.5x", 0, 5, 0, 0x1F5},
-        LevelCase{"main.09", 0, 9, 0, 0x1F5}, LevelCase{"main.1,", 0, 1, 0, 0x1F5},
-        LevelCase{",main.1", kBad, 0, 0, 0x1F5}, LevelCase{"main.1,,net.1", kBad, 1, 0, 0x1F5},
-        LevelCase{".5", kBad, 0, 0, 0x1F5}, LevelCase{"MAIN.1", kBad, 0, 0, 0x1F5},
-        LevelCase{"main.99999999999999999999", kBad, 0, 0, 0x1F5}, LevelCase{"", 0, 0, 0, 0x1F5}));
 
 TEST_F(SvcDebug, MalformedAndVeryLongSettings) {
   zar_svc_handle h = registerComponent("long");
@@ -141,50 +130,42 @@ TEST_F(SvcDebug, MalformedAndVeryLongSettings) {
   EXPECT_EQ(1, huge->debug_routes.count);
 }
 
-struct SourceCase {
-  const char* component;
-  const char* before;    // a setting made before registration, or null
-  const char* variable;  // SVC_<COMPONENT>_DBG, or null
-  const char* fileLine;  // the routing file's line
-  int printedUpTo;       // the highest level that prints (0: none)
-};
-class SvcDebugSource : public SvcDebug, public ::testing::WithParamInterface<SourceCase> {};
-
-TEST_P(SvcDebugSource, SettledOnFirstUse) {
-  const SourceCase& c = GetParam();
-  std::string var = std::string("SVC_") + c.component + "_DBG";
-  for (char& ch : var) ch = static_cast<char>(toupper(ch));
-  ScopedEnv env(var.c_str(), c.variable ? std::optional<std::string>(c.variable) : std::nullopt);
-  zar::test::writeFile(dir_.file("routing"), std::string("# debug\n") + c.fileLine + "\n");
-  ScopedEnv file("KP_SVC_ROUTING_FILE", dir_.file("routing"));
-  if (c.before != nullptr) {
-    EXPECT_ZAR_OK(std::count(c.before, c.before + strlen(c.before), ':') == 1 ? setLevels(c.before)
-                                                                              : debugRouting(c.before));
+TEST_F(SvcDebug, SettingsComeFromSavedVariableOrRoutingFileOnFirstUse) {
+  // before: a setting made before registration (levels alone give no
+  // routes); variable: SVC_<COMPONENT>_DBG; printedUpTo: the highest level
+  // that prints (0: none).
+  const struct {
+    const char *component, *before, *variable, *fileLine;
+    int printedUpTo;
+  } kCases[] = {
+      {"sa", "sa:*.4:STDOUT:", "sa:*.9:STDOUT:", "", 4},
+      {"sb", nullptr, "sb:*.9:STDOUT:", "sb:*.2:STDOUT:", 9},
+      {"sc", nullptr, "SC:main.3:STDOUT:", "", 3},
+      {"sd", nullptr, "xyz:*.9:STDOUT:", "sd:*.2:STDOUT:", 0},
+      {"se", nullptr, nullptr, "se:*.2:STDOUT:", 2}, {"sf", nullptr, nullptr, "*:*.1:STDOUT:", 1},
+      {"sg", nullptr, nullptr, "*:STDOUT:", 0}, {"si", "si:*.9", "si:*.9:STDOUT:", "", 0},
+      {"sj", nullptr, "sj:*.5:TEXTFILE:/nonexistent/dir/x", "", 5}};
+  for (const auto& c : kCases) {
+    std::string var = std::string("SVC_") + c.component + "_DBG";
+    for (char& ch : var) ch = static_cast<char>(toupper(ch));
+    ScopedEnv env(var.c_str(), c.variable ? std::optional<std::string>(c.variable) : std::nullopt);
+    writeFile(dir_.file("routing"), std::string("# debug\n") + c.fileLine + "\n");
+    ScopedEnv file("KP_SVC_ROUTING_FILE", dir_.file("routing"));
+    if (c.before != nullptr) {
+      EXPECT_ZAR_OK(strchr(c.before, ':') == strrchr(c.before, ':') ? setLevels(c.before)
+                                                                    : debugRouting(c.before));
+    }
+    zar_svc_handle h = registerComponent(c.component);
+    CaptureFd out(1), err(2);  // err: where routes from a variable fall back
+    int highest = 0;
+    for (uint32_t level = 1; level <= 9; ++level) {
+      size_t before = out.text().size() + err.text().size();
+      zar_svc__debug(h, 0, level, "x");
+      if (out.text().size() + err.text().size() != before) highest = static_cast<int>(level);
+    }
+    EXPECT_EQ(c.printedUpTo, highest) << c.component;
   }
-  zar_svc_handle h = registerComponent(c.component);
-  CaptureFd out(1);
-  CaptureFd err(2);  // where routes from a variable fall back
-  int highest = 0;
-  for (uint32_t level = 1; level <= 9; ++level) {
-    size_t before = out.text().size() + err.text().size();
-    zar_svc__debug(h, 0, level, "x");
-    if (out.text().size() + err.text().size() != before) highest = static_cast<int>(level);
-  }
-  EXPECT_EQ(c.printedUpTo, highest);
 }
-INSTANTIATE_TEST_SUITE_P(
-    Table, SvcDebugSource,
-    ::testing::Values(SourceCase{"sa", "sa:*.4:STDOUT:", "sa:*.9:STDOUT:", "", 4},
-                      SourceCase{"sb", nullptr, "sb:*.9:STDOUT:", "sb:*.2:STDOUT:", 9},
-                      SourceCase{"sc", nullptr, "SC:main.3:STDOUT:", "", 3},
-                      SourceCase{"sd", nullptr, "xyz:*.9:STDOUT:", "sd:*.2:STDOUT:", 0},
-                      SourceCase{"se", nullptr, nullptr, "se:*.2:STDOUT:", 2},
-                      SourceCase{"sf", nullptr, nullptr, "*:*.1:STDOUT:", 1},
-                      SourceCase{"sg", nullptr, nullptr, "*:STDOUT:", 0},
-                      // Levels alone, saved before registration, give no routes.
-                      SourceCase{"si", "si:*.9", "si:*.9:STDOUT:", "", 0},
-                      SourceCase{"sj", nullptr, "sj:*.5:TEXTFILE:/nonexistent/dir/x", "", 5}),
-    [](const auto& info) { return std::string(info.param.component); });
 
 struct LevelEvent {
   std::string component, sub;
@@ -217,7 +198,7 @@ TEST_F(SvcDebug, LevelChangeCallbacksAndTheLocksTheyRunUnder) {
 TEST_F(SvcDebug, RoutesReplacedKeptOrLeftAndGoesTo) {
   zar_svc_handle h = registerComponent("rt");
   std::string log = dir_.file("rt.log");
-  auto lines = [&] { return zar::test::splitLines(zar::test::readFile(log)).size(); };
+  auto lines = [&] { return splitLines(readFile(log)).size(); };
   ASSERT_ZAR_OK(debugRouting("rt:*.2:TEXTFILE:" + log));
   zar_svc__debug(h, 0, 2, "one");
   ASSERT_ZAR_OK(debugRouting("rt:*.1:"));  // levels only

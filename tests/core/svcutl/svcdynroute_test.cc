@@ -48,6 +48,8 @@ bool printsToStderr(uint32_t severity) {
   print(severity);
   return !err.text().empty();
 }
+void opened(const char*, const char*, void*, void**, int32_t* ok) { *ok = 1; }
+void noPrint(void*, void*, zar_svc_prolog*, va_list) {}
 
 TEST_F(SvcDynRoute, TypeTakesOverWaitingRoutesWhichFallBackWhenItGoes) {
   EXPECT_ZAR_OK(route("WARNING:CAPA:arg1"));
@@ -59,7 +61,6 @@ TEST_F(SvcDynRoute, TypeTakesOverWaitingRoutesWhichFallBackWhenItGoes) {
   ASSERT_EQ(1u, cap->records.size());
   EXPECT_EQ("%s", cap->records[0].format);
   EXPECT_EQ(kSysText, cap->records[0].text);
-
   // Removal tells the type once, without route data; the route falls back.
   EXPECT_ZAR_OK(cap->remove());
   EXPECT_EQ(1, cap->typeCloses);
@@ -74,23 +75,21 @@ TEST_F(SvcDynRoute, TypeTakesOverWaitingRoutesWhichFallBackWhenItGoes) {
 }
 
 TEST_F(SvcDynRoute, BadNamesFailedOpensSecondRegistrationsAndUnknownRemovals) {
-  auto opened = [](const char*, const char*, void*, void**, int32_t* ok) { *ok = 1; };
-  auto noop = [](void*, void*, zar_svc_prolog*, va_list) {};
   unsigned long st = 0;
   for (const char* bad : {"", "STDERR", "GOESTO", "FILE", "XMLSTDOUT", "a.b", "a:b", "a;b"}) {
-    zar_svc_add_route(bad, nullptr, opened, noop, nullptr, &st);
+    zar_svc_add_route(bad, nullptr, opened, noPrint, nullptr, &st);
     EXPECT_ZAR_STATUS(ZAR_S_SVC_BAD_ROUTE, st) << bad;
   }
-  zar_svc_add_route("CAPN", nullptr, nullptr, noop, nullptr, &st);  // no open callback
+  zar_svc_add_route("CAPN", nullptr, nullptr, noPrint, nullptr, &st);  // no open callback
   EXPECT_ZAR_STATUS(ZAR_S_SVC_BAD_ROUTE, st);
-  zar_svc_add_route("stderr", nullptr, opened, noop, nullptr, &st);  // kind words are upper case
+  zar_svc_add_route("stderr", nullptr, opened, noPrint, nullptr, &st);  // kinds are upper case
   EXPECT_ZAR_OK(st);
   zar_svc_remove_route("NOSUCHTYPE", &st);
   EXPECT_ZAR_STATUS(ZAR_S_SVC_BAD_ROUTE, st);
 
   CaptureRoute first("CAPB");
   first.onOpen = [](const std::string& where) { return where != "bad"; };
-  zar_svc_add_route("CAPB", nullptr, opened, noop, nullptr, &st);  // the first one stays
+  zar_svc_add_route("CAPB", nullptr, opened, noPrint, nullptr, &st);  // the first one stays
   EXPECT_ZAR_OK(st);
   EXPECT_ZAR_OK(route("NOTICE:CAPB:x"));
   EXPECT_EQ(Strings{"x"}, first.opens);
@@ -116,15 +115,13 @@ TEST_F(SvcDynRoute, EachEntryPointHandsTheTypeTheTextOrTheArguments) {
   zar_svc__debug(h, 0, 3, "n=%d", 4);
   zar_svc__debug_utf8(h, 0, 3, "n=%d", 4);
   zar_svc__debug_utf8_withfile(h, "f", 1, 0, 3, "n=%d", 4);
-  const char* want[][2] = {
-      {"%s", kSysText},
-      {"XKJSC0156E   The %s system routine failed: system error code: %d", kSysText},
-      {"%s", "n=4"}, {"n=%d", "n=4"}, {"%s", "n=4"}};
-  ASSERT_EQ(5u, cap.records.size());
-  for (size_t i = 0; i < 5; ++i) {
-    EXPECT_EQ(want[i][0], cap.records[i].format) << i;
-    EXPECT_EQ(want[i][1], cap.records[i].text) << i;
-  }
+  Strings got;
+  for (const CaptureRoute::Record& r : cap.records) got.push_back(r.format + "|" + r.text);
+  EXPECT_EQ((Strings{std::string("%s|") + kSysText,
+                     "XKJSC0156E   The %s system routine failed: system error code: %d|" +
+                         std::string(kSysText),
+                     "%s|n=4", "n=%d|n=4", "%s|n=4"}),
+            got);
   // Debug routes of a type that goes write nowhere.
   EXPECT_ZAR_OK(cap.remove());
   CaptureFd err(2);
@@ -180,18 +177,14 @@ TEST_F(SvcDynRoute, TypesComeAndGoWhileThreadsPrint) {
     }
     long n = 0;
     for (int i = 0; t == 2 && i < 200; ++i) {
-      auto in = new Instance;
+      auto in = std::make_unique<Instance>();
       unsigned long s = 1;
-      zar_svc_add_route("CAPC", in, Instance::open, Instance::print, Instance::close, &s);
+      zar_svc_add_route("CAPC", in.get(), Instance::open, Instance::print, Instance::close, &s);
       n += s != 0;
       if (i % 4 == 0) n += route("NOTICE:CAPC:n1;CAPC:n2") != 0;  // closes on the type
       zar_svc_remove_route("CAPC", &s);
-      n += s != 0;
-      {
-        std::lock_guard<std::mutex> lock(in->mu);
-        n += in->bad + static_cast<long>(in->live.size());
-      }
-      delete in;
+      std::lock_guard<std::mutex> lock(in->mu);
+      n += (s != 0) + in->bad + static_cast<long>(in->live.size());
     }
     if (t == 2) done.store(true);
     return n;
@@ -207,7 +200,7 @@ std::atomic<bool> gClosedAfterPrint{false};
 TEST_F(SvcDynRoute, RemovalWaitsForARunningPrint) {
   unsigned long st = 1;
   zar_svc_add_route(
-      "CAPW", nullptr, [](const char*, const char*, void*, void**, int32_t* ok) { *ok = 1; },
+      "CAPW", nullptr, opened,
       [](void*, void*, zar_svc_prolog*, va_list) {
         gPhase.store(1);
         while (gPhase.load() != 2) usleep(1000);
@@ -233,11 +226,7 @@ std::atomic<bool> gEntered{false};
 // the thread sanitizer loses track of locks released by a thread cancelled
 // inside a call that it intercepts.
 void standUntilCancelled() {
-  gEntered.store(true);
-  for (;;) {
-    pthread_testcancel();
-    sched_yield();
-  }
+  for (gEntered.store(true);; sched_yield()) pthread_testcancel();
 }
 
 // Runs body on a thread, cancels it inside a callback and joins it; the

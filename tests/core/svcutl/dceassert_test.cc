@@ -6,12 +6,8 @@
 
 #include "core/svcutl/svcint.h"
 #include "tests/testutil/testutil.h"
-#include "zar/svc.h"
 
 namespace {
-
-using zar::test::exitCode;
-using zar::test::runInChild;
 
 class DceAssert : public ::testing::Test {
  protected:
@@ -32,11 +28,8 @@ TEST_F(DceAssert, AFailedCheckIsAFatalRecordThenAnAbort) {
   // With the handle of another component: its sub-component of index 0.
   EXPECT_EXIT(zar___assert(zarsv_deploy_svc_handle, "ok", "f.c", 1),
               ::testing::KilledBySignal(SIGABRT), "FATAL wsd deploy dceassert 54");
-}
-
-TEST_F(DceAssert, ACheckInsideRoutingReportsWithoutDeadlock) {
-  // The saved-settings table asserts that a setting has a ':'; it runs with
-  // the serviceability mutex held.
+  // A check inside routing, with the serviceability mutex held (a saved
+  // setting must have a ':'), reports without a deadlock.
   EXPECT_EXIT(
       {
         zar::svc::SvcLock lock;
@@ -61,14 +54,14 @@ void onRegister(const char* name, zar_svc_subcomp* table) {
 }
 
 TEST_F(DceAssert, TheDceComponentIsRegisteredOnceAndAFilterCanKeepTheProcess) {
-  int status = runInChild([] {
+  int status = zar::test::runInChild([] {
     unsigned long st = 0;
     zar_svc_register_callbacks(onRegister, nullptr, nullptr, &st);
     zar___assert(nullptr, "first", "a.c", 1);
     zar___assert(nullptr, "second", "a.c", 2);
     return gDceRegistrations == 1 && gFiltered == 2 ? 0 : 1;
   });
-  EXPECT_EQ(0, exitCode(status));
+  EXPECT_EQ(0, zar::test::exitCode(status));
 }
 
 }  // namespace

@@ -39,32 +39,31 @@ TEST_F(SvcSave, HeldBackPrintedLaterAgainAndAgainThenCleared) {
   EXPECT_EQ(ZAR_S_SVC_BAD_MSGSAVE_ARGS, zar_svc_msgsave_start(32, 0, nullptr));
   EXPECT_EQ(ZAR_S_SVC_BAD_MSGSAVE_ARGS, zar_svc_msgsave_start(0, 0, &reserved));
   CaptureFd out(1);
+  auto lines = [&] { return splitLines(out.text()); };
   printAt(10);  // nothing started: written at once
   ASSERT_EQ(0u, zar_svc_msgsave_start(31, 0, nullptr));
   printAt(11);
   zar_svc__debug(zarsv_client_svc_handle, 0, 1, "debug");  // never saved
   zar_svc_msgsave_print(0);
   zar_svc_msgsave_clear(0);
-  EXPECT_EQ(2u, splitLines(out.text()).size());
+  EXPECT_EQ(2u, lines().size());
   zar_svc_msgsave_print(-1);
   zar_svc_msgsave_print(-1);
-  auto lines = splitLines(out.text());
-  ASSERT_EQ(6u, lines.size()) << out.text();
-  EXPECT_TRUE(std::regex_search(lines[2], std::regex(" ERROR wsc core save\\.cc 11 0x")));
-  EXPECT_EQ("XKJSC0156E   The read system routine failed: system error code: 11", lines[3]);
-  EXPECT_EQ(lines[2], lines[4]);  // the saving call's time and details, each time
-
+  ASSERT_EQ(6u, lines().size()) << out.text();
+  EXPECT_TRUE(std::regex_search(lines()[2], std::regex(" ERROR wsc core save\\.cc 11 0x")));
+  EXPECT_EQ("XKJSC0156E   The read system routine failed: system error code: 11", lines()[3]);
+  EXPECT_EQ(lines()[2], lines()[4]);  // the saving call's time and details, each time
   // Mode 1: written at once and saved too; starting again keeps the list.
   ASSERT_EQ(0u, zar_svc_msgsave_start(0, 1, nullptr));
   printAt(12);
   zar_svc_msgsave_print(-1);
-  EXPECT_EQ(12u, splitLines(out.text()).size());
+  EXPECT_EQ(12u, lines().size());
   zar_svc_msgsave_clear(-1);
   zar_svc_msgsave_print(-1);
   zar_svc_msgsave_stop(0);
   printAt(13);  // written, not saved
   zar_svc_msgsave_print(-1);
-  EXPECT_EQ(14u, splitLines(out.text()).size());
+  EXPECT_EQ(14u, lines().size());
 }
 
 TEST_F(SvcSave, HeldBackMessagesTakeNoAction) {

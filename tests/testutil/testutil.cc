@@ -20,16 +20,23 @@ std::string hexStatus(uint64_t st) {
   return buf;
 }
 
-TempDir::TempDir() {
+namespace {
+
+// A template for mkdtemp or mkstemp under $TMPDIR (or /tmp).
+std::string tempTemplate(const char* stem) {
   const char* base = getenv("TMPDIR");
-  std::string tmpl = std::string(base && *base ? base : "/tmp") + "/zartest.XXXXXX";
-  std::vector<char> buf(tmpl.begin(), tmpl.end());
-  buf.push_back('\0');
-  if (mkdtemp(buf.data()) == nullptr) {
+  return std::string(base && *base ? base : "/tmp") + "/" + stem + ".XXXXXX";
+}
+
+}  // namespace
+
+TempDir::TempDir() {
+  std::string tmpl = tempTemplate("zartest");
+  if (mkdtemp(tmpl.data()) == nullptr) {
     ADD_FAILURE() << "mkdtemp failed";
     return;
   }
-  path_ = buf.data();
+  path_ = tmpl;
 }
 
 TempDir::~TempDir() {
@@ -57,12 +64,8 @@ ScopedEnv::~ScopedEnv() {
 
 CaptureFd::CaptureFd(int fd) : fd_(fd) {
   fflush(nullptr);
-  const char* base = getenv("TMPDIR");
-  std::string tmpl = std::string(base && *base ? base : "/tmp") + "/zarcap.XXXXXX";
-  std::vector<char> buf(tmpl.begin(), tmpl.end());
-  buf.push_back('\0');
-  int tmp = mkstemp(buf.data());
-  path_ = buf.data();
+  path_ = tempTemplate("zarcap");
+  int tmp = mkstemp(path_.data());
   saved_ = dup(fd_);
   dup2(tmp, fd_);
   close(tmp);
@@ -105,16 +108,8 @@ bool fileExists(const std::string& path) {
 
 std::vector<std::string> splitLines(const std::string& text) {
   std::vector<std::string> lines;
-  std::string cur;
-  for (char c : text) {
-    if (c == '\n') {
-      lines.push_back(cur);
-      cur.clear();
-    } else {
-      cur += c;
-    }
-  }
-  if (!cur.empty()) lines.push_back(cur);
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
   return lines;
 }
 
@@ -145,15 +140,10 @@ namespace {
 // leaving variables that the caller already set.
 [[maybe_unused]] const bool gTestEnvSet = [] {
 #ifdef ZAR_TEST_ENV
-  std::string all = ZAR_TEST_ENV;
-  size_t start = 0;
-  while (start < all.size()) {
-    size_t end = all.find('|', start);
-    if (end == std::string::npos) end = all.size();
-    std::string line = all.substr(start, end - start);
+  std::istringstream all(ZAR_TEST_ENV);
+  for (std::string line; std::getline(all, line, '|');) {
     size_t eq = line.find('=');
     if (eq != std::string::npos) setenv(line.substr(0, eq).c_str(), line.substr(eq + 1).c_str(), 0);
-    start = end + 1;
   }
 #endif
   return true;

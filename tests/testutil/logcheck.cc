@@ -1,20 +1,87 @@
 #include "tests/testutil/logcheck.h"
 
+#include <stdint.h>
+#include <stdio.h>
 #include <stdlib.h>
 
-#include <algorithm>
 #include <sstream>
 
 namespace zar::test {
 namespace {
 
-void note(RecordTally* tally, const std::string& what, const std::string& record) {
-  if (tally->bad.size() < 20) tally->bad.push_back(what + ": " + record.substr(0, 200));
+void note(RecordTally* tally, const std::string& what, std::string_view record) {
+  ++tally->torn;
+  if (tally->bad.size() < 20) tally->bad.push_back(what + ": " + std::string(record.substr(0, 200)));
 }
 
-void count(const std::smatch& m, RecordTally* tally) {
-  tally->seqs[m[1].str()].push_back(strtol(m[2].str().c_str(), nullptr, 10));
-  ++tally->records;
+// Matches s whole against pattern p: '*' any run of bytes, '#' one or more
+// digits, '@' one or more non-blank bytes, '?' one byte, anything else itself.
+bool glob(std::string_view p, std::string_view s) {
+  size_t pi = 0, si = 0, starP = std::string_view::npos, starS = 0;
+  while (pi < p.size() || si < s.size()) {
+    if (pi < p.size()) {
+      char c = p[pi];
+      if (c == '*') {
+        starP = pi++;
+        starS = si;
+        continue;
+      }
+      if (si < s.size()) {
+        if (c == '#' || c == '@') {
+          size_t n = 0;
+          while (si + n < s.size() &&
+                 (c == '#' ? (s[si + n] >= '0' && s[si + n] <= '9') : s[si + n] != ' '))
+            ++n;
+          if (n > 0) {
+            si += n;
+            ++pi;
+            continue;
+          }
+        } else if (c == '?' || c == s[si]) {
+          ++pi;
+          ++si;
+          continue;
+        }
+      }
+    }
+    if (starP == std::string_view::npos || starS >= s.size()) return false;
+    pi = starP + 1;
+    si = ++starS;
+  }
+  return true;
+}
+
+uint32_t fnv1a(std::string_view a, std::string_view b) {
+  uint32_t h = 2166136261u;
+  for (std::string_view part : {a, b}) {
+    for (char c : part) h = (h ^ static_cast<unsigned char>(c)) * 16777619u;
+  }
+  return h;
+}
+
+void count(const Marker& marker, std::string_view text, std::string_view record,
+           RecordTally* tally) {
+  std::string key;
+  long seq = 0;
+  int found = marker(text, &key, &seq);
+  if (found == 0) {
+    note(tally, "no marker", record);
+  } else if (found < 0) {
+    note(tally, "damaged marker", record);
+  } else {
+    tally->seqs[key].push_back(seq);
+    ++tally->records;
+  }
+}
+
+Marker fromRegex(const std::regex& re) {
+  return [&re](std::string_view text, std::string* key, long* seq) {
+    std::match_results<std::string_view::const_iterator> m;
+    if (!std::regex_search(text.begin(), text.end(), m, re)) return 0;
+    *key = m[1].str();
+    *seq = strtol(m[2].str().c_str(), nullptr, 10);
+    return 1;
+  };
 }
 
 }  // namespace
@@ -24,78 +91,184 @@ const std::regex& sysRoutineMarker() {
   return re;
 }
 
-void tallyTextRecords(const std::string& text, const std::regex& marker, RecordTally* tally) {
-  static const std::regex prefix(
-      R"(\d{4}-\d\d-\d\d-\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\dI----- 0x[0-9A-F]{8} \S+ [A-Z_]+ )"
-      R"(\S+ \S+ \S+ \d+ 0x[0-9a-f]{8,} .*)");
-  std::istringstream in(text);
-  std::string line;
-  while (std::getline(in, line)) {
-    std::smatch m;
-    if (!std::regex_match(line, prefix)) {
-      note(tally, "not a record line", line);
-    } else if (!std::regex_search(line, m, marker)) {
-      note(tally, "no marker", line);
-    } else {
-      count(m, tally);
-    }
+std::string stressBody(const std::string& writer, long seq, size_t length) {
+  std::string head = std::string("@") + writer + ":" + std::to_string(seq) + ":";
+  size_t fixed = head.size() + 9;  // the checksum and its ':'
+  std::string lenText;
+  for (;;) {  // the length field counts itself
+    lenText = std::to_string(length) + ":";
+    if (length >= fixed + lenText.size()) break;
+    length = fixed + lenText.size();
   }
-  if (!text.empty() && text.back() != '\n') note(tally, "last record unterminated", "");
+  head += lenText;
+  std::string filler(length - head.size() - 9, 'a');
+  for (size_t i = 0; i < filler.size(); ++i)
+    filler[i] = static_cast<char>('a' + (i * 7 + static_cast<size_t>(seq)) % 26);
+  char sum[16];
+  snprintf(sum, sizeof sum, "%08x:", fnv1a(head, filler));
+  return head + sum + filler;
+}
+
+const Marker& stressMarker() {
+  static const Marker marker = [](std::string_view text, std::string* key, long* seq) {
+    size_t at = text.find('@');
+    if (at == std::string_view::npos) return 0;
+    std::string_view body = text.substr(at);
+    body = body.substr(0, body.find(' '));
+    size_t c1 = body.find(':');
+    size_t c2 = c1 == std::string_view::npos ? c1 : body.find(':', c1 + 1);
+    size_t c3 = c2 == std::string_view::npos ? c2 : body.find(':', c2 + 1);
+    if (c3 == std::string_view::npos || body.size() < c3 + 10 || body[c3 + 9] != ':') return -1;
+    std::string digits(body.substr(c2 + 1, c3 - c2 - 1));
+    if (strtoul(digits.c_str(), nullptr, 10) != body.size()) return -1;
+    std::string sum(body.substr(c3 + 1, 8));
+    if (strtoul(sum.c_str(), nullptr, 16) != fnv1a(body.substr(0, c3 + 1), body.substr(c3 + 10)))
+      return -1;
+    *key = std::string(body.substr(1, c1 - 1));
+    *seq = strtol(std::string(body.substr(c1 + 1, c2 - c1 - 1)).c_str(), nullptr, 10);
+    return 1;
+  };
+  return marker;
+}
+
+void tallyTextRecords(const std::string& text, const Marker& marker, RecordTally* tally) {
+  static constexpr std::string_view kPrefix =
+      "#-#-#-#:#:#.#?#:#I----- 0x@ @ @ @ @ @ # 0x@ *";
+  std::string_view all(text);
+  size_t pos = 0;
+  while (pos < all.size()) {
+    size_t end = all.find('\n', pos);
+    if (end == std::string_view::npos) {
+      note(tally, "last record unterminated", all.substr(pos));
+      break;
+    }
+    std::string_view line = all.substr(pos, end - pos);
+    pos = end + 1;
+    if (!glob(kPrefix, line)) {
+      note(tally, "not a record line", line);
+      continue;
+    }
+    size_t textStart = 0;
+    for (int blanks = 0; blanks < 9; ++blanks) textStart = line.find(' ', textStart) + 1;
+    count(marker, line.substr(textStart), line, tally);
+  }
+}
+
+void tallyTextRecords(const std::string& text, const std::regex& marker, RecordTally* tally) {
+  tallyTextRecords(text, fromRegex(marker), tally);
+}
+
+void tallyXmlRecords(const std::string& text, const Marker& marker, RecordTally* tally) {
+  // One pattern per line; the Param lines may repeat.
+  static constexpr std::string_view kHead[] = {
+      "<Message Id=\"*\" Severity=\"*\">",
+      " <Time Millis=\"#\">#-#-#-#:#:#.#</Time>",
+      " <Component>*</Component>",
+      " <LogAttribs>*</LogAttribs>",
+      " <Source FileName=\"*\" Method=\"unknown\" Line=\"#\"></Source>",
+      " <Process>*</Process>",
+      " <Thread>0x*</Thread>",
+      " <TranslationInfo Type=\"XPG4\" Catalog=\"*\" SetId=\"1\" MsgKey=\"*\">"};
+  static constexpr std::string_view kParam = "  <Param><![CDATA[*]]></Param>";
+  static constexpr std::string_view kTail[] = {" </TranslationInfo>",
+                                               " <LogText><![CDATA[* ]]></LogText>",
+                                               "</Message>"};
+  const std::string_view end = "</Message>\n\n";
+  std::string_view all(text);
+  size_t pos = 0;
+  while (pos < all.size()) {
+    size_t stop = all.find(end, pos);
+    if (stop == std::string_view::npos) {
+      note(tally, "unterminated record", all.substr(pos));
+      break;
+    }
+    std::string_view one = all.substr(pos, stop + end.size() - 1 - pos);
+    pos = stop + end.size();
+    std::vector<std::string_view> lines;
+    for (size_t at = 0; at < one.size();) {
+      size_t nl = one.find('\n', at);
+      lines.push_back(one.substr(at, nl - at));
+      at = nl + 1;
+    }
+    bool ok = lines.size() >= 11;
+    size_t i = 0;
+    for (; ok && i < 8; ++i) ok = glob(kHead[i], lines[i]);
+    if (ok) {
+      std::string_view sev = lines[0].substr(lines[0].rfind('=') + 2);
+      ok = sev == "ERROR\">" || sev == "WARN\">" || sev == "INFO\">";
+    }
+    while (ok && i < lines.size() && glob(kParam, lines[i])) ++i;
+    ok = ok && lines.size() == i + 3;
+    for (size_t t = 0; ok && t < 3; ++t) ok = glob(kTail[t], lines[i + t]);
+    if (!ok) {
+      note(tally, "malformed record", one);
+      continue;
+    }
+    std::string_view logText = lines[i + 1];
+    count(marker, logText.substr(19, logText.size() - 19 - 14), one, tally);
+  }
 }
 
 void tallyXmlRecords(const std::string& text, const std::regex& marker, RecordTally* tally) {
-  static const std::regex record(
-      R"re(<Message Id="[^"]*" Severity="(ERROR|WARN|INFO)">\n <Time Millis="\d+">[^<]{23}</Time>\n)re"
-      R"re( <Component>[^<]+</Component>\n <LogAttribs>.*</LogAttribs>\n)re"
-      R"re( <Source FileName="[^"]*" Method="unknown" Line="\d+"></Source>\n)re"
-      R"re( <Process>[^<]*</Process>\n <Thread>0x[0-9a-f]{8,}</Thread>\n)re"
-      R"re( <TranslationInfo Type="XPG4" Catalog="[^"]+" SetId="1" MsgKey="[0-9a-f]+">\n)re"
-      R"re((  <Param><!\[CDATA\[[^\]]*\]\]></Param>\n)*)re"
-      R"re( </TranslationInfo>\n <LogText><!\[CDATA\[[^\n]* \]\]></LogText>\n</Message>\n)re");
-  const std::string end = "</Message>\n\n";
-  size_t pos = 0;
-  while (pos < text.size()) {
-    size_t stop = text.find(end, pos);
-    if (stop == std::string::npos) {
-      note(tally, "unterminated record", text.substr(pos));
-      break;
+  tallyXmlRecords(text, fromRegex(marker), tally);
+}
+
+Loss judge(const RecordTally& tally,
+           const std::map<std::string, std::pair<long, long>>& expected) {
+  Loss loss;
+  std::ostringstream detail;
+  auto problem = [&detail](const std::string& key, const char* what, long seq) {
+    if (detail.tellp() < 2000) detail << key << ": " << what << " " << seq << "\n";
+  };
+  for (const auto& [key, seqs] : tally.seqs) {
+    auto it = expected.find(key);
+    if (it == expected.end()) {
+      loss.unexpected += static_cast<long>(seqs.size());
+      problem(key, "unexpected writer, records:", static_cast<long>(seqs.size()));
+      continue;
     }
-    std::string one = text.substr(pos, stop + end.size() - 1 - pos);
-    pos = stop + end.size();
-    std::smatch m;
-    if (one.compare(0, 9, "<Message ") != 0 || !std::regex_match(one, record)) {
-      note(tally, "malformed record", one);
-    } else if (!std::regex_search(one, m, marker)) {
-      note(tally, "no marker", one);
-    } else {
-      count(m, tally);
+    auto [first, last] = it->second;
+    std::vector<int> seen(static_cast<size_t>(last - first), 0);
+    long prev = first - 1;
+    for (long s : seqs) {
+      if (s < prev) {
+        ++loss.unordered;
+        problem(key, "out of order:", s);
+      }
+      prev = s;
+      if (s < first || s >= last) {
+        ++loss.unexpected;
+        problem(key, "unexpected number", s);
+      } else if (++seen[static_cast<size_t>(s - first)] == 2) {
+        problem(key, "duplicate", s);
+      }
+    }
+    for (size_t i = 0; i < seen.size(); ++i) {
+      if (seen[i] == 0) {
+        if (loss.lost++ < 5) problem(key, "missing", first + static_cast<long>(i));
+      } else {
+        loss.duplicated += seen[i] - 1;
+      }
     }
   }
+  for (const auto& [key, range] : expected) {
+    if (tally.seqs.count(key) == 0) {
+      loss.lost += range.second - range.first;
+      problem(key, "no records, expected", range.second - range.first);
+    }
+  }
+  loss.detail = detail.str();
+  return loss;
 }
 
 std::string exactlyOnce(const RecordTally& tally, const std::vector<std::string>& keys,
                         long count) {
+  std::map<std::string, std::pair<long, long>> expected;
+  for (const std::string& key : keys) expected[key] = {0, count};
+  Loss loss = judge(tally, expected);
   std::ostringstream problems;
   for (const std::string& b : tally.bad) problems << b << "\n";
-  for (const std::string& key : keys) {
-    auto it = tally.seqs.find(key);
-    std::vector<long> seen = it == tally.seqs.end() ? std::vector<long>() : it->second;
-    std::sort(seen.begin(), seen.end());
-    long expected = 0;
-    for (long n : seen) {
-      if (n != expected) {
-        problems << key << ": " << (n < expected ? "duplicate " : "missing ") << expected << "\n";
-        break;
-      }
-      ++expected;
-    }
-    if (expected == static_cast<long>(seen.size()) && expected != count)
-      problems << key << ": " << seen.size() << " records, expected " << count << "\n";
-  }
-  for (const auto& [key, seqs] : tally.seqs) {
-    if (std::find(keys.begin(), keys.end(), key) == keys.end())
-      problems << "unexpected writer " << key << " (" << seqs.size() << " records)\n";
-  }
+  if (loss.lost + loss.duplicated + loss.unexpected > 0) problems << loss.detail;
   return problems.str();
 }
 

@@ -308,6 +308,7 @@ void zar_svc__check_open(svc_route* route) {
           // Likewise for permissions.
         }
         record->stream = f;
+        record->cutShort = 0;
       } else {
         // The file cannot be had: the route writes as its fallback kind from
         // now on, and the record is stripped of its name for good.

@@ -68,6 +68,7 @@ struct svc_file_route {
   int32_t mode;        // permission bits applied after each open (0: none)
   int32_t owner;       // user id given after each open (-1: unchanged)
   int32_t group;       // group id given after each open (-1: unchanged)
+  int32_t cutShort;    // a failed write left the open file inside a record
 };
 
 // One route. Invariants: allocated once, never freed, chained newest first

@@ -35,6 +35,10 @@ constexpr size_t kSprintfBuffer = 8192;
 // program writes too, are written through stdio.
 bool isLogFile(FILE* stream) { return stream != stdout && stream != stderr; }
 
+// Set when a write of the record being printed to a log file failed, so
+// that the route walk can mark the file (svc_file_route::cutShort).
+thread_local bool tLogWriteFailed = false;
+
 // Writes v as at least eight hexadecimal digits ("%8.8lx", "%8.8lX") at w;
 // returns the end (at most 16 bytes are written).
 // Eight hexadecimal digits of v, most significant first, as the bytes of a
@@ -148,7 +152,7 @@ class OutBuf {
   void flush() {
     if (len_ == 0) return;
     if (fd_ >= 0) {
-      sys::writeAll(fd_, buf_, len_);
+      if (!sys::writeAll(fd_, buf_, len_)) tLogWriteFailed = true;
     } else {
       sys::fwrite(buf_, 1, len_, stream_);
     }
@@ -810,6 +814,12 @@ void writeRoutes(zar_svc_record* record, svc_route_list* list, PrologBuilder bui
     }
     if (stream == nullptr) continue;
     if (record->prolog.handle == nullptr) build(record, buildContext);
+    // A record cut short by a failed write (a full disk, a file size limit)
+    // left the file inside a line; the next record starts a line of its own.
+    auto file = isFileKind(kind) ? static_cast<svc_file_route*>(route->target) : nullptr;
+    if (file != nullptr && file->cutShort && sys::writeAll(fileno(stream), "\n", 1))
+      file->cutShort = 0;
+    tLogWriteFailed = false;
     bool xml = kind == kRouteXmlFile || kind == kRouteXmlStdout || kind == kRouteXmlStderr;
     record->prolog.xml = xml ? 1 : 0;
     bool textKind = kind == kRouteTextFile || kind == kRouteStdout || kind == kRouteStderr;
@@ -826,6 +836,7 @@ void writeRoutes(zar_svc_record* record, svc_route_list* list, PrologBuilder bui
     } else {
       zar_svc__vfprintf(stream, record, newline, args);
     }
+    if (file != nullptr && tLogWriteFailed) file->cutShort = 1;
   }
 }
 

@@ -11,6 +11,7 @@
 #include <locale.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -318,6 +319,30 @@ TEST_F(SvcPrint, FilesRotateThroughGenerations) {
   EXPECT_EQ(3u, records("n.log"));
   EXPECT_EQ(1u, records("z.log"));
   EXPECT_FALSE(fileExists(dir_.file("z.log.1")));
+}
+
+TEST_F(SvcPrint, ARecordCutByAFailedWriteLeavesTheNextOnALineOfItsOwn) {
+  std::string log = dir_.file("limited.log");
+  inChild([&] {
+    signal(SIGXFSZ, SIG_IGN);
+    route("WARNING:TEXTFILE:" + log);
+    printSys(svc_c_sev_warning, "before", 1);
+    struct rlimit old, small;
+    getrlimit(RLIMIT_FSIZE, &old);
+    small = {static_cast<rlim_t>(readFile(log).size()) + 40, old.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &small);
+    printSys(svc_c_sev_warning, "cut", 2);  // 40 bytes of it reach the file
+    setrlimit(RLIMIT_FSIZE, &old);
+    printSys(svc_c_sev_warning, "after", 3);
+  });
+  std::vector<std::string> lines = zar::test::splitLines(readFile(log));
+  ASSERT_EQ(3u, lines.size());
+  EXPECT_EQ(40u, lines[1].size());
+  EXPECT_TRUE(matches(lines[2], std::string(kTime) + R"( 0x38C5209C PID#\d+ WARNING wsc admin )" +
+                                    "server.cc 7 " + kThread +
+                                    " XKJSC0156E   The after system routine failed: "
+                                    "system error code: 3"))
+      << lines[2];
 }
 
 TEST_F(SvcPrint, SeveritiesNamingOneFileShareItsStream) {

@@ -43,9 +43,9 @@ constexpr uint32_t kSysFailed = 0x38C5209C;  // "The %s system routine failed: .
 Scenario::Scenario(const char* name, ScenarioFn fn) { registry()[name] = fn; }
 
 Run::Run(std::string name, bool soak, uint64_t seed, std::map<std::string, long> overrides,
-         std::string dir)
+         std::string only, std::string dir)
     : name_(std::move(name)), soak_(soak), rng_(seed), overrides_(std::move(overrides)),
-      dir_(std::move(dir)) {
+      only_(std::move(only)), dir_(std::move(dir)) {
   figures_.emplace_back("seed", std::to_string(seed));
 }
 
@@ -105,6 +105,17 @@ int waitUntil(pid_t pid, double deadline) {
     }
     usleep(2000);
   }
+}
+
+int inChild(double timeoutSeconds, const std::function<int()>& fn) {
+  fflush(nullptr);
+  pid_t pid = fork();
+  if (pid == 0) {
+    int rc = fn();
+    fflush(nullptr);
+    _exit(rc);
+  }
+  return waitUntil(pid, now() + timeoutSeconds);
 }
 
 Procs inProcesses(int n, double timeoutSeconds, const std::function<int(int)>& body) {
@@ -181,7 +192,8 @@ unsigned long route(const std::string& routes) {
   return st;
 }
 
-void tallyFile(const std::string& path, bool xml, zar::test::RecordTally* tally) {
+void tallyFile(const std::string& path, bool xml, zar::test::RecordTally* tally,
+               const zar::test::Marker& marker) {
   std::ifstream in(path, std::ios::binary);
   const std::string end = xml ? "</Message>\n\n" : "\n";
   std::string pending;
@@ -195,9 +207,9 @@ void tallyFile(const std::string& path, bool xml, zar::test::RecordTally* tally)
     std::string whole = pending.substr(0, upTo);
     pending.erase(0, upTo);
     if (xml)
-      zar::test::tallyXmlRecords(whole, zar::test::stressMarker(), tally);
+      zar::test::tallyXmlRecords(whole, marker, tally);
     else
-      zar::test::tallyTextRecords(whole, zar::test::stressMarker(), tally);
+      zar::test::tallyTextRecords(whole, marker, tally);
   }
 }
 
@@ -210,6 +222,7 @@ int main(int argc, char** argv) {
   std::map<std::string, long> overrides;
   std::vector<std::string> names;
   std::string dir;
+  std::string only;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
     if (a == "--soak") {
@@ -224,6 +237,8 @@ int main(int argc, char** argv) {
         return 2;
       }
       overrides[kv.substr(0, eq)] = strtol(kv.c_str() + eq + 1, nullptr, 10);
+    } else if (a == "--case" && i + 1 < argc) {
+      only = argv[++i];
     } else if (a == "--dir" && i + 1 < argc) {
       dir = argv[++i];
     } else if (a == "--list") {
@@ -242,7 +257,7 @@ int main(int argc, char** argv) {
   for (const std::string& name : names) {
     std::unique_ptr<zar::test::TempDir> temp;
     if (dir.empty()) temp = std::make_unique<zar::test::TempDir>();
-    Run run(name, soak, seed, overrides, dir.empty() ? temp->path() : dir);
+    Run run(name, soak, seed, overrides, only, dir.empty() ? temp->path() : dir);
     registry()[name](run);
     printf("%s\n", run.line().c_str());
     fflush(stdout);

@@ -3,10 +3,13 @@
 // lost, duplicated, crashed, leaked, hung, ...) must be 0 for the line to
 // pass. scripts/reliability runs every scenario in its own process:
 //
-//   zar_stress [--soak] [--seed N] [--set NAME=VALUE]... SCENARIO...
+//   zar_stress [--soak] [--seed N] [--set NAME=VALUE]... [--case TEXT]
+//              [--dir DIR] SCENARIO...
 //
 // Sizes default to the CI sizes; --soak selects the soak sizes and --set
-// overrides one size by name (the names are those the line prints).
+// overrides one size by name (the names are those the line prints). --case
+// runs only the cases of a scenario whose name contains TEXT; --dir works in
+// DIR (kept afterwards) instead of a temporary directory.
 #ifndef ZAR_TESTS_STRESS_DRIVER_H_
 #define ZAR_TESTS_STRESS_DRIVER_H_
 
@@ -37,10 +40,14 @@ struct Scenario {
 class Run {
  public:
   Run(std::string name, bool soak, uint64_t seed, std::map<std::string, long> overrides,
-      std::string dir);
+      std::string only, std::string dir);
 
   const std::string& name() const { return name_; }
   bool soak() const { return soak_; }
+  // Whether the case of this name is to run (--case).
+  bool wants(const std::string& caseName) const {
+    return caseName.find(only_) != std::string::npos;
+  }
   const std::string& dir() const { return dir_; }
   std::string file(const std::string& base) const { return dir_ + "/" + base; }
   std::mt19937_64& rng() { return rng_; }
@@ -66,6 +73,7 @@ class Run {
   bool soak_;
   std::mt19937_64 rng_;
   std::map<std::string, long> overrides_;
+  std::string only_;
   std::string dir_;
   std::vector<std::pair<std::string, std::string>> figures_;
   long faultTotal_ = 0;
@@ -92,6 +100,10 @@ struct Procs {
 // Returns the wait status, or -1 when the child was killed for hanging.
 int waitUntil(pid_t pid, double deadline);
 
+// Runs fn in a forked child that exits with fn's result; returns the wait
+// status, or -1 when the child was killed after timeoutSeconds.
+int inChild(double timeoutSeconds, const std::function<int()>& fn);
+
 // Runs body(i) for i in [0, n) in n forked processes, released together once
 // all exist; each child exits with body's result. The parent waits for them
 // for at most timeoutSeconds.
@@ -112,8 +124,9 @@ size_t recordLength(std::mt19937_64& rng);
 unsigned long route(const std::string& routes);
 
 // Reads a log file (text or XML records) in pieces and tallies its records
-// with the stress marker; a missing file tallies nothing.
-void tallyFile(const std::string& path, bool xml, zar::test::RecordTally* tally);
+// with a marker (the stress marker by default); a missing file tallies nothing.
+void tallyFile(const std::string& path, bool xml, zar::test::RecordTally* tally,
+               const zar::test::Marker& marker = zar::test::stressMarker());
 
 }  // namespace zar::stress
 

@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <sstream>
 
 namespace zar::test {
@@ -134,15 +135,25 @@ const Marker& stressMarker() {
 void tallyTextRecords(const std::string& text, const Marker& marker, RecordTally* tally) {
   static constexpr std::string_view kPrefix =
       "#-#-#-#:#:#.#?#:#I----- 0x@ @ @ @ @ @ # 0x@ *";
+  // On standard output and error the prefix is a line of its own.
+  static constexpr std::string_view kTerminal = "#-#-#-#:#:#.#?#:#I----- 0x@ @ @ @ @ @ # 0x@";
   std::string_view all(text);
   size_t pos = 0;
   while (pos < all.size()) {
     size_t end = all.find('\n', pos);
+    if (end != std::string_view::npos && glob(kTerminal, all.substr(pos, end - pos)))
+      end = all.find('\n', end + 1);
     if (end == std::string_view::npos) {
       note(tally, "last record unterminated", all.substr(pos));
       break;
     }
-    std::string_view line = all.substr(pos, end - pos);
+    if (end == pos) {  // an empty line carries no record
+      ++pos;
+      continue;
+    }
+    std::string joined(all.substr(pos, end - pos));
+    std::replace(joined.begin(), joined.end(), '\n', ' ');
+    std::string_view line(joined);
     pos = end + 1;
     if (!glob(kPrefix, line)) {
       note(tally, "not a record line", line);

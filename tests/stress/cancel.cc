@@ -1,0 +1,134 @@
+// Thread cancellation at random points of prints, catalog lookups and
+// delays: afterwards every lock is free and no record is torn.
+#include <pthread.h>
+#include <stdlib.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+
+#include "tests/stress/driver.h"
+#include "tests/testutil/testutil.h"
+#include "zar/msg.h"
+#include "zar/thread.h"
+
+namespace zar::stress {
+namespace {
+
+struct Worker {
+  long id = 0;
+  pthread_t thread{};
+  std::atomic<long> printed{0};  // prints that returned
+  std::atomic<long> lookups{0};
+};
+
+// Prints, looks catalog texts up and waits, in random order, until cancelled.
+void* work(void* arg) {
+  Worker* w = static_cast<Worker*>(arg);
+  std::mt19937_64 rng(static_cast<uint64_t>(w->id));
+  std::string key = named("w", w->id);
+  for (long n = 0;;) {
+    switch (rng() % 5) {
+      case 0:
+      case 1:
+        printRecord(key, n, recordLength(rng));
+        w->printed.store(++n);
+        break;
+      case 2: {
+        unsigned long st = 0;
+        uint32_t code = zarsv_deploy_svc_g_table[rng() % ZAR_MSG_DEPLOY_TABLE_COUNT].code;
+        free(zar_msg_get_msg(code, &st));
+        w->lookups.fetch_add(1);
+        break;
+      }
+      case 3: {
+        unsigned long st = 0;
+        uint32_t code = zarsv_client_svc_g_table[rng() % ZAR_MSG_CLIENT_TABLE_COUNT].code;
+        free(zar_msg_get_locale_cat_msg(code, "de_DE.ISO-8859-1", "UTF8", 4, &st));
+        w->lookups.fetch_add(1);
+        break;
+      }
+      default: {
+        struct timespec d = {0, static_cast<long>(rng() % 900000000)};
+        zarthread_delay_np(&d);
+      }
+    }
+  }
+  return nullptr;
+}
+
+// Item: printing threads cancelled at random, then a print, a lookup and a
+// delay that must each finish within a second.
+Scenario cancellation("cancel", [](Run& run) {
+  int threads = static_cast<int>(run.size("threads", 8, 8));
+  long cancels = run.size("cancels", 1000, 20000);
+  setenv("NLSPATH", (zar::test::buildDir() + "/nls/msg/%L/%N").c_str(), 1);
+  std::string path = run.file("cancel.log");
+  initServiceability();
+  if (route("TEXTFILE:" + path) != 0) run.fail("route refused");
+  std::vector<std::unique_ptr<Worker>> all;
+  std::vector<Worker*> live;
+  auto start = [&] {
+    all.push_back(std::make_unique<Worker>());
+    Worker* w = all.back().get();
+    w->id = static_cast<long>(all.size()) - 1;
+    if (pthread_create(&w->thread, nullptr, work, w) != 0) abort();
+    return w;
+  };
+  for (int t = 0; t < threads; ++t) live.push_back(start());
+  long notCancelled = 0;
+  for (long c = 0; c < cancels; ++c) {
+    usleep(static_cast<useconds_t>(run.random(0, 3000)));
+    size_t victim = static_cast<size_t>(run.random(0, threads - 1));
+    pthread_cancel(live[victim]->thread);
+    void* result = nullptr;
+    pthread_join(live[victim]->thread, &result);
+    if (result != PTHREAD_CANCELED) ++notCancelled;
+    live[victim] = start();
+  }
+  for (Worker* w : live) {
+    pthread_cancel(w->thread);
+    pthread_join(w->thread, nullptr);
+  }
+  // No lock is left held: each of these returns at once.
+  long hung = 0;
+  hung += !finishesWithin(1.0, [] { printRecord("after", 0, 100); });
+  hung += !finishesWithin(1.0, [] {
+    unsigned long st = 0;
+    free(zar_msg_get_msg(zarsv_client_svc_g_table[0].code, &st));
+  });
+  hung += !finishesWithin(1.5, [] {
+    struct timespec d = {0, 1000};
+    zarthread_delay_np(&d);
+  });
+
+  zar::test::RecordTally tally;
+  tallyFile(path, false, &tally);
+  // Every print that returned wrote its record; the one a cancel
+  // interrupted may or may not have.
+  std::map<std::string, std::pair<long, long>> expected{{"after", {0, 1}}};
+  long prints = 0, lookups = 0, inFlightMissing = 0;
+  for (const auto& w : all) {
+    std::string key = named("w", w->id);
+    long done = w->printed.load();
+    expected[key] = {0, done + 1};
+    const auto& seqs = tally.seqs[key];
+    inFlightMissing += std::find(seqs.begin(), seqs.end(), done) == seqs.end();
+    prints += done;
+    lookups += w->lookups.load();
+  }
+  zar::test::Loss loss = zar::test::judge(tally, expected);
+  run.figure("prints", static_cast<double>(prints));
+  run.figure("lookups", static_cast<double>(lookups));
+  run.faults("torn", static_cast<long>(tally.torn));
+  run.faults("lost", loss.lost - inFlightMissing);
+  run.faults("duplicated", loss.duplicated + loss.unexpected + loss.unordered);
+  run.faults("hung", hung);
+  run.faults("not_cancelled", notCancelled);
+  for (const std::string& b : tally.bad) run.fail(b);
+});
+
+}  // namespace
+}  // namespace zar::stress

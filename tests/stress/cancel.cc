@@ -12,6 +12,7 @@
 #include "tests/stress/driver.h"
 #include "tests/testutil/testutil.h"
 #include "zar/msg.h"
+#include "zar/svc.h"
 #include "zar/thread.h"
 
 namespace zar::stress {
@@ -23,6 +24,15 @@ struct Worker {
   std::atomic<long> printed{0};  // prints that returned
   std::atomic<long> lookups{0};
 };
+
+// A route type whose print callback reaches a cancellation point, so that
+// cancels land inside callbacks too.
+std::atomic<long> gCallbacks{0};
+void slowOpen(const char*, const char*, void*, void**, int32_t* opened) { *opened = 1; }
+void slowPrint(void*, void*, zar_svc_prolog*, va_list) {
+  gCallbacks.fetch_add(1);
+  usleep(20);
+}
 
 // Prints, looks catalog texts up and waits, in random order, until cancelled.
 void* work(void* arg) {
@@ -67,7 +77,9 @@ Scenario cancellation("cancel", [](Run& run) {
   setenv("NLSPATH", (zar::test::buildDir() + "/nls/msg/%L/%N").c_str(), 1);
   std::string path = run.file("cancel.log");
   initServiceability();
-  if (route("TEXTFILE:" + path) != 0) run.fail("route refused");
+  unsigned long st = 0;
+  zar_svc_add_route("SLOW", nullptr, slowOpen, slowPrint, nullptr, &st);
+  if (st != 0 || route("TEXTFILE:" + path + ";SLOW:x") != 0) run.fail("route refused");
   std::vector<std::unique_ptr<Worker>> all;
   std::vector<Worker*> live;
   auto start = [&] {
@@ -103,6 +115,11 @@ Scenario cancellation("cancel", [](Run& run) {
     struct timespec d = {0, 1000};
     zarthread_delay_np(&d);
   });
+  // Removing the route type waits for its running callbacks: none is left.
+  hung += !finishesWithin(1.0, [] {
+    unsigned long st = 0;
+    zar_svc_remove_route("SLOW", &st);
+  });
 
   zar::test::RecordTally tally;
   tallyFile(path, false, &tally);
@@ -122,6 +139,7 @@ Scenario cancellation("cancel", [](Run& run) {
   zar::test::Loss loss = zar::test::judge(tally, expected);
   run.figure("prints", static_cast<double>(prints));
   run.figure("lookups", static_cast<double>(lookups));
+  run.figure("callbacks", static_cast<double>(gCallbacks.load()));
   run.faults("torn", static_cast<long>(tally.torn));
   run.faults("lost", loss.lost - inFlightMissing);
   run.faults("duplicated", loss.duplicated + loss.unexpected + loss.unordered);

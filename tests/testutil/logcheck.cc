@@ -133,15 +133,18 @@ const Marker& stressMarker() {
 }
 
 void tallyTextRecords(const std::string& text, const Marker& marker, RecordTally* tally) {
-  static constexpr std::string_view kPrefix =
-      "#-#-#-#:#:#.#?#:#I----- 0x@ @ @ @ @ @ # 0x@ *";
-  // On standard output and error the prefix is a line of its own.
-  static constexpr std::string_view kTerminal = "#-#-#-#:#:#.#?#:#I----- 0x@ @ @ @ @ @ # 0x@";
+  // Severity records, then debug records (no message id); on standard output
+  // and error the prefix is a line of its own.
+  static constexpr std::string_view kPrefix[] = {
+      "#-#-#-#:#:#.#?#:#I----- 0x@ @ @ @ @ @ # 0x@ *", "#-#-#-#:#:#.#?#:#I----- @ DEBUG# @ @ @ # 0x@ *"};
+  static constexpr std::string_view kTerminal[] = {
+      "#-#-#-#:#:#.#?#:#I----- 0x@ @ @ @ @ @ # 0x@", "#-#-#-#:#:#.#?#:#I----- @ DEBUG# @ @ @ # 0x@"};
+  auto terminal = [](std::string_view line) { return glob(kTerminal[0], line) || glob(kTerminal[1], line); };
   std::string_view all(text);
   size_t pos = 0;
   while (pos < all.size()) {
     size_t end = all.find('\n', pos);
-    if (end != std::string_view::npos && glob(kTerminal, all.substr(pos, end - pos)))
+    if (end != std::string_view::npos && terminal(all.substr(pos, end - pos)))
       end = all.find('\n', end + 1);
     if (end == std::string_view::npos) {
       note(tally, "last record unterminated", all.substr(pos));
@@ -155,12 +158,13 @@ void tallyTextRecords(const std::string& text, const Marker& marker, RecordTally
     std::replace(joined.begin(), joined.end(), '\n', ' ');
     std::string_view line(joined);
     pos = end + 1;
-    if (!glob(kPrefix, line)) {
+    int fields = glob(kPrefix[0], line) ? 9 : glob(kPrefix[1], line) ? 8 : 0;
+    if (fields == 0) {
       note(tally, "not a record line", line);
       continue;
     }
     size_t textStart = 0;
-    for (int blanks = 0; blanks < 9; ++blanks) textStart = line.find(' ', textStart) + 1;
+    for (int blanks = 0; blanks < fields; ++blanks) textStart = line.find(' ', textStart) + 1;
     count(marker, line.substr(textStart), line, tally);
   }
 }

@@ -41,7 +41,8 @@ std::string stressBody(const std::string& writer, long seq, size_t length);
 const Marker& stressMarker();
 
 // Text records: one line each, "TIME 0xID PROGRAM SEVERITY COMPONENT SUB FILE
-// LINE 0xTHREAD TEXT" with the marker in TEXT (on standard output and error
+// LINE 0xTHREAD TEXT" (debug records: "TIME PROGRAM DEBUGn COMPONENT SUB FILE
+// LINE 0xTHREAD TEXT") with the marker in TEXT (on standard output and error
 // the prefix and TEXT are two lines). Empty lines are skipped: a record whose
 // write failed before its first byte may leave one behind.
 void tallyTextRecords(const std::string& text, const Marker& marker, RecordTally* tally);

@@ -141,14 +141,15 @@ Procs inProcesses(int n, double timeoutSeconds, const std::function<int(int)>& b
   close(go[1]);  // releases every child at once
   Procs procs;
   double deadline = now() + timeoutSeconds;
-  for (pid_t pid : pids) {
-    int status = waitUntil(pid, deadline);
-    if (status == -1)
-      ++procs.hung;
-    else if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-      ++procs.crashed;
-  }
+  for (pid_t pid : pids) procs.count(waitUntil(pid, deadline));
   return procs;
+}
+
+void Procs::count(int waitStatus) {
+  if (waitStatus == -1)
+    ++hung;
+  else if (!WIFEXITED(waitStatus) || WEXITSTATUS(waitStatus) != 0)
+    ++crashed;
 }
 
 bool finishesWithin(double timeoutSeconds, const std::function<void()>& fn) {

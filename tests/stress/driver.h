@@ -94,6 +94,8 @@ struct Procs {
     crashed += o.crashed;
     hung += o.hung;
   }
+  // Counts one child by its wait status (-1: killed for hanging).
+  void count(int waitStatus);
 };
 
 // Waits for pid until deadline (a now() value), killing it when it passes.

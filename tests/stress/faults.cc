@@ -18,6 +18,7 @@
 #include "platform/faultinj.h"
 #include "tests/stress/driver.h"
 #include "tests/testutil/testutil.h"
+#include "zar/cmdline.hpp"
 #include "zar/msg.h"
 #include "zar/msginit.h"
 #include "zar/msgprintf.h"
@@ -338,6 +339,24 @@ const AllocCase kAllocCases[] = {
        kp_uuid_from_string(text, &back, &st);
        kp_uuid_string_free(&text, &st);
        return memcmp(&u, &back, sizeof u) == 0 ? kOk : kWrong;
+     }},
+    {"command-line",
+     [](Run& run) { zar::test::writeFile(run.file("rsp.conf"), "[other]\nx = 1\n[opts]\nlevel = 3\nname = server\n"); },
+     [](Run& run, long, std::string* result) {
+       ZARCmdLine cmd;
+       const char* argv[] = {"prog", "-a", "1", "-b", "-level", "9", "-c", "x"};
+       unsigned st = cmd.initialize(8, argv);
+       std::string path = run.file("rsp.conf");
+       if (st == 0) st = cmd.loadRspFile(ZARStringRef(path.c_str()), ZARStringRef("opts"));
+       // Memory short: no memory, or a line the stanza reader could not convert.
+       if (st != 0) return st == ZAR_S_NO_MEMORY || st == ZAR_S_STZ_INTERNAL ? kDocumented : kWrong;
+       for (const char* name : {"a", "b", "c", "level", "name"}) {
+         ZARStringRef value;
+         if (cmd.findOption(ZARString(name), value) != 0) return kWrong;
+         *result += std::string(name) + "=" + std::string(value.getData(), value.getLen()) + ";";
+       }
+       *result += named("duplicates=", static_cast<long>(cmd.duplicateOptions().getCount()));
+       return kOk;
      }},
     {"message-init", nullptr,
      [](Run&, long attempt, std::string*) {

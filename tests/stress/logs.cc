@@ -2,7 +2,6 @@
 // threads print, and rotation through generations across a restart.
 #include <pthread.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -109,11 +108,7 @@ Scenario forkDuringLogging("fork", [](Run& run) {
       _exit(0);
     }
     children.push_back(pid);
-    int status = waitUntil(pid, now() + 20);
-    if (status == -1)
-      ++procs.hung;
-    else if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-      ++procs.crashed;
+    procs.count(waitUntil(pid, now() + 20));
   }
   double elapsed = now() - start;
   stop.store(true);

@@ -1,7 +1,6 @@
 // UUIDs made in bulk: from one thread, from threads, from processes and
 // across fork, never twice, and in each maker's order of time.
 #include <string.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -198,9 +197,7 @@ Scenario forks("uuid-fork", [](Run& run) {
       Order o = make(kPerChild, &mine);
       _exit(saveChild(run, named("child.", i), mine, o));
     }
-    int status = waitUntil(pid, now() + 20);
-    if (status == -1) ++procs.hung;
-    else if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) ++procs.crashed;
+    procs.count(waitUntil(pid, now() + 20));
   }
   double seconds = now() - start;
   stop.store(true);

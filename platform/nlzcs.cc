@@ -468,7 +468,11 @@ nlz_cs_t nlz_cs_shared(const char* name) {
 
 // ---- Conversions ---------------------------------------------------------------------
 
-int nlz_to_utf8(nlz_cs_t cs, const char* in, int inLen, char* out, int outLen) {
+namespace {
+
+// The two directions of UTF-8 conversion differ only in the descriptor pool;
+// a UTF-8 handle copies (after checking) in both.
+int convertUtf8(nlz_cs_t cs, bool toUtf8, const char* in, int inLen, char* out, int outLen) {
   cs = resolve(cs);
   if (cs == nullptr || in == nullptr || (out == nullptr && outLen > 0) || outLen < 0) {
     errno = EINVAL;
@@ -481,23 +485,18 @@ int nlz_to_utf8(nlz_cs_t cs, const char* in, int inLen, char* out, int outLen) {
   }
   if (injected()) return -1;
   if (cs->utf8) return copyUtf8(in, inLen, out, outLen);
-  return convert(cs->toUtf8, in, static_cast<size_t>(inLen), out, static_cast<size_t>(outLen));
+  return convert(toUtf8 ? cs->toUtf8 : cs->fromUtf8, in, static_cast<size_t>(inLen), out,
+                 static_cast<size_t>(outLen));
+}
+
+}  // namespace
+
+int nlz_to_utf8(nlz_cs_t cs, const char* in, int inLen, char* out, int outLen) {
+  return convertUtf8(cs, true, in, inLen, out, outLen);
 }
 
 int nlz_from_utf8(nlz_cs_t cs, const char* in, int inLen, char* out, int outLen) {
-  cs = resolve(cs);
-  if (cs == nullptr || in == nullptr || (out == nullptr && outLen > 0) || outLen < 0) {
-    errno = EINVAL;
-    return -1;
-  }
-  inLen = inputLength(in, inLen);
-  if (inLen < 0) {
-    errno = E2BIG;
-    return -1;
-  }
-  if (injected()) return -1;
-  if (cs->utf8) return copyUtf8(in, inLen, out, outLen);
-  return convert(cs->fromUtf8, in, static_cast<size_t>(inLen), out, static_cast<size_t>(outLen));
+  return convertUtf8(cs, false, in, inLen, out, outLen);
 }
 
 int nlz_mbstowcs(nlz_cs_t cs, nlz_wchar_t* out, const char* in, int outCount) {

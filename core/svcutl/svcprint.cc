@@ -573,6 +573,29 @@ void putCatalog(OutBuf& out, uint32_t msgid) {
   out.put(".cat");
 }
 
+// " <Component>COMPONENT/SUBCOMPONENT</Component>" and its line end.
+void putComponent(OutBuf& out, const zar_svc_prolog& p, const char* sub) {
+  out.put(" <Component>");
+  out.put(p.handle->component);
+  out.put('/');
+  out.put(sub);
+  out.put("</Component>\n");
+}
+
+// The Source, Process and Thread lines, which both record kinds carry in this
+// order.
+void putSourceProcessThread(OutBuf& out, const zar_svc_prolog& p) {
+  out.put(" <Source FileName=\"");
+  out.put(p.file);
+  out.put("\" Method=\"unknown\" Line=\"");
+  out.dec(p.line);
+  out.put("\"></Source>\n <Process>");
+  out.put(p.progname);
+  out.put("</Process>\n <Thread>0x");
+  out.hex8(zar_svc__mapthreadid(&p.thread_id), false);
+  out.put("</Thread>\n");
+}
+
 void putTimeElements(OutBuf& out, zar_svc_record* record) {
   struct timespec ts = {};
   zar_utc_bintime(&ts, nullptr, nullptr, &record->prolog.t);
@@ -597,19 +620,9 @@ void putXmlHead(OutBuf& out, zar_svc_record* record, bool convertStrings, va_lis
     out.put(level <= 3 ? "\"MIN\"" : level <= 6 ? "\"MID\"" : "\"MAX\"");
     out.put(">\n");
     putTimeElements(out, record);
-    out.put(" <Component>");
-    out.put(p.handle->component);
-    out.put('/');
-    out.put(sub);
-    out.put("</Component>\n <Source FileName=\"");
-    out.put(p.file);
-    out.put("\" Method=\"unknown\" Line=\"");
-    out.dec(p.line);
-    out.put("\"></Source>\n <Process>");
-    out.put(p.progname);
-    out.put("</Process>\n <Thread>0x");
-    out.hex8(zar_svc__mapthreadid(&p.thread_id), false);
-    out.put("</Thread>\n <LogAttribs><KeyName><![CDATA[Numeric Trace Level]]></KeyName> "
+    putComponent(out, p, sub);
+    putSourceProcessThread(out, p);
+    out.put(" <LogAttribs><KeyName><![CDATA[Numeric Trace Level]]></KeyName> "
             "<Value><![CDATA[");
     out.dec(level);
     out.put("]]></Value></LogAttribs>\n <LogText><![CDATA[");
@@ -626,22 +639,12 @@ void putXmlHead(OutBuf& out, zar_svc_record* record, bool convertStrings, va_lis
   out.put(sevLetter == 'E' ? "ERROR" : sevLetter == 'W' ? "WARN" : "INFO");
   out.put("\">\n");
   putTimeElements(out, record);
-  out.put(" <Component>");
-  out.put(p.handle->component);
-  out.put('/');
-  out.put(sub);
-  out.put("</Component>\n <LogAttribs><KeyName><![CDATA[Message Number]]></KeyName> "
-          "<Value><![CDATA[0x");
+  putComponent(out, p, sub);
+  out.put(" <LogAttribs><KeyName><![CDATA[Message Number]]></KeyName> <Value><![CDATA[0x");
   out.hex8(p.message_index, true);
-  out.put("]]></Value></LogAttribs>\n <Source FileName=\"");
-  out.put(p.file);
-  out.put("\" Method=\"unknown\" Line=\"");
-  out.dec(p.line);
-  out.put("\"></Source>\n <Process>");
-  out.put(p.progname);
-  out.put("</Process>\n <Thread>0x");
-  out.hex8(zar_svc__mapthreadid(&p.thread_id), false);
-  out.put("</Thread>\n <TranslationInfo Type=\"XPG4\" Catalog=\"");
+  out.put("]]></Value></LogAttribs>\n");
+  putSourceProcessThread(out, p);
+  out.put(" <TranslationInfo Type=\"XPG4\" Catalog=\"");
   putCatalog(out, p.message_index);
   out.put("\" SetId=\"1\" MsgKey=\"");
   char key[16];

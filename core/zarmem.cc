@@ -45,9 +45,15 @@ void free(void* p) noexcept { ::free(p); }
 
 char* strDup(const char* s) noexcept {
   if (s == nullptr) return nullptr;
-  size_t n = strlen(s);
-  char* d = static_cast<char*>(alloc(n + 1));
-  if (d != nullptr) memcpy(d, s, n + 1);
+  return strDupLen(s, strlen(s));
+}
+
+char* strDupLen(const char* s, size_t len) noexcept {
+  if (s == nullptr || len == SIZE_MAX) return nullptr;
+  char* d = static_cast<char*>(alloc(len + 1));
+  if (d == nullptr) return nullptr;
+  memcpy(d, s, len);
+  d[len] = '\0';
   return d;
 }
 

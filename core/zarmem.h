@@ -26,6 +26,9 @@ void* realloc(void* p, size_t len) noexcept;          // on failure p is untouch
 void free(void* p) noexcept;
 char* strDup(const char* s) noexcept;                 // null when s is null or on failure
 char* strNDup(const char* s, size_t maxLen) noexcept; // at most maxLen bytes, terminated
+// A terminated copy of the first len bytes of s, whose length the caller
+// knows (no scan); null on failure.
+char* strDupLen(const char* s, size_t len) noexcept;
 
 // Allocates and constructs a T without throwing; null on allocation failure.
 // T's constructor must not throw.

@@ -152,6 +152,9 @@ nlz_cat_t nlz_catopen(const char* name, int flags, nlz_loc_t loc);
 // cs (null: no conversion); def when there is none or it cannot be converted.
 // The text stays valid until nlz_catclose of the handle. Thread-safe.
 const char* nlz_catgets(nlz_cat_t cat, int set, int num, const char* def, nlz_cs_t cs);
+// The same, also giving the length of the text (without its terminator).
+const char* nlz_catgets_len(nlz_cat_t cat, int set, int num, const char* def, nlz_cs_t cs,
+                            size_t* len);
 int nlz_catclose(nlz_cat_t cat);  // 0, or -1 for a null handle
 // The path the catalog was read from, and the name of its code set ("" when
 // unknown). Both owned by the handle.

@@ -40,11 +40,14 @@ struct Entry {
   uint32_t set;
   uint32_t msg;
   uint32_t off;  // offset into the text area
+  uint32_t len;  // of the text, without its terminator
+  bool ascii;    // the text is 7-bit: the same in every code set the layer knows
 };
 
 // One text converted into another code set.
 struct Converted {
   Converted* next;
+  size_t len;
   char csName[64];
   char text[1];  // allocated to the text's length
 };
@@ -140,6 +143,12 @@ char* readWhole(const char* path, size_t* len) {
   return buf;
 }
 
+bool isAscii(const char* s, const char* end) {
+  for (; s < end; ++s)
+    if (static_cast<unsigned char>(*s) >= 0x80) return false;
+  return true;
+}
+
 uint32_t word(const char* p, bool swap) {
   uint32_t v;
   memcpy(&v, p, sizeof v);
@@ -178,12 +187,16 @@ bool parse(nlz_cat_s* c, size_t len) {
     uint32_t set = word(e, swap);
     if (set == 0) continue;  // empty slot
     uint32_t off = word(e + 8, swap);
-    if (off >= c->textsLen || memchr(c->texts + off, '\0', c->textsLen - off) == nullptr) {
+    const char* text = c->texts + off;
+    const void* end = off < c->textsLen ? memchr(text, '\0', c->textsLen - off) : nullptr;
+    if (end == nullptr) {
       zar::mem::free(idx);
       errno = EINVAL;
       return false;
     }
-    idx[n++] = Entry{set - 1, word(e + 4, swap), off};
+    idx[n++] = Entry{set - 1, word(e + 4, swap), off,
+                     static_cast<uint32_t>(static_cast<const char*>(end) - text),
+                     isAscii(text, static_cast<const char*>(end))};
   }
   std::sort(idx, idx + n, [](const Entry& a, const Entry& b) {
     return a.set != b.set ? a.set < b.set : a.msg < b.msg;
@@ -470,12 +483,6 @@ nlz_cat_t nlz_catopen(const char* name, int flags, nlz_loc_t loc) {
 
 namespace {
 
-bool isAscii(const char* s) {
-  for (; *s != '\0'; ++s)
-    if (static_cast<unsigned char>(*s) >= 0x80) return false;
-  return true;
-}
-
 // Converts text from one code set into another through UTF-8. Returns an
 // allocated Converted record, or null.
 Converted* convertText(const char* text, nlz_cs_t from, nlz_cs_t to) {
@@ -499,6 +506,7 @@ Converted* convertText(const char* text, nlz_cs_t from, nlz_cs_t to) {
     return nullptr;
   }
   out->text[n] = '\0';
+  out->len = static_cast<size_t>(n);
   snprintf(out->csName, sizeof out->csName, "%s", nlz_cs_name(to));
   out->next = nullptr;
   return out;
@@ -507,12 +515,25 @@ Converted* convertText(const char* text, nlz_cs_t from, nlz_cs_t to) {
 }  // namespace
 
 const char* nlz_catgets(nlz_cat_t cat, int set, int num, const char* def, nlz_cs_t cs) {
-  if (cat == nullptr || set < 0 || num < 0) return def;
+  size_t len;
+  return nlz_catgets_len(cat, set, num, def, cs, &len);
+}
+
+const char* nlz_catgets_len(nlz_cat_t cat, int set, int num, const char* def, nlz_cs_t cs,
+                            size_t* len) {
+  auto fallback = [def, len] {
+    *len = def != nullptr ? strlen(def) : 0;
+    return def;
+  };
+  if (cat == nullptr || set < 0 || num < 0) return fallback();
   const Entry* e = find(cat, static_cast<uint32_t>(set), static_cast<uint32_t>(num));
-  if (e == nullptr) return def;
+  if (e == nullptr) return fallback();
   const char* text = cat->texts + e->off;
-  if (cs == nullptr || cat->cs == nullptr || cs == cat->cs || nlz_cs_same(cs, cat->cs) ||
-      isAscii(text))
+  *len = e->len;
+  // Settled at open: a 7-bit text needs no conversion, which spares the
+  // code-set comparison on the common path.
+  if (e->ascii || cs == nullptr || cat->cs == nullptr || cs == cat->cs ||
+      nlz_cs_same(cs, cat->cs))
     return text;
   const char* target = nlz_cs_name(cs);
   size_t i = static_cast<size_t>(e - cat->index);
@@ -520,14 +541,19 @@ const char* nlz_catgets(nlz_cat_t cat, int set, int num, const char* def, nlz_cs
   if (cat->converted == nullptr) {
     cat->converted =
         static_cast<Converted**>(zar::mem::allocZero(cat->count, sizeof(Converted*)));
-    if (cat->converted == nullptr) return def;
+    if (cat->converted == nullptr) return fallback();
   }
-  for (Converted* p = cat->converted[i]; p != nullptr; p = p->next)
-    if (strcmp(p->csName, target) == 0) return p->text;
+  for (Converted* p = cat->converted[i]; p != nullptr; p = p->next) {
+    if (strcmp(p->csName, target) == 0) {
+      *len = p->len;
+      return p->text;
+    }
+  }
   Converted* made = convertText(text, cat->cs, cs);
-  if (made == nullptr) return def;
+  if (made == nullptr) return fallback();
   made->next = cat->converted[i];
   cat->converted[i] = made;
+  *len = made->len;
   return made->text;
 }
 

@@ -118,6 +118,87 @@ struct Reader {
 };
 char* copyText(zar_msg_cat_s* e, uint32_t code, nlz_cs_t cs, unsigned long* status);
 
+// Opens the catalog of code for locale (null: the thread's current) and puts
+// it in slot 0 of row, evicting slot 7. Called on a miss with
+// zar_msgcat_g_mutex held. Returns the new entry with refs references, or
+// null with *st set; *tried is the last file name attempted.
+zar_msg_cat_s* openIntoRow(zar_msg_cat_s** row, uint32_t code, const char* locale, int flags,
+                           int refs, uint32_t* st, char* tried, size_t triedLen) {
+  char name[32];
+  char fallback[32];
+  uint32_t mask;
+  catalogName(code, name, sizeof name, fallback, sizeof fallback, &mask);
+  const char* opened = name;
+  nlz_loc_t made = nullptr;
+  nlz_loc_t loc;
+  if (locale != nullptr) {
+    loc = made = nlz_loc_new(locale);
+    if (made == nullptr) *st = ZAR_S_MSG_CAT_NOT_FOUND;
+  } else {
+    loc = zarsvc_get_locale();
+  }
+  nlz_cat_t cat = nullptr;
+  nl_catd sys = reinterpret_cast<nl_catd>(-1);
+  int err = ENOENT;
+  if (*st == ZAR_S_OK) {
+    const char* names[2] = {name, fallback};
+    for (const char* n : names) {
+      if (*n == '\0') break;
+      opened = n;
+      cat = nlz_catopen(n, flags | NLZ_CAT_LOCALE, loc);
+      if (cat != nullptr) break;
+      err = errno;
+      // The system's catopen knows only the process's locale: it can
+      // stand in for the thread's current locale, never for a named one.
+      if (locale != nullptr) continue;
+      sys = catopen(n, NL_CAT_LOCALE);
+      if (sys != reinterpret_cast<nl_catd>(-1)) break;
+      err = errno;
+    }
+    if (cat == nullptr && sys == reinterpret_cast<nl_catd>(-1)) *st = openStatus(err);
+  }
+  snprintf(tried, triedLen, "%s", opened);
+  nlz_cs_t sysCs = nullptr;
+  if (sys != reinterpret_cast<nl_catd>(-1))
+    sysCs = nlz_cs_shared(loc != nullptr ? nlz_loc_cs_name(loc) : nlz_cs_name(nullptr));
+  nlz_loc_free(made);
+  if (*st != ZAR_S_OK) return nullptr;
+  zar_msg_cat_s* e = zar::mem::make<zar_msg_cat_s>();
+  char* nameCopy = zar::mem::strDup(opened);
+  char* locCopy = locale != nullptr ? zar::mem::strDup(locale) : nullptr;
+  if (e == nullptr || nameCopy == nullptr || (locale != nullptr && locCopy == nullptr)) {
+    zar::mem::destroy(e);
+    zar::mem::free(nameCopy);
+    zar::mem::free(locCopy);
+    if (cat != nullptr) nlz_catclose(cat);
+    if (sys != reinterpret_cast<nl_catd>(-1)) catclose(sys);
+    *st = ZAR_S_MSG_NO_MEMORY;
+    return nullptr;
+  }
+  e->base = code & ~mask;
+  e->mask = mask;
+  e->cat = cat;
+  e->sysCat = cat != nullptr ? reinterpret_cast<nl_catd>(-1) : sys;
+  e->sysCs = sysCs;
+  e->locale = locCopy;
+  e->name = nameCopy;
+  e->refs.store(refs, std::memory_order_relaxed);
+  e->pinned.store(false, std::memory_order_relaxed);
+  e->nextKept = nullptr;
+  if (row[kSlots - 1] != nullptr) {
+    zar_msg_cat_s* old = row[kSlots - 1];
+    if (old->pinned.load(std::memory_order_acquire)) {
+      old->nextKept = gKept;
+      gKept = old;
+    } else {
+      unref(old);
+    }
+  }
+  for (int j = kSlots - 1; j > 0; --j) row[j] = row[j - 1];
+  row[0] = e;
+  return e;
+}
+
 // Finds or opens the catalog of code for locale (null: the thread's current)
 // in the row of flags. Without a reader, returns it with a reference for the
 // caller; with one, copies the text of code out under the lock instead (no
@@ -126,112 +207,42 @@ char* copyText(zar_msg_cat_s* e, uint32_t code, nlz_cs_t cs, unsigned long* stat
 zar_msg_cat_s* openCatalog(uint32_t code, const char* locale, int flags, unsigned long* status,
                            Reader* reader = nullptr) {
   zar::setStatus(status, ZAR_S_OK);
-  // The names are made only on a miss; a hit needs the mask alone.
-  char name[32] = "";
-  char fallback[32];
-  uint32_t mask = ((code >> 28) == 4 || (code >> 28) == 5) ? 0x3FFF : 0xFFF;
   if (locale != nullptr && strcmp(locale, zarsvc_get_locale_name()) == 0) locale = nullptr;
   if (!zar::msg::ensureInit()) {
     zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
     return nullptr;
   }
+  // A hit needs only the mask; the names are made on a miss.
+  uint32_t base = code & ~(((code >> 28) == 4 || (code >> 28) == 5) ? 0x3FFFu : 0xFFFu);
   zar_msg_cat_s* result = nullptr;
-  uint32_t st = ZAR_S_OK;
-  const char* opened = name;
-  char debugName[40] = "";
   uint32_t openSt = ZAR_S_OK;
+  uint32_t st = ZAR_S_OK;
+  char debugName[40];
+  debugName[0] = '\0';
   {
     zar::MutexLock lock(&zar_msgcat_g_mutex);
     zar_msg_cat_s** row = catCache[(flags & 7) >> 1];
     for (int k = 0; k < kSlots && row[k] != nullptr; ++k) {
       zar_msg_cat_s* e = row[k];
-      if (e->base != (code & ~e->mask) || !sameLocale(e->locale, locale)) continue;
+      if (e->base != base || !sameLocale(e->locale, locale)) continue;
       for (int j = k; j > 0; --j) row[j] = row[j - 1];
       row[0] = e;
       if (reader == nullptr) e->refs.fetch_add(1, std::memory_order_relaxed);
       result = e;
-      opened = e->name;
       break;
     }
     if (result == nullptr) {
-      catalogName(code, name, sizeof name, fallback, sizeof fallback, &mask);
-      nlz_loc_t made = nullptr;
-      nlz_loc_t loc;
-      if (locale != nullptr) {
-        loc = made = nlz_loc_new(locale);
-        if (made == nullptr) st = ZAR_S_MSG_CAT_NOT_FOUND;
-      } else {
-        loc = zarsvc_get_locale();
-      }
-      nlz_cat_t cat = nullptr;
-      nl_catd sys = reinterpret_cast<nl_catd>(-1);
-      int err = ENOENT;
-      if (st == ZAR_S_OK) {
-        const char* names[2] = {name, fallback};
-        for (const char* n : names) {
-          if (*n == '\0') break;
-          opened = n;
-          cat = nlz_catopen(n, flags | NLZ_CAT_LOCALE, loc);
-          if (cat != nullptr) break;
-          err = errno;
-          // The system's catopen knows only the process's locale: it can
-          // stand in for the thread's current locale, never for a named one.
-          if (locale != nullptr) continue;
-          sys = catopen(n, NL_CAT_LOCALE);
-          if (sys != reinterpret_cast<nl_catd>(-1)) break;
-          err = errno;
-        }
-        if (cat == nullptr && sys == reinterpret_cast<nl_catd>(-1)) st = openStatus(err);
-      }
-      nlz_cs_t sysCs = nullptr;
-      if (sys != reinterpret_cast<nl_catd>(-1))
-        sysCs = nlz_cs_shared(loc != nullptr ? nlz_loc_cs_name(loc) : nlz_cs_name(nullptr));
-      nlz_loc_free(made);
-      if (st == ZAR_S_OK) {
-        zar_msg_cat_s* e = zar::mem::make<zar_msg_cat_s>();
-        char* nameCopy = zar::mem::strDup(opened);
-        char* locCopy = locale != nullptr ? zar::mem::strDup(locale) : nullptr;
-        if (e == nullptr || nameCopy == nullptr || (locale != nullptr && locCopy == nullptr)) {
-          zar::mem::destroy(e);
-          zar::mem::free(nameCopy);
-          zar::mem::free(locCopy);
-          if (cat != nullptr) nlz_catclose(cat);
-          if (sys != reinterpret_cast<nl_catd>(-1)) catclose(sys);
-          st = ZAR_S_MSG_NO_MEMORY;
-        } else {
-          e->base = code & ~mask;
-          e->mask = mask;
-          e->cat = cat;
-          e->sysCat = cat != nullptr ? reinterpret_cast<nl_catd>(-1) : sys;
-          e->sysCs = sysCs;
-          e->locale = locCopy;
-          e->name = nameCopy;
-          e->refs.store(reader == nullptr ? 2 : 1, std::memory_order_relaxed);
-          e->pinned.store(false, std::memory_order_relaxed);
-          e->nextKept = nullptr;
-          if (row[kSlots - 1] != nullptr) {
-            zar_msg_cat_s* old = row[kSlots - 1];
-            if (old->pinned.load(std::memory_order_acquire)) {
-              old->nextKept = gKept;
-              gKept = old;
-            } else {
-              unref(old);
-            }
-          }
-          for (int j = kSlots - 1; j > 0; --j) row[j] = row[j - 1];
-          row[0] = e;
-          result = e;
-          opened = e->name;
-        }
-      }
+      result = openIntoRow(row, code, locale, flags, reader == nullptr ? 2 : 1, &openSt,
+                           debugName, sizeof debugName);
+      st = openSt;
+    } else if (zar::msg::debugCatalogs()) {
+      snprintf(debugName, sizeof debugName, "%s", result->name);
     }
-    openSt = st;
     if (result != nullptr && reader != nullptr) {
       unsigned long readStatus = ZAR_S_OK;
       reader->text = copyText(result, code, reader->cs, &readStatus);
       st = static_cast<uint32_t>(readStatus);
     }
-    if (zar::msg::debugCatalogs()) snprintf(debugName, sizeof debugName, "%s", opened);
   }
   if (reader != nullptr && st != ZAR_S_OK) result = nullptr;
   zar::setStatus(status, st);
@@ -252,21 +263,22 @@ const char* rawText(zar_msg_cat_s* e, uint32_t code) {
 char* copyText(zar_msg_cat_s* e, uint32_t code, nlz_cs_t cs, unsigned long* status) {
   int num = static_cast<int>(code & e->mask);
   const char* t;
+  size_t len = 0;
   char* converted = nullptr;
   if (e->cat != nullptr) {
-    t = nlz_catgets(e->cat, 1, num, kNope, cs);
+    t = nlz_catgets_len(e->cat, 1, num, kNope, cs, &len);
   } else {
     // A catalog only the system could open: its texts are in the code set of
     // the locale it was opened for; convert through UTF-8 when asked.
     t = catgets(e->sysCat, 1, num, kNope);
+    if (t != nullptr && t != kNope) len = strnlen(t, 1 << 20);
     if (t != nullptr && t != kNope && cs != nullptr && e->sysCs != nullptr &&
         !nlz_cs_same(cs, e->sysCs)) {
-      int len = static_cast<int>(strnlen(t, 1 << 20));
-      int room = len * 4 + 16;
+      int room = static_cast<int>(len) * 4 + 16;
       zar::mem::Unique<char> mid(static_cast<char*>(zar::mem::alloc(static_cast<size_t>(room))));
       converted = static_cast<char*>(zar::mem::alloc(static_cast<size_t>(room)));
       int n = (mid == nullptr || converted == nullptr)
-                  ? -1 : nlz_to_utf8(e->sysCs, t, len, mid.get(), room);
+                  ? -1 : nlz_to_utf8(e->sysCs, t, static_cast<int>(len), mid.get(), room);
       if (n >= 0) n = nlz_from_utf8(cs, mid.get(), n, converted, room - 1);
       if (n < 0) {
         zar::mem::free(converted);
@@ -281,7 +293,7 @@ char* copyText(zar_msg_cat_s* e, uint32_t code, nlz_cs_t cs, unsigned long* stat
     zar::setStatus(status, ZAR_S_MSG_NOT_IN_CATALOG);
     return nullptr;
   }
-  char* copy = zar::mem::strDup(t);
+  char* copy = zar::mem::strDupLen(t, len);
   if (copy == nullptr) zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
   return copy;
 }

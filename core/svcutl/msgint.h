@@ -12,6 +12,8 @@
 #include <pthread.h>
 #include <stdint.h>
 
+#include <atomic>
+
 #include "zar/msg.h"
 #include "zar/nls.h"
 
@@ -44,10 +46,19 @@ void zar_msg__cleanup_cat_mutex(void);
 
 namespace zar::msg {
 
+// Set (release) once zar_msg__init_mutex has succeeded; read by the inline
+// fast path of ensureInit so that a lookup after start-up skips pthread_once.
+extern std::atomic<bool> gReady;
+// KPSVC_DEBUG_MSG was set at initialisation; written before gReady.
+extern bool gDebugMsg;
+
 // Runs zar_msg__init_mutex once; false when it could not initialise.
-bool ensureInit();
+bool ensureInitSlow();
+inline bool ensureInit() {
+  return gReady.load(std::memory_order_acquire) || ensureInitSlow();
+}
 // KPSVC_DEBUG_MSG was set at initialisation.
-bool debugCatalogs();
+inline bool debugCatalogs() { return gDebugMsg; }
 
 // A catalog text copied out under the locks: the current-locale lookup of
 // zar_msg_get_cat_msg, but returning a new copy (caller frees) so that no

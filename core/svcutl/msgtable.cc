@@ -30,31 +30,32 @@ constexpr const char* kUnknownFormat = "Unknown message number 0x%8.8lx";
 
 pthread_once_t gOnce = PTHREAD_ONCE_INIT;
 bool gSetup = false;       // written once inside gOnce
-bool gDebugMsg = false;    // KPSVC_DEBUG_MSG was set; written once inside gOnce
 void* gLastBlock = nullptr;  // newest table array block; guarded by zar_msg_g_mutex
 
 }  // namespace
 
+std::atomic<bool> zar::msg::gReady{false};
+bool zar::msg::gDebugMsg = false;  // written once inside gOnce
+
 void zar_msg__init_mutex(void) {
   const char* nox = getenv("SVC_NOXPGCAT");
   if (nox != nullptr) zar_msg_g_noxpgcat = static_cast<uint32_t>(strtol(nox, nullptr, 10));
-  gDebugMsg = getenv("KPSVC_DEBUG_MSG") != nullptr;
+  zar::msg::gDebugMsg = getenv("KPSVC_DEBUG_MSG") != nullptr;
   zar_svc_nls_init(nullptr);
   // Settles the catalog data directory so that installed catalogs are found
   // even when NLSPATH does not name them.
   qumbra_initialize();
   gSetup = true;
+  zar::msg::gReady.store(true, std::memory_order_release);
 }
 
 void zar_msg__cleanup_mutex(void) { pthread_mutex_unlock(&zar_msg_g_mutex); }
 void zar_msg__cleanup_cat_mutex(void) { pthread_mutex_unlock(&zar_msgcat_g_mutex); }
 
-bool zar::msg::ensureInit() {
+bool zar::msg::ensureInitSlow() {
   pthread_once(&gOnce, zar_msg__init_mutex);
   return gSetup;
 }
-
-bool zar::msg::debugCatalogs() { return gDebugMsg; }
 
 void zar::msg::copyCut(char* out, int max, const char* text, zar_codeset_t cs) {
   // Whole characters only; an invalid byte counts as one character.

@@ -106,13 +106,22 @@ TEST_F(CatalogTree, TextsAreConvertedIntoTheRequestedCodeSet) {
   EXPECT_STREQ("UTF-8", nlz_cat_cs_name(cat.get()));
   EXPECT_STREQ("UTF-8", nlz_cat_cs_name(frCat.get()));  // no marker: the locale's code set
   nlz_cs_t latin1 = nlz_cs_shared("ISO-8859-1"), utf8 = nlz_cs_shared("UTF8");
-  const char* a = nlz_catgets(cat.get(), 1, 1, "?", latin1);
+  // Every text comes with its length, converted texts and the default too.
+  auto get = [&](int set, int num, nlz_cs_t cs) {
+    size_t len = 12345;
+    const char* t = nlz_catgets_len(cat.get(), set, num, "?", cs, &len);
+    EXPECT_EQ(strlen(t), len) << set << "/" << num;
+    EXPECT_EQ(t, nlz_catgets(cat.get(), set, num, "?", cs));
+    return t;
+  };
+  const char* a = get(1, 1, latin1);
   EXPECT_STREQ(kGruesseLatin1, a);
-  EXPECT_EQ(a, nlz_catgets(cat.get(), 1, 1, "?", latin1));  // kept, same text
-  EXPECT_STREQ(kGruesseUtf8, nlz_catgets(cat.get(), 1, 1, "?", utf8));
-  EXPECT_STREQ("?", nlz_catgets(cat.get(), 1, 3, "?", latin1));  // euro: not in latin1
-  EXPECT_STREQ("?", nlz_catgets(cat.get(), 1, 99, "?", nullptr));
-  EXPECT_STREQ("?", nlz_catgets(cat.get(), 2, 1, "?", nullptr));
+  EXPECT_EQ(a, get(1, 1, latin1));  // kept, same text
+  EXPECT_STREQ(kGruesseUtf8, get(1, 1, utf8));
+  EXPECT_STREQ(kGruesseUtf8, get(1, 1, nullptr));
+  EXPECT_STREQ("?", get(1, 3, latin1));  // euro: not in latin1
+  EXPECT_STREQ("?", get(1, 99, nullptr));
+  EXPECT_STREQ("?", get(2, 1, nullptr));
 }
 
 TEST(CatalogReader, AgreesWithTheSystemCatgetsOnEveryMessage) {

@@ -52,8 +52,6 @@ TEST(CsName, IsNormalisedOrRefused) {
 
 // Good texts round-trip through UTF-8 and need exactly their room; bad ones
 // fail with EILSEQ.
-// Good texts round-trip through UTF-8 and need exactly their room; bad ones
-// fail with EILSEQ.
 TEST(Conversion, RoundTripsAndRefusesBadInput) {
   const std::tuple<const char*, std::string, std::string> good[] = {  // code set, native, UTF-8
       {"ISO-8859-1", "Gr\xfc\xdf" "e", "Gr\xc3\xbc\xc3\x9f" "e"},

@@ -1,11 +1,7 @@
 #!/usr/bin/env bash
 # The zar base64 filter: known texts, both alphabets, and a round trip of
 # every byte value.
-set -euo pipefail
-zar=$1/tools/zar
-tmp=$(mktemp -d)
-trap 'rm -rf "$tmp"' EXIT
-fail() { echo "FAIL: $*" >&2; exit 1; }
+. "$(dirname "$0")/lib/common.sh"
 
 check() {  # input-as-printf args expected
   local got
@@ -32,10 +28,5 @@ for alpha in "" --uri; do
   cmp -s "$tmp/bytes" "$tmp/back" || fail "round trip $alpha"
 done
 
-# Bad usage: exit status 2 with a usage line.
-set +e
-"$zar" base64 --bogus </dev/null 2>"$tmp/err"; rc=$?
-set -e
-[ "$rc" -eq 2 ] || fail "bad option exit status $rc"
-grep -q "usage: zar base64" "$tmp/err" || fail "no usage line"
+usage_errors base64 --bogus
 echo "base64 script: ok"

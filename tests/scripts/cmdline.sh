@@ -3,12 +3,9 @@
 # overrides the file, only the named stanza is read, unknown options of both
 # sources and repeated options are reported with the product's texts; a file
 # that cannot be opened, and one with a bad line whose earlier entries stay.
-set -euo pipefail
+. "$(dirname "$0")/lib/common.sh"
 build=$1
 demo=$build/examples/cmdline_demo
-tmp=$(mktemp -d)
-trap 'rm -rf "$tmp"' EXIT
-fail() { echo "FAIL: $*" >&2; exit 1; }
 unset NLSPATH LC_ALL LC_MESSAGES LANG
 [ -x "$demo" ] || fail "$demo was not built"
 

@@ -2,10 +2,8 @@
 # zar errtext against the built catalogs: texts of the compiled tables and of
 # catalog-only codes, German texts in the locale's code set and in UTF-8,
 # exit statuses and usage errors.
-set -euo pipefail
+. "$(dirname "$0")/lib/common.sh"
 build=$1
-zar=$build/tools/zar
-fail() { echo "FAIL: $*" >&2; exit 1; }
 export NLSPATH="$build/nls/msg/%L/%N"
 unset LC_ALL LC_MESSAGES LANG
 
@@ -26,14 +24,7 @@ expect 1 "0x12345678: status 0x12345678 (dce / fz2)" 0x12345678
 out=$("$zar" errtext 0x38C52097 0x12345678) && fail "a code without text must give exit 1"
 [ "$(echo "$out" | wc -l)" = 2 ] || fail "one line per code: $out"
 
-# Bad usage: exit 2, a usage line, no texts.
-for args in "" "--utf8" "nonsense" "0x1FFFFFFFF" "-1" "--bogus 0x1"; do
-  status=0
-  # shellcheck disable=SC2086
-  err=$("$zar" errtext $args 2>&1 >/dev/null) || status=$?
-  [ "$status" = 2 ] || fail "errtext $args: exit $status, want 2"
-  echo "$err" | grep -q "usage: zar errtext" || fail "errtext $args: no usage line: $err"
-done
+usage_errors errtext "" "--utf8" "nonsense" "0x1FFFFFFFF" "-1" "--bogus 0x1"
 
 # German texts: ISO-8859-1 in a latin1 locale, UTF-8 with --utf8.
 if [ -d "${LOCPATH:-}/de_DE.ISO-8859-1" ]; then

@@ -4,12 +4,9 @@
 # catalogs and the zar tool, which finds the installed catalogs without
 # NLSPATH. Then builds the example programs against the installed tree, once
 # with pkg-config and once with find_package(zar), and runs them.
-set -euo pipefail
+. "$(dirname "$0")/lib/common.sh"
 build=$1
 src=$2
-tmp=$(mktemp -d)
-trap 'rm -rf "$tmp"' EXIT
-fail() { echo "FAIL: $*" >&2; exit 1; }
 prefix=$tmp/prefix
 
 cmake --install "$build" --prefix "$prefix" >/dev/null

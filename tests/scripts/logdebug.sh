@@ -1,14 +1,10 @@
 #!/usr/bin/env bash
 # zar log --debug: debug messages of the product's components, with levels
 # and routes from SVC_<COMPONENT>_DBG or a routing-file component line.
-set -euo pipefail
+. "$(dirname "$0")/lib/common.sh"
 build=$1
-zar=$build/tools/zar
-fail() { echo "FAIL: $*" >&2; exit 1; }
 export NLSPATH="$build/nls/msg/%L/%N"
 unset LC_ALL LC_MESSAGES LANG KP_SVC_ROUTING_FILE SVC_BRIEF SVC_WSC_DBG SVC_WSD_DBG
-dir=$(mktemp -d)
-trap 'rm -rf "$dir"' EXIT
 time_re='[0-9]{4}-[0-9]{2}-[0-9]{2}-[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3}[+-][0-9]{2}:[0-9]{2}I-----'
 
 # Nothing configured: a debug message goes nowhere.
@@ -26,22 +22,15 @@ SVC_WSC_DBG="wsc:*.9:XMLSTDOUT:" "$zar" log --debug 7 --sub 1 x | grep -q '^<Tra
 
 # A routing-file component line; a variable naming another component is
 # refused and the file is not read then.
-printf 'WARNING:STDERR:\nwsd:*.4:TEXTFILE:%s/d.log\n*:*.1:STDOUT:\n' "$dir" >"$dir/routing"
-export KP_SVC_ROUTING_FILE=$dir/routing
+printf 'WARNING:STDERR:\nwsd:*.4:TEXTFILE:%s/d.log\n*:*.1:STDOUT:\n' "$tmp" >"$tmp/routing"
+export KP_SVC_ROUTING_FILE=$tmp/routing
 "$zar" log --debug 4 --comp wsd --sub srvshlib "to %s" file
-grep -Eq " zar DEBUG4 wsd srvshlib tools/zar/log [0-9]+ 0x[0-9a-f]+ to file$" "$dir/d.log" ||
-  fail "routing-file line: $(cat "$dir/d.log")"
+grep -Eq " zar DEBUG4 wsd srvshlib tools/zar/log [0-9]+ 0x[0-9a-f]+ to file$" "$tmp/d.log" ||
+  fail "routing-file line: $(cat "$tmp/d.log")"
 [ "$("$zar" log --debug 1 wildcard | sed -n 2p)" = wildcard ] || fail "wildcard component line"
 [ -z "$(SVC_WSC_DBG="xyz:*.9:STDOUT:" "$zar" log --debug 1 x)" ] || fail "another component's setting"
 unset KP_SVC_ROUTING_FILE
 
-# Bad usage: exit 2 and a usage line.
-for args in "--debug 0 x" "--debug 10 x" "--debug x y" "--debug 3" "--debug 3 --sev error x" \
-  "--debug 3 --brief x" "--debug 3 %d" "--debug 3 %d 1 2" "--debug 3 %d x" "--debug 3 --sub nosuch x"; do
-  status=0
-  # shellcheck disable=SC2086
-  err=$("$zar" log $args 2>&1 >/dev/null) || status=$?
-  [ "$status" = 2 ] || fail "log $args: exit $status, want 2"
-  echo "$err" | grep -q "usage: zar log" || fail "log $args: no usage line: $err"
-done
+usage_errors log "--debug 0 x" "--debug 10 x" "--debug x y" "--debug 3" "--debug 3 --sev error x" \
+  "--debug 3 --brief x" "--debug 3 %d" "--debug 3 %d 1 2" "--debug 3 %d x" "--debug 3 --sub nosuch x"
 echo "logdebug: ok"

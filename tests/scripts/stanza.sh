@@ -2,11 +2,7 @@
 # The zar stanza subcommand: list, get, set, delete and validate on a real
 # file; exit statuses; --nowait against a lock held by another process; the
 # local code page of the user's locale.
-set -euo pipefail
-zar=$1/tools/zar
-tmp=$(mktemp -d)
-trap 'rm -rf "$tmp"' EXIT
-fail() { echo "FAIL: $*" >&2; exit 1; }
+. "$(dirname "$0")/lib/common.sh"
 conf=$tmp/server.conf
 expect() {  # expected-status expected-stdout args...
   local want=$1 out=$2 rc=0 got

@@ -1,11 +1,7 @@
 #!/usr/bin/env bash
 # The zar time subcommand: fixed instants in UTC, in zone files and in rule
 # strings, the zone line, the current time, and bad usage.
-set -euo pipefail
-zar=$1/tools/zar
-tmp=$(mktemp -d)
-trap 'rm -rf "$tmp"' EXIT
-fail() { echo "FAIL: $*" >&2; exit 1; }
+. "$(dirname "$0")/lib/common.sh"
 
 check() {  # TZ-value expected args...
   local tz=$1 want=$2 got
@@ -37,15 +33,6 @@ now=$(TZ=UTC "$zar" time)
 [ "${now:0:4}" = "$(date -u +%Y)" ] || [ "${now:0:4}" = "$(date -u -d '-1 min' +%Y)" ] ||
   fail "current year in '$now'"
 
-# Bad usage: exit status 2 with a usage line.
-for args in "--bogus" "--at" "--at 1.2.3" "--at 1." "--at abc" "--at 1.0123456789" \
-            "--at 99999999999999999999" "--at -99999999999" "--at=+5"; do
-  set +e
-  # shellcheck disable=SC2086
-  "$zar" time $args >"$tmp/out" 2>"$tmp/err"; rc=$?
-  set -e
-  [ "$rc" -eq 2 ] || fail "zar time $args: exit status $rc"
-  grep -q "usage: zar time" "$tmp/err" || fail "zar time $args: no usage line"
-  [ ! -s "$tmp/out" ] || fail "zar time $args: wrote to standard output"
-done
+usage_errors time "--bogus" "--at" "--at 1.2.3" "--at 1." "--at abc" "--at 1.0123456789" \
+  "--at 99999999999999999999" "--at -99999999999" "--at=+5"
 echo "time: all checks passed"

@@ -1,7 +1,9 @@
+// Base64 in both alphabets: the tails, white space and characters outside
+// the alphabet, buffers too small. Round trips of random bytes: the base64
+// fuzz target; the RFC 4648 vectors: diff-base64.
 #include <stdint.h>
 #include <string.h>
 
-#include <random>
 #include <string>
 #include <vector>
 
@@ -32,9 +34,6 @@ std::string decode(Alpha a, const std::string& text) {
   std::string r = room == 0 ? std::string() : std::string(reinterpret_cast<char*>(out), n);
   EXPECT_LE(n, room);
   delete[] out;
-  if (room == 0) {
-    EXPECT_EQ(0u, n);
-  }
   return r;
 }
 
@@ -71,7 +70,8 @@ TEST(Base64, DecodesAndSkipsWhatIsNotInTheAlphabet) {
       {S, "QU\xc3\xa9JD", "ABC"},  // bytes with the top bit set
       {S, " \t\r\n", ""},
       // Wide-loop lengths with a bad character in the second half of a block.
-      {S, "QUJDQUJDQUJDQU*JDQUJD", "ABCABCABCABCABC"}, {S, kFoxText + "w==", kFox}};
+      {S, "QUJDQUJDQUJDQU*JDQUJD", "ABCABCABCABCABC"}, {S, kFoxText + "w==", kFox},
+      {U, "QUJDQUJD\r\nQUJDQUJDQUJD QUJD", "ABCABCABCABCABCABC"}};
   for (const auto& c : cases) EXPECT_EQ(c.out, decode(c.alpha, c.text)) << c.text;
   char buf[8] = "xxxxxxx";  // too small or null buffers get nothing
   zar_base64_std_encode("ABC", 3, buf, 4);  // 5 bytes are needed
@@ -83,26 +83,6 @@ TEST(Base64, DecodesAndSkipsWhatIsNotInTheAlphabet) {
   n = 7;
   zar_base64_std_decode("QUJD", 4, nullptr, &n);
   EXPECT_EQ(0u, n);
-}
-
-// Every length from 0 to 200 in both alphabets round-trips, also with white
-// space between the characters (which moves groups off the fast path).
-TEST(Base64, RandomBytesRoundTripWithAndWithoutWhiteSpace) {
-  std::mt19937 rng(7);
-  for (Alpha a : {Alpha::kStd, Alpha::kUri}) {
-    for (size_t len = 0; len <= 200; ++len) {
-      std::string in(len, '\0');
-      for (char& c : in) c = static_cast<char>(rng());
-      std::string text = encode(a, in);
-      ASSERT_EQ(in, decode(a, text)) << "length " << len;
-      std::string spaced;
-      for (size_t i = 0; i < text.size(); ++i) {
-        spaced += text[i];
-        if (rng() % 5 == 0) spaced += (rng() % 2) ? "\r\n" : " ";
-      }
-      ASSERT_EQ(in, decode(a, spaced)) << "length " << len;
-    }
-  }
 }
 
 }  // namespace

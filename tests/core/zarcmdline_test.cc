@@ -1,13 +1,14 @@
-// ZARCmdLine: shapes of the argument vector, yes/no values, the first
-// occurrence winning across the command line and a response file, response
-// files that are bad or cannot be opened, marks and the snapshot of unmarked
-// options, and allocation failure at every allocation.
+// ZARCmdLine: shapes of the argument vector, yes/no values, response files
+// that are bad or cannot be opened, and the snapshot of unmarked options.
+// Random command lines and response files against a model: the cmdline fuzz
+// target; every allocation failing: alloc-faults' command-line case.
 #include "zar/cmdline.hpp"
 
 #include <errno.h>
 
 #include <map>
 #include <optional>
+#include <tuple>
 #include <string>
 #include <vector>
 
@@ -66,10 +67,7 @@ TEST(ZARCmdLine, ArgumentVectorShapes) {
       {{}, "<none>", {}, {}},
       {{"prog", "-a", "1", "-a", "2", "-a"}, "prog", {{"a", "1"}}, {"a=2", "a="}},
       {{"prog", "-n", "-5"}, "prog", {{"n", ""}, {"5", ""}}, {}},
-      {{"/bin/p", "--x", "-", "v", "-port=80", "8"},
-       "/bin/p",
-       {{"-x", ""}, {"", "v"}, {"port=80", "8"}},
-       {}},
+      {{"/bin/p", "--x", "-", "v", "-port=80", "8"}, "/bin/p", {{"-x", ""}, {"", "v"}, {"port=80", "8"}}, {}},
       {{nullptr, "-a", nullptr, "-b"}, "<none>", {{"a", ""}, {"b", ""}}, {}},
       {{"p", "-A", "1", "-a", "2"}, "p", {{"A", "1"}, {"a", "2"}}, {}},
   };
@@ -92,23 +90,17 @@ TEST(ZARCmdLine, ArgumentVectorShapes) {
 }
 
 TEST(ZARCmdLine, YesNoValues) {
-  struct {
-    const char* value;  // null: the option is absent
-    unsigned status;
-    bool flag;
-  } cases[] = {{"Yes", 0, true},
-               {"NO", 0, false},
-               {"1", ZAR_S_CMDLINE_BAD_OPTION, false},
-               {"y", ZAR_S_CMDLINE_BAD_OPTION, false},
-               {"yes!", ZAR_S_CMDLINE_BAD_OPTION, false},
-               {nullptr, ZAR_S_NOT_AVAILABLE, false}};
-  for (const auto& c : cases) {
+  const unsigned kBad = ZAR_S_CMDLINE_BAD_OPTION;
+  const std::tuple<const char*, unsigned, bool> cases[] = {  // value (null: absent), status, flag
+      {"Yes", 0, true}, {"NO", 0, false}, {"1", kBad, false}, {"y", kBad, false},
+      {"yes!", kBad, false}, {nullptr, ZAR_S_NOT_AVAILABLE, false}};
+  for (const auto& [value, status, want] : cases) {
     ZARCmdLine cl;
-    ASSERT_EQ(0u, parse(cl, {"prog", c.value != nullptr ? "-opt" : "-other", c.value}));
+    ASSERT_EQ(0u, parse(cl, {"prog", value != nullptr ? "-opt" : "-other", value}));
     for (bool before : {false, true}) {  // a failure leaves the flag alone
       bool flag = before;
-      EXPECT_EQ(c.status, cl.findOption("opt", flag)) << (c.value ? c.value : "absent");
-      EXPECT_EQ(c.status == 0 ? c.flag : before, flag) << (c.value ? c.value : "absent");
+      EXPECT_EQ(status, cl.findOption("opt", flag)) << (value ? value : "absent");
+      EXPECT_EQ(status == 0 ? want : before, flag) << (value ? value : "absent");
     }
   }
 }

@@ -19,17 +19,11 @@ namespace {
 using zar::fault::Op;
 using zar::test::FaultPlan;
 
-// The local code page is learnt once per process, on first use: the locale
-// must be in place before any test runs.
-class Latin1Locale : public ::testing::Environment {
- public:
-  void SetUp() override {
-    ASSERT_NE(nullptr, setlocale(LC_ALL, "de_DE.ISO-8859-1"))
-        << "de_DE.ISO-8859-1 missing; run with LOCPATH set (scripts/mklocales)";
-  }
+// The local code page is learnt once per process, on first use.
+struct Latin1 : ::testing::Environment {
+  void SetUp() override { ASSERT_NE(nullptr, setlocale(LC_ALL, "de_DE.ISO-8859-1")) << "LOCPATH?"; }
 };
-[[maybe_unused]] const ::testing::Environment* const kLocale =
-    ::testing::AddGlobalTestEnvironment(new Latin1Locale);
+[[maybe_unused]] auto* const kLocale = ::testing::AddGlobalTestEnvironment(new Latin1);
 
 std::string text(const ZARString& s) { return std::string(s.getData(), s.getLen()); }
 bool isInline(ZARString& s) { return s.getData() != s.buffer() || s.capacity() == 30; }
@@ -161,21 +155,13 @@ TEST(ZARString, MoveTakesTheBlockAndEmptiesTheSource) {
   EXPECT_NE(shorter.getData(), moved.getData());  // NOLINT(bugprone-use-after-move)
 }
 
-// djb2 with xor; a ZARString stops at a NUL byte, a reference does not.
-TEST(ZARString, HashIsDjb2Xor) {
-  const struct {
-    std::string bytes;
-    unsigned stringHash, refHash;
-  } cases[] = {{"", 5381, 5381},
-               {"a", 177604, 177604},
-               {"help", 2087804052u, 2087804052u},
-               {"rspfile", 702755058u, 702755058u},
-               {std::string("a\0b", 3), 177604, 193410726u}};
-  for (const auto& c : cases) {
-    const int len = static_cast<int>(c.bytes.size());
-    EXPECT_EQ(c.stringHash, ZARString(c.bytes.data(), len).hash()) << c.bytes;
-    EXPECT_EQ(c.refHash, ZARStringRef(c.bytes.data(), len, false).hash()) << c.bytes;
-  }
+// A ZARString's hash stops at a NUL byte, a reference's does not.
+TEST(ZARString, HashOfStringAndReference) {
+  const std::string embedded("a\0b", 3);
+  EXPECT_EQ(ZARString("a").hash(), ZARString(embedded.data(), 3).hash());
+  EXPECT_EQ(ZARString("ab").hash(), ZARStringRef("ab", 2, false).hash());
+  EXPECT_NE(ZARString("a").hash(), ZARStringRef(embedded.data(), 3, false).hash());
+  EXPECT_NE(ZARString("ab").hash(), ZARString("ba").hash());
 }
 
 const std::string kUtf8Word = "Gr\xC3\xBC\xC3\x9F" "e";  // Grüße
@@ -207,14 +193,11 @@ TEST(ZARString, ConvertingAppendReservesRoomAndFailsWhole) {
     EXPECT_EQ(c.capacity, s.capacity());
     EXPECT_EQ('\0', s.getData()[s.getLen()]);
   }
-}
-
-TEST(ZARString, ConvertingSetAndOwnContentAsSource) {
   ZARString s(kLatin1Twenty.c_str(), -1, ZARString::CONVERT_TO_UTF8);
-  std::string utf8 = text(s);
+  const std::string utf8 = text(s);
   ASSERT_TRUE(s.set(utf8.c_str(), -1, ZARString::CONVERT_FROM_UTF8));
   EXPECT_EQ(kLatin1Twenty, text(s));
-  ASSERT_TRUE(s.append(s.getData(), s.getLen(), ZARString::CONVERT_TO_UTF8));
+  ASSERT_TRUE(s.append(s.getData(), s.getLen(), ZARString::CONVERT_TO_UTF8));  // its own content
   EXPECT_EQ(kLatin1Twenty + utf8, text(s));
 }
 
@@ -245,50 +228,39 @@ TEST(ZARString, CompareSignsOfEveryOverload) {
   for (const auto& c : cases) EXPECT_EQ(c.sign, sign(c.got)) << "row " << row++;
 }
 
-TEST(ZARStringRef, DefaultAndNullReferToTheEmptyTerminatedText) {
-  ZARStringRef r;
+// Null and default references are the empty terminated text; an unknown
+// length is learnt once (copies learn it too); the terminated copy of a
+// slice is the reference's own and never shared.
+TEST(ZARStringRef, LengthsAndTerminatedCopies) {
+  ZARStringRef r, fromNull(nullptr, 5, false);
   EXPECT_EQ(ZARStringRef::emptyString, r.getData());
-  EXPECT_EQ(0, r.getLen());
-  EXPECT_TRUE(r.isNullTerminated());
   EXPECT_EQ(r.getData(), r.getNullTermData());
-  ZARStringRef fromNull(nullptr, 5, false);
-  EXPECT_EQ(0, fromNull.getLen());
   EXPECT_TRUE(fromNull.isNullTerminated());
-}
-
-TEST(ZARStringRef, LearnsAnUnknownLengthOnceAndCopiesLearnIt) {
+  EXPECT_EQ(0, r.getLen() + fromNull.getLen());
   char buf[] = "hello";
-  ZARStringRef r(buf, -1, false);
-  EXPECT_TRUE(r.isNullTerminated());
-  ZARStringRef copy(r);  // makes r learn its length
+  ZARStringRef learnt(buf, -1, false);
+  ZARStringRef copy(learnt);
   buf[2] = '\0';
-  EXPECT_EQ(5, r.getLen());
+  EXPECT_EQ(5, learnt.getLen());
   EXPECT_EQ(5, copy.getLen());
-  ZARStringRef later(buf, -1);
   ZARStringRef assigned;
-  assigned = later;  // a length of -1 stays -1 and is learnt by each
+  assigned = ZARStringRef(buf, -1);
   EXPECT_EQ(2, assigned.getLen());
-}
-
-TEST(ZARStringRef, TerminatedCopyIsOwnAndNeverShared) {
   const char* whole = "abcdefgh";
-  ZARStringRef r(whole, 5, false);
-  const char* copy = r.getNullTermData();
-  ASSERT_NE(nullptr, copy);
-  EXPECT_NE(whole, copy);
-  EXPECT_STREQ("abcde", copy);
-  EXPECT_EQ(copy, r.getNullTermData());
-  ZARStringRef other(r);
-  ZARStringRef assigned;
-  assigned = r;
-  EXPECT_NE(copy, other.getNullTermData());
-  EXPECT_NE(copy, assigned.getNullTermData());
+  ZARStringRef slice(whole, 5, false);
+  const char* term = slice.getNullTermData();
+  EXPECT_NE(whole, term);
+  EXPECT_STREQ("abcde", term);
+  EXPECT_EQ(term, slice.getNullTermData());
+  ZARStringRef other(slice);
+  assigned = slice;
+  EXPECT_NE(term, other.getNullTermData());
+  EXPECT_NE(term, assigned.getNullTermData());
   EXPECT_STREQ("abcde", assigned.getNullTermData());
   static const char kEmbedded[] = {'a', '\0', 'b'};
-  ZARStringRef slice(kEmbedded, 3, false);
-  EXPECT_EQ(0, memcmp("a\0\0", slice.getNullTermData(), 4));
-  r.set(whole, 3, false);  // frees the copy (ASan sees a use of it as an error)
-  EXPECT_STREQ("abc", r.getNullTermData());
+  EXPECT_EQ(0, memcmp("a\0\0", ZARStringRef(kEmbedded, 3, false).getNullTermData(), 4));
+  slice.set(whole, 3, false);  // frees the copy (ASan sees a use of it as an error)
+  EXPECT_STREQ("abc", slice.getNullTermData());
 }
 
 }  // namespace

@@ -128,7 +128,6 @@ const std::vector<FileRow> kFiles = {
     {"bas", "1", nullptr, 13, {{500, 522}}, {}}, {"rpc", "1", nullptr, 4, {{136, 144}}, {}},
     {"lib", "1", nullptr, 2, {{30, 31}}, {}},    {"ivc", "1", nullptr, 1, {{456, 456}}, {}}};
 
-// Test names carry the file name; the rows print as that name too.
 void PrintTo(const FileRow& row, std::ostream* os) { *os << row.name; }
 
 class MessageFile : public ::testing::TestWithParam<FileRow> {};
@@ -172,16 +171,13 @@ TEST_P(MessageFile, FollowsTheFormatAndTheNumbering) {
 INSTANTIATE_TEST_SUITE_P(Files, MessageFile, ::testing::ValuesIn(kFiles),
                          [](const auto& info) { return std::string(info.param.name); });
 
-TEST(MessageSource, ConversionsAreCheckedAsTheEngineParsesThem) {
+// The assertion message is printed with the argument types "%s%s%d".
+TEST(MessageSource, AssertionMessageTakesItsArguments) {
   std::vector<std::string> sig;
   std::string why;
-  for (const char* bad : {"%hhd", "%lf", "%*2$d", "%5*d", "%-%", "%n", "50%"})
-    EXPECT_FALSE(conversions(bad, &sig, &why)) << bad;
-  ASSERT_TRUE(conversions("%% %1$-*2$.*3$ld %'+08.3Lf %hx", &sig, &why)) << why;
-  // The assertion message is printed with the argument types "%s%s%d".
-  ASSERT_TRUE(conversions(parseSource(messagesDir() + "bas.msg")
-                              .texts[ZAR_S_MSG_BAD_OPEN_TYPE & 0xFFF], &sig, &why));
-  EXPECT_EQ((std::vector<std::string>{"%1$-*2$.*3$ld", "%'+08.3Lf", "%hx", "%s", "%s", "%d"}), sig);
+  ASSERT_TRUE(conversions(parseSource(messagesDir() + "bas.msg").texts[ZAR_S_MSG_BAD_OPEN_TYPE & 0xFFF],
+                          &sig, &why)) << why;
+  EXPECT_EQ((std::vector<std::string>{"%s", "%s", "%d"}), sig);
 }
 
 // Translations: only numbers of the English file, the same identifier, the

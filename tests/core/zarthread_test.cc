@@ -99,7 +99,9 @@ TEST(ZarThread, DelayAndExpirationForEveryShapeOfInterval) {
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.sec) + "s " + std::to_string(c.nsec) + "ns");
     struct timespec in = {c.sec, c.nsec}, out = {-5, -5};
-    if (c.delay) EXPECT_EQ(c.result, zarthread_delay_np(&in));
+    if (c.delay) {
+      EXPECT_EQ(c.result, zarthread_delay_np(&in));
+    }
     struct timeval before, after;
     gettimeofday(&before, nullptr);
     ASSERT_EQ(c.result, zarthread_get_expiration_np(&in, &out));

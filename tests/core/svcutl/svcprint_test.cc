@@ -1,8 +1,8 @@
 // The printing pipeline through the public interface: default routes, every
 // route kind and record form, attributes and actions, GOESTO, routing
-// precedence, log files (rotation, generations, sharing, fork), conversions,
-// XML records checked with xmllint, failures, and several processes and
-// threads writing one log.
+// precedence, log files (rotation, generations, sharing), conversions and XML
+// records checked with xmllint. Many writers, fork and injected faults are
+// the reliability suite's (docs/reliability.md).
 //
 // The serviceability keeps process-wide state (filled route lists, saved
 // settings), so each scenario runs in a child process of its own with its
@@ -15,17 +15,12 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/lsan_interface.h>
-#endif
 
 #include <functional>
 #include <regex>
 #include <string>
 
 #include "core/svcutl/svcint.h"
-#include "tests/testutil/logcheck.h"
-#include "tests/testutil/stress.h"
 #include "tests/testutil/testutil.h"
 #include "zar/msg.h"
 #include "zar/status.h"
@@ -369,39 +364,6 @@ TEST_F(SvcPrint, SeveritiesNamingOneFileShareItsStream) {
   EXPECT_EQ(getuid(), st.st_uid);       // an unknown user leaves the owner
 }
 
-TEST_F(SvcPrint, ForkedChildWritesItsOwnPerProcessTextFile) {
-  Output o = inChild([&] {
-    route("WARNING:TEXTFILE:@/app.%ld.log;XMLFILE:@/app.%d.xml");
-    printSys(kWarning, "parent", 1);
-    pid_t child = fork();
-    if (child == 0) {
-      printSys(kWarning, "child", 2);
-      route("ERROR:TEXTFILE:@/late%%.%08d.log");  // opened after the fork: the child's id
-      printError();
-      _exit(0);
-    }
-    waitpid(child, nullptr, 0);
-    printSys(kWarning, "parent", 3);
-    writeFile(dir_.file("child"), std::to_string(child));
-    writeFile(dir_.file("parent"), std::to_string(getpid()));
-  });
-  ASSERT_EQ(0, exitCode(o.status));
-  std::string parent = file("parent"), child = file("child");
-  std::string parentLog = file("app." + parent + ".log"), childLog = file("app." + child + ".log");
-  EXPECT_EQ(2u, splitLines(parentLog).size());
-  EXPECT_FALSE(has(parentLog, "child"));
-  EXPECT_EQ(1u, splitLines(childLog).size());
-  EXPECT_TRUE(has(childLog, "The child system"));
-  char late[32];
-  snprintf(late, sizeof late, "late%%.%08d.log", std::stoi(child));
-  EXPECT_TRUE(fileExists(dir_.file(late)));
-  // XMLFILE keeps the inherited stream: all three records in one file.
-  std::string xml = file("app." + parent + ".xml");
-  size_t n = 0;
-  for (size_t p = 0; (p = xml.find("</Message>", p)) != std::string::npos; ++p) ++n;
-  EXPECT_EQ(3u, n);
-}
-
 // ---- Code sets and XML records -----------------------------------------------------------------
 
 TEST_F(SvcPrint, LocalTextIsConvertedForUtf8AndXmlRoutes) {
@@ -485,154 +447,6 @@ TEST_F(SvcPrint, XmlRecordsAreWellFormedWithAParamPerConversion) {
             file("brief.xml"));
 }
 
-// ---- Failures of the system and of memory --------------------------------------------------------
-
-struct FaultCase {
-  zar::fault::Op op;
-  bool inFile;  // the record still reaches the file
-  bool onErr;   // the record reaches standard error (the route's fallback)
-  friend void PrintTo(const FaultCase& c, std::ostream* os) { *os << static_cast<int>(c.op); }
-};
-class SvcFault : public SvcPrint, public ::testing::WithParamInterface<FaultCase> {};
-
-TEST_P(SvcFault, AFailingCallLosesAtMostTheRecord) {
-  const FaultCase& c = GetParam();
-  Output o = inChild([&] {
-    route("WARNING:TEXTFILE:@/f.log");
-    {
-      FaultPlan plan(c.op, 1, true, EIO);
-      printSys(kWarning, "first", 1);
-    }
-    printSys(kWarning, "second", 2);  // everything works again
-  });
-  EXPECT_EQ(0, exitCode(o.status));
-  std::string log = file("f.log");
-  EXPECT_EQ(c.inFile, has(log, "The first")) << log;
-  EXPECT_EQ(c.onErr, has(o.err, "The first")) << o.err;
-  // A file that could not be opened is given up: later records follow.
-  EXPECT_TRUE(has(c.onErr ? o.err : log, "The second"));
-}
-INSTANTIATE_TEST_SUITE_P(
-    Table, SvcFault,
-    ::testing::Values(FaultCase{zar::fault::Op::kFcntl, true, false},  // unlocked, still written
-                      FaultCase{zar::fault::Op::kWrite, false, false},  // lost
-                      FaultCase{zar::fault::Op::kOpen, false, true}));  // the fallback
-
-TEST_F(SvcPrint, EveryAllocationFailureLeavesAWorkingLibraryAndNoLeak) {
-  Output o = inChild([&] {
-    if (setlocale(LC_ALL, "C.UTF-8") == nullptr) _exit(77);
-    // Fail the k-th allocation of routing and printing to every file kind,
-    // for every k, until a run needs no more allocations than were failed.
-    for (long k = 1;; ++k) {
-      FaultPlan plan(zar::fault::Op::kAlloc, k);
-      unsigned long st = 0;
-      zar_svc_routing(at("NOTICE:TEXTFILE:@/a.log;UTF8FILE:@/b.log;XMLFILE:@/c.xml;STDOUT:").c_str(),
-                      &st);
-      if (st != 0 && st != ZAR_S_SVC_NO_MEMORY) _exit(3);
-      zar_svc_printf_withfile(zarsv_client_svc_handle, "f.c", 1, "%s%s%s", 0, svc_c_sev_notice,
-                              kParamNeeded, "ssl", "cfg", "key");
-      if (plan.failures() == 0) {
-        writeFile(dir_.file("points"), std::to_string(k - 1));
-        break;
-      }
-    }
-#if defined(__SANITIZE_ADDRESS__)
-    if (__lsan_do_recoverable_leak_check() != 0) _exit(5);
-#endif
-  });
-  if (exitCode(o.status) == 77) GTEST_SKIP() << "no C.UTF-8 locale";
-  EXPECT_EQ(0, exitCode(o.status)) << o.err;
-  EXPECT_GT(std::stol("0" + file("points")), 10);
-  // The last run failed nothing: its record is complete everywhere.
-  EXPECT_TRUE(has(o.out, "The ssl stanza of cfg"));
-  EXPECT_TRUE(has(file("c.xml"), "</Message>"));
-}
-
-// ---- Several processes and threads: no torn records, exact counts ------------------------------
-
-// Message 0x38C5209C with the writer's key and the record's number.
-void printMarked(const std::string& writer, int seq) {
-  zar_svc_printf_withfile(zarsv_client_svc_handle, "procs.cc", 1, "%s%d", 0, svc_c_sev_notice,
-                          kSysFailed, writer.c_str(), seq);
-}
-
-// Runs body(i) in n forked processes at once; true when all exit with 0.
-bool inProcesses(int n, const std::function<void(int)>& body) {
-  std::vector<pid_t> pids(n);
-  for (int i = 0; i < n; ++i) {
-    fflush(nullptr);
-    if ((pids[i] = fork()) == 0) {
-      body(i);
-      _exit(0);
-    }
-  }
-  bool ok = true;
-  for (pid_t pid : pids) {
-    int status = 0;
-    ok = waitpid(pid, &status, 0) == pid && exitCode(status) == 0 && ok;
-  }
-  return ok;
-}
-
-// 4 processes write 5,000 records each from two threads: 4,750 short ones
-// and 250 longer than the printer's 2 KiB buffer, which take several writes
-// each and stay whole only under the file lock.
-TEST_F(SvcPrint, FourProcessesShareOneTextFileAndOneXmlFile) {
-  const std::string pad(4000, '_');
-  auto key = [&](int process, int thread) {
-    return (thread == 0 ? "w" : "L") + std::to_string(process) + (thread == 0 ? "" : pad);
-  };
-  ASSERT_TRUE(inProcesses(4, [&](int i) {
-    route("NOTICE:TEXTFILE:@/all.log;XMLFILE:@/all.xml");
-    runConcurrently(2, [&](int t) {
-      for (int n = 0; n < (t == 0 ? 4750 : 250); ++n) printMarked(key(i, t), n);
-      return 0L;
-    });
-  }));
-  for (const char* name : {"all.log", "all.xml"}) {
-    RecordTally all;
-    if (name[4] == 'l') tallyTextRecords(file(name), sysRoutineMarker(), &all);
-    if (name[4] == 'x') tallyXmlRecords(file(name), sysRoutineMarker(), &all);
-    EXPECT_EQ(20000u, all.records) << name;
-    for (int t : {0, 1}) {  // each thread's writers alone
-      RecordTally part = all;
-      std::vector<std::string> keys;
-      for (int i = 0; i < 4; ++i) keys.push_back(key(i, t));
-      std::erase_if(part.seqs, [&](const auto& s) { return s.first[0] != keys[0][0]; });
-      EXPECT_EQ("", exactlyOnce(part, keys, t == 0 ? 4750 : 250)) << name;
-    }
-  }
-}
-
-TEST_F(SvcPrint, TwoProcessesRotateTheirOwnFiles) {
-  constexpr int kRecords = 1250;  // 13 files of at most 100 records each
-  Output o = inChild([&] {
-    // Set before the forks: each child of fork gets a file of its own.
-    route("NOTICE:TEXTFILE.20.100:@/rot.%d.log");
-    bool ok = inProcesses(2, [&](int i) {
-      for (int n = 0; n < kRecords; ++n) printMarked("p" + std::to_string(getpid()), n);
-      writeFile(dir_.file("pid." + std::to_string(i)), std::to_string(getpid()));
-    });
-    _exit(ok ? 0 : 1);
-  });
-  ASSERT_EQ(0, exitCode(o.status));
-  for (const char* which : {"pid.0", "pid.1"}) {
-    std::string pid = file(which), base = "rot." + pid + ".log";
-    RecordTally tally;
-    size_t files = 0;
-    for (int g = 0; g <= 20; ++g) {
-      std::string name = g == 0 ? base : base + "." + std::to_string(g);
-      if (!fileExists(dir_.file(name))) continue;
-      ++files;
-      size_t before = tally.records;
-      tallyTextRecords(file(name), sysRoutineMarker(), &tally);
-      EXPECT_LE(tally.records - before, 100u) << name;
-    }
-    EXPECT_EQ(13u, files) << pid;
-    EXPECT_EQ("", exactlyOnce(tally, {"p" + pid}, kRecords)) << pid;
-  }
-}
-
 TEST_F(SvcPrint, WriterCancelledWhileWaitingForTheFileLockReleasesTheMutex) {
 #if defined(__SANITIZE_ADDRESS__)
   // The address sanitizer of this toolchain aborts when a cancelled thread
@@ -650,7 +464,7 @@ TEST_F(SvcPrint, WriterCancelledWhileWaitingForTheFileLockReleasesTheMutex) {
     route("WARNING:TEXTFILE:@/after.log");
     pthread_t writer;
     pthread_create(&writer, nullptr, [](void*) -> void* {
-      printMarked("blocked", 1);
+      printSys(svc_c_sev_notice, "blocked", 1);
       return nullptr;
     }, nullptr);
     usleep(200000);  // let it reach the lock wait

@@ -1,8 +1,6 @@
 // Component registration: the component map, callback sets, the program
 // name, severity names, the product's components and the descriptions of
 // sub-components from a catalog.
-#include <string.h>
-
 #include <string>
 #include <vector>
 
@@ -33,21 +31,18 @@ zar_svc_handle lookUp(const char* name) {
   zar::svc::SvcLock lock;
   return zar_svc__component_to_handle(name);
 }
-zar_svc_handle lookUp(zar_svc_subcomp* table) {
-  zar::svc::SvcLock lock;
-  return zar_svc__table_to_handle(table);
-}
 
 TEST(SvcRegister, HandleIsFoundByNameAndTableUntilUnregistered) {
   unsigned long st = 1;
   zar_svc_handle h = zar_svc_register(gTable, "rga", &st);
   ASSERT_ZAR_OK(st);
-  ASSERT_NE(nullptr, h);
-  EXPECT_EQ(2u, h->table_size);
   EXPECT_EQ(h, lookUp("rga"));
-  EXPECT_EQ(h, lookUp(gTable));
-  // A second registration of the name gives a second handle; the first
-  // stays the one found by name.
+  {
+    zar::svc::SvcLock lock;
+    EXPECT_EQ(h, zar_svc__table_to_handle(gTable));
+  }
+  // A second registration of the name gives a second handle, found by name
+  // once the first is gone.
   zar_svc_handle h2 = zar_svc_register(gTable, "rga", &st);
   EXPECT_NE(h, h2);
   EXPECT_EQ(h, lookUp("rga"));
@@ -58,6 +53,16 @@ TEST(SvcRegister, HandleIsFoundByNameAndTableUntilUnregistered) {
   EXPECT_EQ(nullptr, lookUp("rga"));
   zar_svc_unregister(nullptr, &st);
   EXPECT_ZAR_OK(st);
+  // A null name and each allocation of a registration (handle, name, map
+  // slot) fail and leave the map as it was.
+  EXPECT_EQ(nullptr, zar_svc_register(gTable, nullptr, &st));
+  EXPECT_ZAR_STATUS(ZAR_S_SVC_BAD_ROUTE, st);
+  for (long k = 1; k <= 3; ++k) {
+    FaultPlan plan(zar::fault::Op::kAlloc, k);
+    EXPECT_EQ(nullptr, zar_svc_register(gTable, "rge", &st)) << k;
+    EXPECT_ZAR_STATUS(ZAR_S_SVC_NO_MEMORY, st);
+    EXPECT_EQ(nullptr, lookUp("rge"));
+  }
 }
 
 TEST(SvcRegister, CallbacksAreToldInOrderAndOnlyOfLaterComponents) {
@@ -77,53 +82,30 @@ TEST(SvcRegister, CallbacksAreToldInOrderAndOnlyOfLaterComponents) {
   zar_svc_unregister_callbacks(onRegister, onUnregister, nullptr, &st);  // twice
   EXPECT_ZAR_STATUS(ZAR_S_SVC_NO_SUCH_CALLBACKS, st);
   zar_svc_unregister_callbacks(onRegisterLate, nullptr, nullptr, &st);
-  EXPECT_ZAR_OK(st);
   gEvents.clear();
   zar_svc_unregister(zar_svc_register(gTable, "rgd", &st), &st);
   EXPECT_EQ(Strings{}, gEvents);
-}
-
-TEST(SvcRegister, BadArgumentsAndAllocationFailureLeaveTheMapUnchanged) {
-  unsigned long st = 0;
-  EXPECT_EQ(nullptr, zar_svc_register(gTable, nullptr, &st));
-  EXPECT_ZAR_STATUS(ZAR_S_SVC_BAD_ROUTE, st);
-  // Each of the three allocations of a registration (handle, name, map slot).
-  for (long k = 1; k <= 3; ++k) {
-    FaultPlan plan(zar::fault::Op::kAlloc, k);
-    EXPECT_EQ(nullptr, zar_svc_register(gTable, "rge", &st)) << "allocation " << k;
-    EXPECT_ZAR_STATUS(ZAR_S_SVC_NO_MEMORY, st);
-    EXPECT_EQ(nullptr, lookUp("rge"));
-  }
   FaultPlan plan(zar::fault::Op::kAlloc, 1);
   zar_svc_register_callbacks(onRegister, nullptr, nullptr, &st);
   EXPECT_ZAR_STATUS(ZAR_S_SVC_NO_MEMORY, st);
 }
 
-TEST(SvcRegister, FirstProgramNameWinsAndIsCutTo31Bytes) {
-  int rc = runInChild([] {
-    std::string before = zar_svc_get_progname();
-    unsigned long st = 1;
-    zar_svc_set_progname("0123456789012345678901234567890123456789", &st);
-    std::string first = zar_svc_get_progname();
-    zar_svc_set_progname("other", &st);
-    return before.empty() && st == 0 && first == "0123456789012345678901234567890" &&
-                   first == zar_svc_get_progname()
-               ? 0
-               : 1;
-  });
-  EXPECT_EQ(0, exitCode(rc));
-}
-
-TEST(SvcRegister, SeverityNamesOfAttributeWords) {
-  const struct {
-    uint32_t attributes;
-    const char* name;  // null: the word names nothing
-  } kCases[] = {{0x10, "FATAL"},   {0x50, "NOTICE_VERBOSE"}, {0x3, "DEBUG3"},
-                {0x39, "DEBUG9"},  {0x1020, "ERROR"},        {0x0, nullptr},
-                {0x60, nullptr},   {0xA, nullptr},           {0x1F0, nullptr}};
-  for (const auto& c : kCases) {
-    EXPECT_STREQ(c.name, zar_svc_inq_sev_name(c.attributes)) << c.attributes;
-  }
+TEST(SvcRegister, FirstProgramNameWinsAndIsCutTo31BytesAndSeverityNames) {
+  EXPECT_EQ(0, exitCode(runInChild([] {
+              std::string before = zar_svc_get_progname();
+              unsigned long st = 1;
+              zar_svc_set_progname("0123456789012345678901234567890123456789", &st);
+              zar_svc_set_progname("other", &st);
+              return before.empty() && st == 0 &&
+                             std::string(zar_svc_get_progname()) == "0123456789012345678901234567890"
+                         ? 0
+                         : 1;
+            })));
+  const std::pair<uint32_t, const char*> kNames[] = {  // null: the word names nothing
+      {0x10, "FATAL"}, {0x50, "NOTICE_VERBOSE"}, {0x3, "DEBUG3"}, {0x39, "DEBUG9"},
+      {0x1020, "ERROR"}, {0x0, nullptr}, {0x60, nullptr}, {0xA, nullptr}, {0x1F0, nullptr}};
+  for (const auto& [attributes, name] : kNames)
+    EXPECT_STREQ(name, zar_svc_inq_sev_name(attributes)) << attributes;
 }
 
 TEST(SvcInit, RegistersTheProductComponentsOnce) {
@@ -140,7 +122,6 @@ TEST(SvcInit, RegistersTheProductComponentsOnce) {
   EXPECT_STREQ("srvshlib", deploy->table[5].name);
   EXPECT_EQ(0x38C53FD7u, deploy->table[5].description_id);
   EXPECT_EQ(zarsv_if_svc_handle, lookUp("wsi"));
-  EXPECT_EQ(2u, zarsv_if_svc_handle->table_size);
   zar_svc_init(0, &st);
   EXPECT_ZAR_OK(st);
   EXPECT_EQ(client, zarsv_client_svc_handle);
@@ -159,7 +140,6 @@ TEST(SvcTranslate, DescriptionsComeFromTheCatalogOfTheFirstId) {
                                     {}};
   unsigned long st = 1;
   zar_svc_handle h = zar_svc_register(table, "tst", &st);
-  ASSERT_NE(nullptr, h);
   zar_svc__translate(h, &st);
   EXPECT_ZAR_OK(st);
   Strings got;

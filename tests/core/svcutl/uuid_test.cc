@@ -1,4 +1,4 @@
-#include <stdint.h>
+// UUID texts, comparison, nil and hash through the public API.
 #include <string.h>
 
 #include <string>
@@ -9,6 +9,9 @@
 
 namespace {
 
+const char kS[] = "01234567-89ab-11cd-af01-001b21aabbcc";
+const char kNil[] = "00000000-0000-0000-0000-000000000000";
+
 kp_uuid_t parse(const char* text) {
   kp_uuid_t u;
   uint64_t st = 1;
@@ -16,14 +19,7 @@ kp_uuid_t parse(const char* text) {
   EXPECT_ZAR_OK(st) << text;
   return u;
 }
-
-const kp_uuid_t kSample = parse("01234567-89ab-11cd-af01-001b21aabbcc");
-// Byte 8 at 0xE5: the unknown variant, built directly (the parser refuses it).
-const kp_uuid_t kBadVariant = [] {
-  kp_uuid_t u = kSample;
-  u.clock_seq_hi_and_reserved = 0xE5;
-  return u;
-}();
+const kp_uuid_t kSample = parse(kS);
 
 std::string toString(const kp_uuid_t* u, uint64_t* st) {
   char* text = reinterpret_cast<char*>(1);
@@ -36,16 +32,14 @@ std::string toString(const kp_uuid_t* u, uint64_t* st) {
 }
 
 TEST(Uuid, ParsesOrRefusesEveryShape) {
-  const char* const kNil = "00000000-0000-0000-0000-000000000000";
   const uint32_t kText = ZAR_S_UUID_BAD_TEXT, kVariant = ZAR_S_UUID_BAD_VARIANT;
   const struct {
     const char* text;
     uint32_t status;
     const char* canonical = nullptr;  // text form of the result; null: the text itself
   } cases[] = {
-      {"01234567-89ab-11cd-af01-001b21aabbcc", 0},
-      {"01234567-89AB-11CD-AF01-001B21AABBCC", 0, "01234567-89ab-11cd-af01-001b21aabbcc"},
-      {kNil, 0}, {"", 0, kNil}, {nullptr, 0, kNil},
+      {kS, 0}, {"01234567-89AB-11CD-AF01-001B21AABBCC", 0, kS}, {kNil, 0}, {"", 0, kNil},
+      {nullptr, 0, kNil},
       // Old form: bytes 6 and 7 become 0.
       {"0123456789ab.af.01.00.1b.21.aa.bb.cc", 0, "01234567-89ab-0000-af01-001b21aabbcc"},
       // NCS (top bit clear) and reserved-vendor (110) variants are accepted.
@@ -53,10 +47,8 @@ TEST(Uuid, ParsesOrRefusesEveryShape) {
       {"01234567-89ab-11cd-e001-001b21aabbcc", kVariant},
       {"01234567-89ab-11cd-ff01-001b21aabbcc", kVariant},
       {"0123456789ab.e0.01.00.1b.21.aa.bb.cc", kVariant},
-      // Wrong lengths.
-      {"01234567-89ab-11cd-af01-001b21aabbc", kText},
-      {"01234567-89ab-11cd-af01-001b21aabbccd", kText}, {"0", kText},
-      // Right length, wrong shape.
+      {"01234567-89ab-11cd-af01-001b21aabbc", kText}, {"0", kText},
+      {"01234567-89ab-11cd-af01-001b21aabbccd", kText},
       {"01234567-89ab-11cd-af01-001b21aabbcg", kText}, {"0123456x-89ab-11cd-af01-001b21aabbcc", kText},
       {"01234567-89ab+11cd-af01-001b21aabbcc", kText}, {"01234567-89ab-11cd-af01+001b21aabbcc", kText},
       {" 1234567-89ab-11cd-af01-001b21aabbcc", kText}, {"01234567-+9ab-11cd-af01-001b21aabbcc", kText},
@@ -70,26 +62,19 @@ TEST(Uuid, ParsesOrRefusesEveryShape) {
     kp_uuid_from_string(c.text, &u, &st);
     EXPECT_ZAR_STATUS(c.status, st);
     if (c.status != 0) {
-      EXPECT_EQ(0, memcmp(&u, &kSample, sizeof u)) << "a failed parse changed the UUID";
+      EXPECT_EQ(0, memcmp(&u, &kSample, sizeof u)) << "a failed parse changed it";
     } else {
       EXPECT_EQ(c.canonical ? c.canonical : c.text, toString(&u, &st));
     }
   }
 }
 
-TEST(Uuid, TextFormNullsAndFailures) {
+TEST(Uuid, NullsAndTheUnknownVariant) {
   uint64_t st = 1;
-  EXPECT_EQ("00000000-0000-0000-0000-000000000000", toString(nullptr, &st));
+  EXPECT_EQ(kNil, toString(nullptr, &st));
   EXPECT_ZAR_OK(st);
-  EXPECT_EQ("(null)", toString(&kBadVariant, &st));
-  EXPECT_ZAR_STATUS(ZAR_S_UUID_BAD_VARIANT, st);
   kp_uuid_to_string(&kSample, nullptr, &st);  // no text wanted: nothing to do
   EXPECT_ZAR_OK(st);
-  {
-    zar::test::FaultPlan plan(zar::fault::Op::kAlloc, 1);
-    EXPECT_EQ("(null)", toString(&kSample, &st));
-    EXPECT_ZAR_STATUS(ZAR_S_UUID_NO_MEMORY, st);
-  }
   kp_uuid_t u = kSample;
   kp_uuid_create_nil(&u, &st);
   EXPECT_EQ(1, kp_uuid_is_nil(&u, &st));
@@ -97,19 +82,25 @@ TEST(Uuid, TextFormNullsAndFailures) {
   EXPECT_ZAR_STATUS(ZAR_S_INVALID_INPUT, st);
   kp_uuid_from_string("", nullptr, &st);
   EXPECT_ZAR_STATUS(ZAR_S_INVALID_INPUT, st);
+  // Byte 8 at 0xE5 (built directly; the parser refuses it): every reader refuses.
+  kp_uuid_t bad = kSample;
+  bad.clock_seq_hi_and_reserved = 0xE5;
+  uint64_t sts[5] = {0, 0, 0, 0, 0};
+  EXPECT_EQ("(null)", toString(&bad, &sts[0]));
+  EXPECT_EQ(-1, kp_uuid_compare(&bad, &kSample, &sts[1]));
+  EXPECT_EQ(0, kp_uuid_equal(&bad, &bad, &sts[2]));
+  EXPECT_EQ(0, kp_uuid_is_nil(&bad, &sts[3]));
+  EXPECT_EQ(0, kp_uuid_hash(&bad, &sts[4]));
+  for (uint64_t one : sts) EXPECT_ZAR_STATUS(ZAR_S_UUID_BAD_VARIANT, one);
 }
 
 // Fields compare as numbers, not as bytes in memory; a null UUID is nil;
 // equality and nil tests agree with the comparison.
 TEST(Uuid, OrdersByFieldsAsNumbers) {
-  const char* const kS = "01234567-89ab-11cd-af01-001b21aabbcc";
   const struct {
     const char *a, *b;  // null: a null pointer
     int result;
-  } cases[] = {{nullptr, nullptr, 0},
-               {nullptr, "00000000-0000-0000-0000-000000000000", 0},
-               {nullptr, kS, -1},
-               {kS, kS, 0},
+  } cases[] = {{nullptr, nullptr, 0}, {nullptr, kNil, 0}, {nullptr, kS, -1}, {kS, kS, 0},
                {kS, "01234568-0000-0000-8000-000000000000", -1},
                {kS, "01234567-89ab-11cd-af01-001b21aabbcd", -1},
                {kS, "01234567-89ab-11cd-b000-000000000000", -1},
@@ -121,8 +112,7 @@ TEST(Uuid, OrdersByFieldsAsNumbers) {
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.a ? c.a : "null") + " " + (c.b ? c.b : "null"));
     kp_uuid_t a = c.a ? parse(c.a) : kSample, b = c.b ? parse(c.b) : kSample;
-    const kp_uuid_t* pa = c.a ? &a : nullptr;
-    const kp_uuid_t* pb = c.b ? &b : nullptr;
+    const kp_uuid_t *pa = c.a ? &a : nullptr, *pb = c.b ? &b : nullptr;
     uint64_t st = 1;
     EXPECT_EQ(c.result, kp_uuid_compare(pa, pb, &st));
     EXPECT_ZAR_OK(st);
@@ -132,29 +122,17 @@ TEST(Uuid, OrdersByFieldsAsNumbers) {
   }
 }
 
-TEST(Uuid, EveryReaderRefusesTheUnknownVariant) {
-  uint64_t st[4] = {0, 0, 0, 0};
-  EXPECT_EQ(-1, kp_uuid_compare(&kBadVariant, &kSample, &st[0]));
-  EXPECT_EQ(0, kp_uuid_equal(&kBadVariant, &kBadVariant, &st[1]));
-  EXPECT_EQ(0, kp_uuid_is_nil(&kBadVariant, &st[2]));
-  EXPECT_EQ(0, kp_uuid_hash(&kBadVariant, &st[3]));
-  for (uint64_t one : st) EXPECT_ZAR_STATUS(ZAR_S_UUID_BAD_VARIANT, one);
-}
-
 // Worked by hand from the running sums c0, c1 over the bytes in memory
 // (little-endian host): hash = ((c1 - c0) mod 255) * 256 + (-c1 mod 255).
 TEST(Uuid, HashIsTheFletcherSumOfTheBytesInMemory) {
-  const struct {
-    const char* text;
-    uint16_t hash;
-  } cases[] = {{"00000000-0000-0000-0000-000000000000", 0},
-               {"00000000-0000-0000-0000-000000000001", 0x00FE},   // c0 1, c1 1
-               {"00000001-0000-0000-0000-000000000000", 0x0FEF},   // byte 0: c1 16
-               {"01000000-0000-0000-0000-000000000000", 0x0CF2}};  // byte 3: c1 13
-  for (const auto& c : cases) {
+  const std::pair<const char*, uint16_t> cases[] = {
+      {kNil, 0}, {"00000000-0000-0000-0000-000000000001", 0x00FE},  // c0 1, c1 1
+      {"00000001-0000-0000-0000-000000000000", 0x0FEF},             // byte 0: c1 16
+      {"01000000-0000-0000-0000-000000000000", 0x0CF2}};            // byte 3: c1 13
+  for (const auto& [text, hash] : cases) {
     uint64_t st = 1;
-    kp_uuid_t u = parse(c.text);
-    EXPECT_EQ(c.hash, kp_uuid_hash(&u, &st)) << c.text;
+    kp_uuid_t u = parse(text);
+    EXPECT_EQ(hash, kp_uuid_hash(&u, &st)) << text;
     EXPECT_ZAR_OK(st);
   }
 }

@@ -226,7 +226,7 @@ TEST(UtcLayout, EveryReaderRejectsAnotherVersion) {
   }
 }
 
-TEST(UtcClock, NowFractionsAndNullOutputs) {
+TEST(UtcClock, NowAndNullOutputs) {
   time_t before = time(nullptr);
   struct timespec now, in;
   ASSERT_EQ(0, zar_utc_bintime(&now, nullptr, nullptr, nullptr));  // null: now
@@ -241,9 +241,6 @@ TEST(UtcClock, NowFractionsAndNullOutputs) {
   ASSERT_EQ(0, zar_gettimeofday_tz(&tv, &tz));
   EXPECT_GE(tv.tv_sec, before);
   EXPECT_EQ(0, tz.tz_dsttime);
-  int64_t f = 1'000'000'000;
-  EXPECT_EQ(0, FracCvtArray[0]);
-  for (int k = 1; k <= 9; ++k) EXPECT_EQ(f /= 10, FracCvtArray[k]) << k;
   // A null output timestamp is an assertion; its record's text, with the
   // expression, is in the "bas" catalog.
   zar::test::ScopedEnv nlspath("NLSPATH", zar::test::buildDir() + "/nls/msg/C/%N");

@@ -82,10 +82,10 @@ TEST_F(SvcDynRoute, BadNamesFailedOpensSecondRegistrationsAndUnknownRemovals) {
   }
   zar_svc_add_route("CAPN", nullptr, nullptr, noPrint, nullptr, &st);  // no open callback
   EXPECT_ZAR_STATUS(ZAR_S_SVC_BAD_ROUTE, st);
-  zar_svc_add_route("stderr", nullptr, opened, noPrint, nullptr, &st);  // kinds are upper case
-  EXPECT_ZAR_OK(st);
   zar_svc_remove_route("NOSUCHTYPE", &st);
   EXPECT_ZAR_STATUS(ZAR_S_SVC_BAD_ROUTE, st);
+  zar_svc_add_route("stderr", nullptr, opened, noPrint, nullptr, &st);  // kinds are upper case
+  EXPECT_ZAR_OK(st);
 
   CaptureRoute first("CAPB");
   first.onOpen = [](const std::string& where) { return where != "bad"; };
@@ -138,27 +138,26 @@ struct Instance {
   std::mutex mu;
   std::set<void*> live;  // route data of the open routes
   int bad = 0;
+  static Instance& of(void* arg) { return *static_cast<Instance*>(arg); }
   static void open(const char*, const char*, void* arg, void** data, int32_t* ok) {
-    auto in = static_cast<Instance*>(arg);
-    std::lock_guard<std::mutex> lock(in->mu);
-    in->live.insert(*data = new int(0));
+    std::lock_guard<std::mutex> lock(of(arg).mu);
+    of(arg).live.insert(*data = new int(0));
     *ok = 1;
   }
   static void print(void* arg, void* data, zar_svc_prolog*, va_list) {
-    auto in = static_cast<Instance*>(arg);
-    std::lock_guard<std::mutex> lock(in->mu);
-    in->bad += in->live.count(data) == 0;
+    std::lock_guard<std::mutex> lock(of(arg).mu);
+    of(arg).bad += of(arg).live.count(data) == 0;
   }
   static void close(const char*, void* arg, void* data, unsigned long*) {
-    auto in = static_cast<Instance*>(arg);
-    std::lock_guard<std::mutex> lock(in->mu);
+    Instance& in = of(arg);
+    std::lock_guard<std::mutex> lock(in.mu);
     if (data == nullptr) {  // the type goes: its routes are done with
-      for (void* d : in->live) delete static_cast<int*>(d);
-      in->live.clear();
-    } else if (in->live.erase(data) == 1) {
+      for (void* d : in.live) delete static_cast<int*>(d);
+      in.live.clear();
+    } else if (in.live.erase(data) == 1) {
       delete static_cast<int*>(data);
     } else {
-      ++in->bad;
+      ++in.bad;
     }
   }
 };

@@ -25,7 +25,6 @@ using test::ScopedEnv;
 constexpr int64_t kJul2024 = 1'719'835'200;  // 2024-07-01 12:00 UTC
 constexpr int64_t kJan2024 = 1'705'320'000;  // 2024-01-15 12:00 UTC
 constexpr int64_t kJul2040 = 2'224'756'800;  // 2040-07-01 12:00 UTC
-constexpr int64_t kJul1960 = -299'246'400;   // 1960-07-11 12:00 UTC
 constexpr int64_t kDst2024 = 1'710'054'000;  // 2024-03-10 07:00 UTC: summer time begins in New York
 
 utc_t at(int64_t unixSeconds) {
@@ -60,16 +59,11 @@ TEST(ZoneChoice, AnswersOffsetFlagAndAbbreviation) {
       {"EST5EDT,M3.2.7,M11.1.0", kJul2024, nullptr}, {"EST5EDT,M3.2.0,M11.1.0,", kJul2024, nullptr},
       {"EST25", kJul2024, nullptr},         {"<+05>-5", kJul2024, nullptr},
       {"CET-1CEST", kJul2024, nullptr},     {":EST5EDT,M3.2.0,M11.1.0", kJul2024, nullptr},
-      {"America/New_York", kJul2024, "-14400 1 EDT"},
-      {":America/New_York", kJan2024, "-18000 0 EST"},
-      {"America/New_York", kJul1960, "-14400 1 EDT"},
-      // A transition instant belongs to the type it starts (2024-03-10 07:00 UTC).
-      {"America/New_York", kDst2024 - 1, "-18000 0 EST"},
-      {"America/New_York", kDst2024, "-14400 1 EDT"},
-      {kEastern, kDst2024 - 1, "-18000 0 EST"}, {kEastern, kDst2024, "-14400 1 EDT"},
+      // Zone files, also by absolute path or with a ':'; the transition instants
+      // and other zones are diff-zones of the reliability suite.
+      {":America/New_York", kJan2024, "-18000 0 EST"}, {kEastern, kDst2024, "-14400 1 EDT"},
       {"/usr/share/zoneinfo/Asia/Kolkata", kJul2024, "19800 0 IST"},
-      {"Australia/Sydney", kJan2024, "39600 1 AEDT"},
-      {"right/Europe/Berlin", kJul2024, "7200 1 CEST"},
+      {kEastern, kDst2024 - 1, "-18000 0 EST"}, {"right/Europe/Berlin", kJul2024, "7200 1 CEST"},
       {"America", kJul2024, nullptr},       {"/etc/passwd", kJul2024, nullptr},
       {"No/Such.Zone", kJul2024, nullptr}};
   for (const auto& [tzValue, when, want] : rows) {

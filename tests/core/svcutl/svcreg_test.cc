@@ -96,10 +96,8 @@ TEST(SvcRegister, FirstProgramNameWinsAndIsCutTo31BytesAndSeverityNames) {
               unsigned long st = 1;
               zar_svc_set_progname("0123456789012345678901234567890123456789", &st);
               zar_svc_set_progname("other", &st);
-              return before.empty() && st == 0 &&
-                             std::string(zar_svc_get_progname()) == "0123456789012345678901234567890"
-                         ? 0
-                         : 1;
+              std::string now = zar_svc_get_progname();
+              return before.empty() && st == 0 && now == "0123456789012345678901234567890" ? 0 : 1;
             })));
   const std::pair<uint32_t, const char*> kNames[] = {  // null: the word names nothing
       {0x10, "FATAL"}, {0x50, "NOTICE_VERBOSE"}, {0x3, "DEBUG3"}, {0x39, "DEBUG9"},

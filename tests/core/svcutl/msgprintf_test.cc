@@ -58,7 +58,8 @@ TEST_F(MsgPrintf, EveryFormWritesToItsOutput) {
   EXPECT_EQ("prog1:  " + msg_, take(zar_pgm_sprintf_utf8(kMsg, "open", 2)));
 }
 
-TEST_F(MsgPrintf, UnknownNumberPlainPrintsPlaceholderUtf8Fails) {
+// An unknown number: the plain forms print a placeholder, the UTF-8 forms fail.
+TEST_F(MsgPrintf, UnknownNumbersLimitsAndCancellationState) {
   CaptureFd out(1);
   EXPECT_LT(0, zar_printf(kUnknown));
   EXPECT_EQ(-1, zar_printf_utf8(kUnknown));
@@ -67,9 +68,7 @@ TEST_F(MsgPrintf, UnknownNumberPlainPrintsPlaceholderUtf8Fails) {
   EXPECT_EQ("(null)", take(zar_sprintf_utf8(kUnknown)));
   EXPECT_EQ("(null)", take(zar_pgm_sprintf_utf8(kUnknown)));
   EXPECT_EQ("Unknown message number 0x12345678", take(zar_sprintf(kUnknown)));
-}
 
-TEST_F(MsgPrintf, LimitsAllocationFailuresAndCancellationState) {
   // The plain sprintf forms stop at 4095 bytes; the UTF-8 forms have no limit.
   std::string longArg(10000, 'r');
   std::string s = take(zar_pgm_sprintf(kMsg, longArg.c_str(), 1));

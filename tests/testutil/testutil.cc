@@ -12,6 +12,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "zar/svc.h"
+
 namespace zar::test {
 
 std::string hexStatus(uint64_t st) {
@@ -131,6 +133,18 @@ int exitCode(int waitStatus) { return WIFEXITED(waitStatus) ? WEXITSTATUS(waitSt
 
 std::string sourceDir() { return ZAR_TEST_SOURCE_DIR; }
 std::string buildDir() { return ZAR_TEST_BUILD_DIR; }
+
+void SvcTest::SetUpTestSuite() {
+  setenv("SVC_NOXPGCAT", "1", 1);
+  unsigned long st = 0;
+  zar_svc_init(0, &st);
+}
+
+unsigned long svcRoute(const std::string& setting) {
+  unsigned long st = 1;
+  zar_svc_routing(setting.c_str(), &st);
+  return st;
+}
 
 }  // namespace zar::test
 

@@ -98,6 +98,15 @@ int exitCode(int waitStatus);
 std::string sourceDir();
 std::string buildDir();
 
+// Fixture of the serviceability tests: message texts from the compiled
+// tables (SVC_NOXPGCAT) and the product's components registered.
+class SvcTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite();
+};
+// The status zar_svc_routing gives for setting.
+unsigned long svcRoute(const std::string& setting);
+
 }  // namespace zar::test
 
 #endif  // ZAR_TESTS_TESTUTIL_TESTUTIL_H_

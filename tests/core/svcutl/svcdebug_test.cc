@@ -18,14 +18,13 @@ namespace {
 using namespace zar::test;
 constexpr uint32_t kBad = ZAR_S_SVC_BAD_ROUTE;
 
-class SvcDebug : public ::testing::Test {
+class SvcDebug : public SvcTest {
  protected:
   static void SetUpTestSuite() {
-    setenv("SVC_NOXPGCAT", "1", 1);
     unsetenv("KP_SVC_ROUTING_FILE");
-    unsigned long st = 0;
-    zar_svc_init(0, &st);
+    SvcTest::SetUpTestSuite();
   }
+
   void TearDown() override {
     unsigned long st = 0;
     for (zar_svc_handle h : handles_) zar_svc_unregister(h, &st);

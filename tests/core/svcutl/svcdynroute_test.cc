@@ -25,24 +25,14 @@ using Strings = std::vector<std::string>;
 constexpr uint32_t kSysFailed = 0x38C5209C;  // "XKJSC0156E   The %s system routine failed: ..."
 const char kSysText[] = "XKJSC0156E   The read system routine failed: system error code: 7";
 
-class SvcDynRoute : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    setenv("SVC_NOXPGCAT", "1", 1);
-    unsigned long st = 0;
-    zar_svc_init(0, &st);
-  }
-};
+using SvcDynRoute = zar::test::SvcTest;
+using zar::test::svcRoute;
 
 void print(uint32_t severity) {
   zar_svc_printf_withfile(zarsv_client_svc_handle, "dyn.cc", 5, "%s%d", 0, severity, kSysFailed,
                           "read", 7);
 }
-unsigned long route(const std::string& setting) {
-  unsigned long st = 1;
-  zar_svc_routing(setting.c_str(), &st);
-  return st;
-}
+
 bool printsToStderr(uint32_t severity) {
   CaptureFd err(2);
   print(severity);
@@ -52,7 +42,7 @@ void opened(const char*, const char*, void*, void**, int32_t* ok) { *ok = 1; }
 void noPrint(void*, void*, zar_svc_prolog*, va_list) {}
 
 TEST_F(SvcDynRoute, TypeTakesOverWaitingRoutesWhichFallBackWhenItGoes) {
-  EXPECT_ZAR_OK(route("WARNING:CAPA:arg1"));
+  EXPECT_ZAR_OK(svcRoute("WARNING:CAPA:arg1"));
   EXPECT_TRUE(printsToStderr(svc_c_sev_warning));  // waiting as its fallback
   auto cap = std::make_unique<CaptureRoute>("CAPA");
   ASSERT_ZAR_OK(cap->addStatus);
@@ -70,7 +60,7 @@ TEST_F(SvcDynRoute, TypeTakesOverWaitingRoutesWhichFallBackWhenItGoes) {
   // severity elsewhere closes it on the type.
   CaptureRoute again("CAPA");
   EXPECT_EQ(Strings{"arg1"}, again.opens);
-  EXPECT_ZAR_OK(route("WARNING:DISCARD:"));
+  EXPECT_ZAR_OK(svcRoute("WARNING:DISCARD:"));
   EXPECT_EQ(1, again.closes);
 }
 
@@ -91,13 +81,13 @@ TEST_F(SvcDynRoute, BadNamesFailedOpensSecondRegistrationsAndUnknownRemovals) {
   first.onOpen = [](const std::string& where) { return where != "bad"; };
   zar_svc_add_route("CAPB", nullptr, opened, noPrint, nullptr, &st);  // the first one stays
   EXPECT_ZAR_OK(st);
-  EXPECT_ZAR_OK(route("NOTICE:CAPB:x"));
+  EXPECT_ZAR_OK(svcRoute("NOTICE:CAPB:x"));
   EXPECT_EQ(Strings{"x"}, first.opens);
   // A failed open is the routing's status unless a later element succeeds;
   // its route writes as the fallback.
-  EXPECT_ZAR_STATUS(ZAR_S_SVC_ROUTE_OPEN_FAILED, route("NOTICE:CAPB:bad"));
+  EXPECT_ZAR_STATUS(ZAR_S_SVC_ROUTE_OPEN_FAILED, svcRoute("NOTICE:CAPB:bad"));
   EXPECT_TRUE(printsToStderr(svc_c_sev_notice));
-  EXPECT_ZAR_OK(route("NOTICE:CAPB:bad;DISCARD:"));
+  EXPECT_ZAR_OK(svcRoute("NOTICE:CAPB:bad;DISCARD:"));
   EXPECT_ZAR_OK(first.remove());
   EXPECT_ZAR_STATUS(ZAR_S_SVC_BAD_ROUTE, first.remove());
 }
@@ -107,7 +97,7 @@ TEST_F(SvcDynRoute, EachEntryPointHandsTheTypeTheTextOrTheArguments) {
   unsigned long st = 1;
   zar_svc_debug_routing("wsc:core.9:CAPE:dbg", &st);
   ASSERT_ZAR_OK(st);
-  ASSERT_ZAR_OK(route("ERROR:CAPE:err"));
+  ASSERT_ZAR_OK(svcRoute("ERROR:CAPE:err"));
   zar_svc_handle h = zarsv_client_svc_handle;
   print(svc_c_sev_error);
   zar_svc_printf_cs_withfile(h, zarsvc_get_utf8_code_page(), "f", 1, "%s%d", 0, svc_c_sev_error,
@@ -167,7 +157,7 @@ TEST_F(SvcDynRoute, TypesComeAndGoWhileThreadsPrint) {
   unsigned long st = 1;
   zar_svc_debug_routing("wsc:*.9:CAPC:d1;CAPC:d2", &st);
   ASSERT_ZAR_OK(st);
-  ASSERT_ZAR_OK(route("NOTICE:CAPC:n1;CAPC:n2"));
+  ASSERT_ZAR_OK(svcRoute("NOTICE:CAPC:n1;CAPC:n2"));
   std::atomic<bool> done{false};
   long wrong = zar::test::runConcurrently(3, [&](int t) -> long {
     while (t < 2 && !done.load()) {
@@ -180,7 +170,7 @@ TEST_F(SvcDynRoute, TypesComeAndGoWhileThreadsPrint) {
       unsigned long s = 1;
       zar_svc_add_route("CAPC", in.get(), Instance::open, Instance::print, Instance::close, &s);
       n += s != 0;
-      if (i % 4 == 0) n += route("NOTICE:CAPC:n1;CAPC:n2") != 0;  // closes on the type
+      if (i % 4 == 0) n += svcRoute("NOTICE:CAPC:n1;CAPC:n2") != 0;  // closes on the type
       zar_svc_remove_route("CAPC", &s);
       std::lock_guard<std::mutex> lock(in->mu);
       n += (s != 0) + in->bad + static_cast<long>(in->live.size());
@@ -209,7 +199,7 @@ TEST_F(SvcDynRoute, RemovalWaitsForARunningPrint) {
         if (data == nullptr) gClosedAfterPrint.store(gPhase.load() == 3);
       },
       &st);
-  ASSERT_ZAR_OK(route("NOTICE:CAPW:x"));
+  ASSERT_ZAR_OK(svcRoute("NOTICE:CAPW:x"));
   std::thread printer([] { print(svc_c_sev_notice); });
   while (gPhase.load() != 1) sched_yield();
   std::thread remover([] { zar_svc_remove_route("CAPW", nullptr); });
@@ -256,18 +246,18 @@ TEST_F(SvcDynRoute, ThreadCancelledInACallbackLeavesNoLockAndRightCounts) {
     if (where == "block") standUntilCancelled();
     return true;
   };
-  ASSERT_ZAR_OK(route("NOTICE:CAPX:x"));
+  ASSERT_ZAR_OK(svcRoute("NOTICE:CAPX:x"));
   svc_dyn_route* type = static_cast<svc_dyn_route*>(zar::svc::gSvc.routes[3].routes[0]->target);
   cancelInside([] { print(svc_c_sev_notice); });
   EXPECT_EQ(0, type->printing);
   EXPECT_EQ(2, type->references);  // the registry and the route
-  cancelInside([] { route("NOTICE:CAPX:block"); });
+  cancelInside([] { svcRoute("NOTICE:CAPX:block"); });
   EXPECT_EQ(0, type->opening);
   EXPECT_EQ(1, type->references);  // x was closed, block never opened
   EXPECT_EQ(1, cap.closes);
   // The type still works: an open and a print get through.
   cap.onPrint = nullptr;
-  EXPECT_ZAR_OK(route("NOTICE:CAPX:y"));
+  EXPECT_ZAR_OK(svcRoute("NOTICE:CAPX:y"));
   print(svc_c_sev_notice);
   EXPECT_EQ((Strings{"x", "y"}), cap.opens);
   EXPECT_EQ(1u, cap.records.size());

@@ -39,16 +39,15 @@ const char kThread[] = "0x[0-9a-f]{8,}";
 constexpr int kEnded = 3;  // exit code of a child whose body returned
 const char kSysText[] = "XKJSC0156E   The open system routine failed: system error code: 2";
 
-class SvcPrint : public ::testing::Test {
+class SvcPrint : public SvcTest {
  protected:
   static void SetUpTestSuite() {
-    setenv("SVC_NOXPGCAT", "1", 1);
     for (const char* v : {"KP_SVC_ROUTING_FILE", "SVC_FATAL", "SVC_ERROR", "SVC_WARNING",
                           "SVC_NOTICE", "SVC_NOTICE_VERBOSE", "SVC_BRIEF"})
       unsetenv(v);
-    unsigned long st = 0;
-    zar_svc_init(0, &st);
+    SvcTest::SetUpTestSuite();
   }
+
 
   struct Output {
     int status;  // the child's exit code, kEnded when the body returned

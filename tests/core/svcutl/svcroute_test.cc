@@ -12,6 +12,7 @@
 namespace {
 
 using namespace zar::svc;
+using zar::test::svcRoute;
 using Kinds = std::vector<int>;
 constexpr uint32_t kBad = ZAR_S_SVC_BAD_ROUTE;
 
@@ -22,11 +23,6 @@ Kinds kindsOf(int sev) {
   const svc_route_list& list = gSvc.routes[sev];
   for (int32_t i = 0; i < list.count; ++i) kinds.push_back(list.routes[i]->kind);
   return kinds;
-}
-unsigned long route(const std::string& setting) {
-  unsigned long st = 1;
-  zar_svc_routing(setting.c_str(), &st);
-  return st;
 }
 
 TEST(SvcRouting, RouteStringsParseIntoRoutesUpToTheFirstError) {
@@ -52,27 +48,27 @@ TEST(SvcRouting, RouteStringsParseIntoRoutesUpToTheFirstError) {
       {"TEXTFILE:/nonexistent/" + std::string(498, 'x'), 0, {kRouteTextFile}},
       {"STDOUT:;TEXTFILE:/nonexistent/" + std::string(499, 'x'), kBad, {kRouteStdout}}};
   for (const auto& c : kCases) {
-    EXPECT_ZAR_STATUS(c.status, route("NOTICE_VERBOSE:" + c.text)) << c.text.substr(0, 60);
+    EXPECT_ZAR_STATUS(c.status, svcRoute("NOTICE_VERBOSE:" + c.text)) << c.text.substr(0, 60);
     EXPECT_EQ(c.kinds, kindsOf(4)) << c.text.substr(0, 60);
   }
 }
 
 TEST(SvcRouting, SeverityPartSelectsByPrefixOrWildcard) {
-  ASSERT_ZAR_OK(route("WARN:STDOUT:"));
+  ASSERT_ZAR_OK(svcRoute("WARN:STDOUT:"));
   EXPECT_EQ(Kinds{kRouteStdout}, kindsOf(2));
-  ASSERT_ZAR_OK(route("N:STDOUT:"));  // NOTICE: the first name with that prefix
+  ASSERT_ZAR_OK(svcRoute("N:STDOUT:"));  // NOTICE: the first name with that prefix
   EXPECT_EQ(Kinds{kRouteStdout}, kindsOf(3));
   // Refused, changing nothing: one ':', no such severity, no severity, too
   // long for the five saved settings of a wildcard.
   for (std::string bad : {std::string("WARNING:STDERR"), std::string("BOGUS:STDERR:"),
                           std::string(":STDERR:"), "*:STDERR:" + std::string(510, 'x')}) {
-    EXPECT_ZAR_STATUS(kBad, route(bad)) << bad.substr(0, 20);
+    EXPECT_ZAR_STATUS(kBad, svcRoute(bad)) << bad.substr(0, 20);
     EXPECT_EQ(Kinds{kRouteStdout}, kindsOf(2));
   }
   unsigned long st = 0;
   zar_svc_routing(nullptr, &st);
   EXPECT_ZAR_STATUS(kBad, st);
-  ASSERT_ZAR_OK(route("*:DISCARD:"));
+  ASSERT_ZAR_OK(svcRoute("*:DISCARD:"));
   SvcLock lock;
   for (int i = 0; i < kNumSeverities; ++i) {
     EXPECT_EQ(kRouteDiscard, gSvc.routes[i].routes[0]->kind);

@@ -15,14 +15,10 @@ namespace {
 using zar::test::CaptureFd;
 using zar::test::splitLines;
 
-class SvcSave : public ::testing::Test {
+class SvcSave : public zar::test::SvcTest {
  protected:
-  static void SetUpTestSuite() {
-    setenv("SVC_NOXPGCAT", "1", 1);
-    unsigned long st = 0;
-    zar_svc_init(0, &st);
-  }
-  void SetUp() override { zar_svc_routing("*:STDOUT:", &st_); }
+  void SetUp
+() override { zar_svc_routing("*:STDOUT:", &st_); }
   void TearDown() override { zar_svc_msgsave_stop(1); }
   unsigned long st_ = 0;
 };

@@ -140,16 +140,16 @@ TEST_F(Cache, NamesFallbacksLocalesAndConversions) {
 
 TEST_F(Cache, BadArgumentsGiveStatusCodes) {
   static const std::string kHugeLocale(5000, 'q');
+  const uint32_t kNotFound = ZAR_S_MSG_CAT_NOT_FOUND, kNotIn = ZAR_S_MSG_NOT_IN_CATALOG;
+
   const std::tuple<uint32_t, const char*, const char*, int, uint32_t> rows[] = {
       // code, locale, code set, open type, status
-      {0, "C", nullptr, 4, ZAR_S_OK},
-      {code(0, 1), "C", nullptr, 5, ZAR_S_MSG_BAD_OPEN_TYPE},
+      {0, "C", nullptr, 4, ZAR_S_OK}, {code(0, 1), "C", nullptr, 5, ZAR_S_MSG_BAD_OPEN_TYPE},
       {code(0, 1), "C", nullptr, -1, ZAR_S_MSG_BAD_OPEN_TYPE},
       {code(0, 1), "C", "no-such-code-set", 4, ZAR_S_MSG_CAT_OPEN_FAILED},
-      {code(0, 1), "xx_NOWHERE", nullptr, 4, ZAR_S_MSG_CAT_NOT_FOUND},
-      {code(0, 1), kHugeLocale.c_str(), nullptr, 4, ZAR_S_MSG_CAT_NOT_FOUND},
-      {0x30FFF001u, "C", nullptr, 4, ZAR_S_MSG_CAT_NOT_FOUND},
-      {code(0, 99), "C", nullptr, 4, ZAR_S_MSG_NOT_IN_CATALOG},
+      {code(0, 1), "xx_NOWHERE", nullptr, 4, kNotFound},
+      {code(0, 1), kHugeLocale.c_str(), nullptr, 4, kNotFound},
+      {0x30FFF001u, "C", nullptr, 4, kNotFound}, {code(0, 99), "C", nullptr, 4, kNotIn},
       {code(9, 1), "de_DE.UTF-8", nullptr, 4, ZAR_S_MSG_CAT_NO_PERMISSION}};
   Texts want;
   for (const auto& r : rows) want.push_back(withStatus(nullptr, std::get<4>(r)));

@@ -1,5 +1,6 @@
-// Thread cancellation at random points of prints, catalog lookups and
-// delays: afterwards every lock is free and no record is torn.
+// Thread cancellation at random points of prints, catalog lookups, delays
+// and route-type callbacks: afterwards every lock is free and no record is
+// torn.
 #include <pthread.h>
 #include <stdlib.h>
 #include <time.h>
@@ -25,54 +26,52 @@ struct Worker {
   std::atomic<long> lookups{0};
 };
 
-// A route type whose print callback reaches a cancellation point, so that
-// cancels land inside callbacks too.
+// A route type whose print callback reaches a cancellation point.
 std::atomic<long> gCallbacks{0};
-void slowOpen(const char*, const char*, void*, void**, int32_t* opened) { *opened = 1; }
+void slowOpen(const char*, const char*, void*, void**, int32_t* opened) {
+  *opened = 1;
+}
 void slowPrint(void*, void*, zar_svc_prolog*, va_list) {
   gCallbacks.fetch_add(1);
   usleep(20);
 }
 
-// Prints, looks catalog texts up and waits, in random order, until cancelled.
+// Prints, looks catalog texts up (local and German) and waits, in random
+// order, until cancelled.
 void* work(void* arg) {
   Worker* w = static_cast<Worker*>(arg);
-  std::mt19937_64 rng(static_cast<uint64_t>(w->id));
-  std::string key = named("w", w->id);
+  std::mt19937_64 rng(w->id);
+  unsigned long st = 0;
   for (long n = 0;;) {
     switch (rng() % 5) {
       case 0:
       case 1:
-        printRecord(key, n, recordLength(rng));
+        printRecord(named("w", w->id), n, recordLength(rng));
         w->printed.store(++n);
         break;
-      case 2: {
-        unsigned long st = 0;
-        uint32_t code = zarsv_deploy_svc_g_table[rng() % ZAR_MSG_DEPLOY_TABLE_COUNT].code;
-        free(zar_msg_get_msg(code, &st));
+      case 2:
+        free(zar_msg_get_msg(zarsv_deploy_svc_g_table[rng() % ZAR_MSG_DEPLOY_TABLE_COUNT].code,
+                             &st));
         w->lookups.fetch_add(1);
         break;
-      }
-      case 3: {
-        unsigned long st = 0;
-        uint32_t code = zarsv_client_svc_g_table[rng() % ZAR_MSG_CLIENT_TABLE_COUNT].code;
-        free(zar_msg_get_locale_cat_msg(code, "de_DE.ISO-8859-1", "UTF8", 4, &st));
+      case 3:
+        free(zar_msg_get_locale_cat_msg(
+            zarsv_client_svc_g_table[rng() % ZAR_MSG_CLIENT_TABLE_COUNT].code, "de_DE.ISO-8859-1",
+            "UTF8", 4, &st));
         w->lookups.fetch_add(1);
         break;
-      }
-      default: {
+      default:
         struct timespec d = {0, static_cast<long>(rng() % 900000000)};
         zarthread_delay_np(&d);
-      }
     }
   }
   return nullptr;
 }
 
-// Item: printing threads cancelled at random, then a print, a lookup and a
-// delay that must each finish within a second.
+// Threads cancelled at random, then a print, a lookup, a delay and the
+// removal of the route type that must each finish within a second.
 Scenario cancellation("cancel", [](Run& run) {
-  int threads = static_cast<int>(run.size("threads", 8, 8));
+  int threads = run.size("threads", 8, 8);
   long cancels = run.size("cancels", 1000, 20000);
   setenv("NLSPATH", (zar::test::buildDir() + "/nls/msg/%L/%N").c_str(), 1);
   std::string path = run.file("cancel.log");
@@ -81,32 +80,32 @@ Scenario cancellation("cancel", [](Run& run) {
   zar_svc_add_route("SLOW", nullptr, slowOpen, slowPrint, nullptr, &st);
   if (st != 0 || route("TEXTFILE:" + path + ";SLOW:x") != 0) run.fail("route refused");
   std::vector<std::unique_ptr<Worker>> all;
-  std::vector<Worker*> live;
   auto start = [&] {
     all.push_back(std::make_unique<Worker>());
     Worker* w = all.back().get();
-    w->id = static_cast<long>(all.size()) - 1;
+    w->id = all.size() - 1;
     if (pthread_create(&w->thread, nullptr, work, w) != 0) abort();
     return w;
   };
+  std::vector<Worker*> live;
   for (int t = 0; t < threads; ++t) live.push_back(start());
   long notCancelled = 0;
   for (long c = 0; c < cancels; ++c) {
-    usleep(static_cast<useconds_t>(run.random(0, 3000)));
-    size_t victim = static_cast<size_t>(run.random(0, threads - 1));
-    pthread_cancel(live[victim]->thread);
+    usleep(run.random(0, 3000));
+    Worker*& victim = live[run.random(0, threads - 1)];
+    pthread_cancel(victim->thread);
     void* result = nullptr;
-    pthread_join(live[victim]->thread, &result);
-    if (result != PTHREAD_CANCELED) ++notCancelled;
-    live[victim] = start();
+    pthread_join(victim->thread, &result);
+    notCancelled += result != PTHREAD_CANCELED;
+    victim = start();
   }
   for (Worker* w : live) {
     pthread_cancel(w->thread);
     pthread_join(w->thread, nullptr);
   }
-  // No lock is left held: each of these returns at once.
-  long hung = 0;
-  hung += !finishesWithin(1.0, [] { printRecord("after", 0, 100); });
+  // No lock is left held: each of these returns at once. Removing the route
+  // type waits for its running callbacks: none is left.
+  long hung = !finishesWithin(1.0, [] { printRecord("after", 0, 100); });
   hung += !finishesWithin(1.0, [] {
     unsigned long st = 0;
     free(zar_msg_get_msg(zarsv_client_svc_g_table[0].code, &st));
@@ -115,16 +114,15 @@ Scenario cancellation("cancel", [](Run& run) {
     struct timespec d = {0, 1000};
     zarthread_delay_np(&d);
   });
-  // Removing the route type waits for its running callbacks: none is left.
   hung += !finishesWithin(1.0, [] {
     unsigned long st = 0;
     zar_svc_remove_route("SLOW", &st);
   });
 
-  zar::test::RecordTally tally;
-  tallyFile(path, false, &tally);
   // Every print that returned wrote its record; the one a cancel
   // interrupted may or may not have.
+  zar::test::RecordTally tally;
+  tallyFile(path, false, &tally);
   std::map<std::string, std::pair<long, long>> expected{{"after", {0, 1}}};
   long prints = 0, lookups = 0, inFlightMissing = 0;
   for (const auto& w : all) {
@@ -137,10 +135,10 @@ Scenario cancellation("cancel", [](Run& run) {
     lookups += w->lookups.load();
   }
   zar::test::Loss loss = zar::test::judge(tally, expected);
-  run.figure("prints", static_cast<double>(prints));
-  run.figure("lookups", static_cast<double>(lookups));
-  run.figure("callbacks", static_cast<double>(gCallbacks.load()));
-  run.faults("torn", static_cast<long>(tally.torn));
+  run.figure("prints", prints);
+  run.figure("lookups", lookups);
+  run.figure("callbacks", gCallbacks.load());
+  run.faults("torn", tally.torn);
   run.faults("lost", loss.lost - inFlightMissing);
   run.faults("duplicated", loss.duplicated + loss.unexpected + loss.unordered);
   run.faults("hung", hung);

@@ -1,15 +1,10 @@
 // The reliability driver: named scenarios that stress one subsystem each and
-// report one summary line of figures. A figure that counts faults (torn,
-// lost, duplicated, crashed, leaked, hung, ...) must be 0 for the line to
-// pass. scripts/reliability runs every scenario in its own process:
+// print one summary line of figures; a figure that counts faults must be 0
+// for the line to pass. Usage (scripts/reliability runs each scenario in a
+// process of its own; docs/reliability.md):
 //
 //   zar_stress [--soak] [--seed N] [--set NAME=VALUE]... [--case TEXT]
 //              [--dir DIR] SCENARIO...
-//
-// Sizes default to the CI sizes; --soak selects the soak sizes and --set
-// overrides one size by name (the names are those the line prints). --case
-// runs only the cases of a scenario whose name contains TEXT; --dir works in
-// DIR (kept afterwards) instead of a temporary directory.
 #ifndef ZAR_TESTS_STRESS_DRIVER_H_
 #define ZAR_TESTS_STRESS_DRIVER_H_
 
@@ -20,7 +15,6 @@
 #include <map>
 #include <random>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "tests/testutil/logcheck.h"
@@ -28,105 +22,79 @@
 namespace zar::stress {
 
 class Run;
-using ScenarioFn = void (*)(Run& run);
 
 // Registers a scenario under its name at start-up.
 struct Scenario {
-  Scenario(const char* name, ScenarioFn fn);
+  Scenario(const char* name, std::function<void(Run&)> fn);
 };
 
-// One scenario's run: its sizes, its random source, its working directory
-// and the figures of its summary line.
+// One scenario's run: its sizes, random source, directory and figures.
 class Run {
  public:
-  Run(std::string name, bool soak, uint64_t seed, std::map<std::string, long> overrides,
+  Run(std::string name, bool soak, uint64_t seed, std::map<std::string, long> sets,
       std::string only, std::string dir);
-
-  const std::string& name() const { return name_; }
-  bool soak() const { return soak_; }
   // Whether the case of this name is to run (--case).
-  bool wants(const std::string& caseName) const {
-    return caseName.find(only_) != std::string::npos;
-  }
-  const std::string& dir() const { return dir_; }
+  bool wants(const std::string& c) const { return c.find(only_) != std::string::npos; }
   std::string file(const std::string& base) const { return dir_ + "/" + base; }
   std::mt19937_64& rng() { return rng_; }
-  long random(long lo, long hi) {  // uniform in [lo, hi]
-    return std::uniform_int_distribution<long>(lo, hi)(rng_);
-  }
-
-  // A size: its CI or soak value, or the override given by --set; printed.
-  long size(const char* figure, long ci, long soak);
-  // A measurement, printed as it is.
-  void figure(const std::string& name, double value);
-  // A count of faults; the line fails unless it is 0.
-  void faults(const std::string& name, long count);
+  long random(long lo, long hi) { return std::uniform_int_distribution<long>(lo, hi)(rng_); }
+  // A size: its CI or soak value, or the one given by --set; printed.
+  long size(const char* name, long ci, long soak);
+  void figure(const std::string& name, double value);  // a measurement
+  void faults(const std::string& name, long count);    // must be 0
   // A failed check that no count covers: printed on standard error, counted
   // in the figure "failed".
   void fail(const std::string& detail);
-
-  bool passed() const;
+  bool passed() const { return faultTotal_ == 0 && failed_ == 0; }
   std::string line() const;
 
  private:
   std::string name_;
   bool soak_;
   std::mt19937_64 rng_;
-  std::map<std::string, long> overrides_;
-  std::string only_;
-  std::string dir_;
+  std::map<std::string, long> sets_;
+  std::string only_, dir_;
   std::vector<std::pair<std::string, std::string>> figures_;
-  long faultTotal_ = 0;
-  long failed_ = 0;
+  long faultTotal_ = 0, failed_ = 0;
 };
 
 // prefix, the decimal n and suffix ("rot.", 4711, ".log").
 std::string named(const char* prefix, long n, const char* suffix = "");
+double now();  // seconds on the monotonic clock
 
-// Seconds on the monotonic clock.
-double now();
-
-// Children of fork and what became of them.
+// Children of fork that died (a signal or a non-zero status) or hung
+// (killed at their deadline).
 struct Procs {
-  long crashed = 0;  // ended by a signal or with a non-zero status
-  long hung = 0;     // still running at the deadline, then killed
-  void add(const Procs& o) {
-    crashed += o.crashed;
-    hung += o.hung;
-  }
-  // Counts one child by its wait status (-1: killed for hanging).
-  void count(int waitStatus);
+  long crashed = 0, hung = 0;
+  void count(int waitStatus);  // -1: killed for hanging
+  void report(Run& run) const { run.faults("crashed", crashed), run.faults("hung", hung); }
 };
-
-// Waits for pid until deadline (a now() value), killing it when it passes.
-// Returns the wait status, or -1 when the child was killed for hanging.
-int waitUntil(pid_t pid, double deadline);
 
 // Runs fn in a forked child that exits with fn's result; returns the wait
 // status, or -1 when the child was killed after timeoutSeconds.
 int inChild(double timeoutSeconds, const std::function<int()>& fn);
-
-// Runs body(i) for i in [0, n) in n forked processes, released together once
-// all exist; each child exits with body's result. The parent waits for them
-// for at most timeoutSeconds.
-Procs inProcesses(int n, double timeoutSeconds, const std::function<int(int)>& body);
-
-// Runs fn on a thread of its own and waits at most timeoutSeconds for it;
-// false when it has not returned by then (the thread is left behind).
+// Runs body(i) for i in [0, n) in n forked processes released together once
+// all exist, each exiting with body's result.
+Procs inProcesses(int n, const std::function<int(int)>& body, double timeoutSeconds = 600);
+// Forks n children one after the other (each exiting with child(i), each
+// given 20 s) while step(t) runs over and over on threads threads; pids
+// receives the children's ids.
+Procs forkWhileBusy(int n, int threads, const std::function<void(int)>& step,
+                    const std::function<int(int)>& child, std::vector<pid_t>* pids = nullptr);
+// Runs fn on a thread of its own; false when it has not returned within
+// timeoutSeconds (the thread is left behind).
 bool finishesWithin(double timeoutSeconds, const std::function<void()>& fn);
 
-// The stress record writer: the serviceability set up with the product's
-// components, and one record of message 0x38C5209C whose %s is a stress body
-// (tests/testutil/logcheck.h) and whose %d is the sequence number.
+// The serviceability set up with the product's components.
 void initServiceability();
+// One record of message 0x38C5209C whose %s is a stress body and whose %d
+// the sequence number.
 void printRecord(const std::string& writer, long seq, size_t length);
-// A body length: a few percent above 8 KiB, the rest 20 to 300 bytes.
+// A body length: 3 % 8,300 to 9,600 bytes, the rest 20 to 300.
 size_t recordLength(std::mt19937_64& rng);
-// Sets a route and returns its status ("NOTICE:" is put in front).
+// Sets the routes of NOTICE; returns the status.
 unsigned long route(const std::string& routes);
-
-// Reads a log file (text or XML records) in pieces and tallies its records
-// with a marker (the stress marker by default); a missing file tallies nothing.
+// Tallies the records of a log file read in pieces (nothing when missing).
 void tallyFile(const std::string& path, bool xml, zar::test::RecordTally* tally,
                const zar::test::Marker& marker = zar::test::stressMarker());
 

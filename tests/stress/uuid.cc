@@ -1,13 +1,12 @@
 // UUIDs made in bulk: from one thread, from threads, from processes and
 // across fork, never twice, and in each maker's order of time.
 #include <string.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <atomic>
-#include <fstream>
-#include <thread>
+#include <optional>
 
 #include "tests/stress/driver.h"
 #include "tests/testutil/stress.h"
@@ -19,12 +18,6 @@ namespace {
 
 using Bytes = std::array<unsigned char, 16>;
 
-Bytes bytesOf(const kp_uuid_t& u) {
-  Bytes b;
-  memcpy(b.data(), &u, sizeof u);
-  return b;
-}
-
 uint64_t timeOf(const kp_uuid_t& u) {
   return (static_cast<uint64_t>(u.time_hi_and_version & 0x0FFF) << 48) |
          (static_cast<uint64_t>(u.time_mid) << 32) | u.time_low;
@@ -34,182 +27,129 @@ unsigned clockSeqOf(const kp_uuid_t& u) {
   return (static_cast<unsigned>(u.clock_seq_hi_and_reserved & 0x3F) << 8) | u.clock_seq_low;
 }
 
-// One maker's UUIDs in the order made: the time rises from each to the
-// next, or the clock sequence changes with it (the clock went back).
-struct Order {
-  long failed = 0;     // kp_uuid_create gave a status
-  long unordered = 0;  // neither a later time nor a new clock sequence
-  long clockSteps = 0;
-  bool havePrev = false;
-  kp_uuid_t prev{};
+// What the UUIDs of one maker or of several showed: from each UUID of a
+// maker to its next the time rises, or the clock sequence changes with it
+// (the clock went back).
+struct Counts {
+  long made = 0, failed = 0, unordered = 0, clockSteps = 0;
+};
 
-  void add(const kp_uuid_t& u) {
-    if (havePrev) {
-      if (timeOf(u) <= timeOf(prev)) {
-        if (clockSeqOf(u) == clockSeqOf(prev)) ++unordered;
-        else ++clockSteps;
+struct Collector : Counts {
+  bool keep = true;  // keep the UUIDs to look for duplicates
+  std::vector<Bytes> all;
+  std::optional<kp_uuid_t> prev;
+
+  void make(long count) {
+    for (long i = 0; i < count; ++i) {
+      kp_uuid_t u;
+      uint64_t st = 0;
+      kp_uuid_create(&u, &st);
+      if (st != 0) {
+        ++failed;
+        continue;
       }
+      if (prev && timeOf(u) <= timeOf(*prev))
+        ++(clockSeqOf(u) == clockSeqOf(*prev) ? unordered : clockSteps);
+      prev = u;
+      ++made;
+      if (keep) memcpy(all.emplace_back().data(), &u, sizeof(Bytes));
     }
-    prev = u;
-    havePrev = true;
   }
-  void merge(const Order& o) {
-    failed += o.failed;
-    unordered += o.unordered;
-    clockSteps += o.clockSteps;
+  // Another maker's counts and its first c.made UUIDs.
+  void add(const Counts& c, const Bytes* uuids) {
+    all.insert(all.end(), uuids, uuids + c.made);
+    made += c.made, failed += c.failed, unordered += c.unordered, clockSteps += c.clockSteps;
+  }
+  void report(Run& run, const Procs& procs, double seconds) {
+    std::sort(all.begin(), all.end());
+    long dup = 0;
+    for (size_t i = 1; i < all.size(); ++i) dup += all[i] == all[i - 1];
+    run.figure("uuids", made);
+    run.faults("duplicated", dup);
+    run.faults("unordered", unordered);
+    run.faults("failed", failed);
+    procs.report(run);
+    run.figure("clock_steps", clockSteps);
+    run.figure("uuids/s", made / seconds);
   }
 };
 
-// Makes count UUIDs, checking their order, and keeps them when out is given.
-Order make(long count, std::vector<Bytes>* out) {
-  Order order;
-  for (long i = 0; i < count; ++i) {
-    kp_uuid_t u;
-    uint64_t st = 0;
-    kp_uuid_create(&u, &st);
-    if (st != 0) {
-      ++order.failed;
-      continue;
-    }
-    order.add(u);
-    if (out != nullptr) out->push_back(bytesOf(u));
+// Room that children of fork fill: n makers' counts and up to count UUIDs
+// each.
+struct Shared {
+  Counts* counts;
+  Bytes* uuids;
+  long count;
+  Shared(long n, long count) : count(count) {
+    void* m = mmap(nullptr, n * (sizeof(Counts) + count * sizeof(Bytes)), PROT_READ | PROT_WRITE,
+                   MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    counts = static_cast<Counts*>(m);
+    uuids = reinterpret_cast<Bytes*>(counts + n);
   }
-  return order;
-}
-
-long duplicates(std::vector<Bytes>* all) {
-  std::sort(all->begin(), all->end());
-  long dup = 0;
-  for (size_t i = 1; i < all->size(); ++i) dup += (*all)[i] == (*all)[i - 1];
-  return dup;
-}
-
-void report(Run& run, long made, long dup, const Order& order, const Procs& procs, double seconds) {
-  run.figure("uuids", static_cast<double>(made));
-  run.faults("duplicated", dup);
-  run.faults("unordered", order.unordered);
-  run.faults("failed", order.failed);
-  run.faults("crashed", procs.crashed);
-  run.faults("hung", procs.hung);
-  run.figure("clock_steps", static_cast<double>(order.clockSteps));
-  run.figure("uuids/s", static_cast<double>(made) / seconds);
-}
-
-// Writes a child's UUIDs and order figures to a file of the run's directory.
-int saveChild(Run& run, const std::string& name, const std::vector<Bytes>& made, const Order& o) {
-  std::ofstream f(run.file(name), std::ios::binary);
-  long head[3] = {o.failed, o.unordered, o.clockSteps};
-  f.write(reinterpret_cast<const char*>(head), sizeof head);
-  f.write(reinterpret_cast<const char*>(made.data()), static_cast<std::streamsize>(made.size() * sizeof(Bytes)));
-  return f.good() ? 0 : 1;
-}
-
-void loadChild(Run& run, const std::string& name, std::vector<Bytes>* all, Order* order) {
-  std::string data = zar::test::readFile(run.file(name));
-  long head[3] = {};
-  if (data.size() < sizeof head) {
-    run.fail(name + ": no results");
-    return;
+  int make(long i) {  // in the child
+    Collector c;
+    c.make(count);
+    std::copy(c.all.begin(), c.all.end(), uuids + i * count);
+    counts[i] = c;
+    return 0;
   }
-  memcpy(head, data.data(), sizeof head);
-  order->failed += head[0];
-  order->unordered += head[1];
-  order->clockSteps += head[2];
-  for (size_t at = sizeof head; at + sizeof(Bytes) <= data.size(); at += sizeof(Bytes)) {
-    Bytes b;
-    memcpy(b.data(), data.data() + at, sizeof b);
-    all->push_back(b);
-  }
-}
+  void addTo(Collector* all, long i) const { all->add(counts[i], uuids + i * count); }
+};
 
-// Item: ten million from one thread, each later than the one before.
+// Ten million from one thread, each later than the one before: a rising
+// order makes them unique.
 Scenario oneThread("uuid-one-thread", [](Run& run) {
   long count = run.size("count", 10000000, 100000000);
+  Collector c;
+  c.keep = false;
   double start = now();
-  Order order = make(count, nullptr);  // a rising order makes them unique
-  report(run, count, 0, order, Procs(), now() - start);
+  c.make(count);
+  c.report(run, Procs(), now() - start);
 });
 
-// Item: several processes at once.
 Scenario processes("uuid-processes", [](Run& run) {
-  int procs = static_cast<int>(run.size("processes", 8, 16));
-  long count = run.size("per_process", 250000, 2500000);
+  int procs = run.size("processes", 8, 16);
+  Shared shared(procs, run.size("per_process", 250000, 2500000));
   double start = now();
-  Procs result = inProcesses(procs, 600, [&](int p) {
-    std::vector<Bytes> made;
-    made.reserve(static_cast<size_t>(count));
-    Order o = make(count, &made);
-    return saveChild(run, named("uuids.", p), made, o);
-  });
+  Procs result = inProcesses(procs, [&](int p) { return shared.make(p); });
   double seconds = now() - start;
-  std::vector<Bytes> all;
-  Order order;
-  for (int p = 0; p < procs; ++p) loadChild(run, named("uuids.", p), &all, &order);
-  if (all.size() != static_cast<size_t>(procs * count) - static_cast<size_t>(order.failed))
-    run.fail(named("UUIDs kept: ", static_cast<long>(all.size())));
-  report(run, static_cast<long>(all.size()), duplicates(&all), order, result, seconds);
+  Collector all;
+  for (int p = 0; p < procs; ++p) shared.addTo(&all, p);
+  if (all.made != procs * shared.count - all.failed) run.fail(named("UUIDs kept: ", all.made));
+  all.report(run, result, seconds);
 });
 
-// Item: several threads of one process at once.
 Scenario threads("uuid-threads", [](Run& run) {
-  int threads = static_cast<int>(run.size("threads", 4, 8));
+  int threads = run.size("threads", 4, 8);
   long count = run.size("per_thread", 1000000, 10000000);
-  std::vector<std::vector<Bytes>> made(static_cast<size_t>(threads));
-  std::vector<Order> orders(static_cast<size_t>(threads));
+  std::vector<Collector> makers(threads);
   double start = now();
   zar::test::runConcurrently(threads, [&](int t) {
-    made[static_cast<size_t>(t)].reserve(static_cast<size_t>(count));
-    orders[static_cast<size_t>(t)] = make(count, &made[static_cast<size_t>(t)]);
+    makers[t].all.reserve(count);
+    makers[t].make(count);
     return 0L;
   });
   double seconds = now() - start;
-  std::vector<Bytes> all;
-  Order order;
-  for (int t = 0; t < threads; ++t) {
-    all.insert(all.end(), made[static_cast<size_t>(t)].begin(), made[static_cast<size_t>(t)].end());
-    order.merge(orders[static_cast<size_t>(t)]);
-  }
-  report(run, static_cast<long>(all.size()), duplicates(&all), order, Procs(), seconds);
+  Collector all;
+  for (const Collector& c : makers) all.add(c, c.all.data());
+  all.report(run, Procs(), seconds);
 });
 
-// Item: a process whose threads make UUIDs without pause forks again and
-// again; each child makes its own.
+// A process whose threads make UUIDs without pause forks again and again;
+// each child makes its own.
 Scenario forks("uuid-fork", [](Run& run) {
-  int forks = static_cast<int>(run.size("forks", 100, 2000));
-  constexpr long kPerChild = 2000;
+  int forks = run.size("forks", 100, 2000);
   constexpr int kThreads = 2;
-  std::atomic<bool> stop{false};
-  std::vector<std::vector<Bytes>> made(kThreads);
-  std::vector<Order> orders(kThreads);
-  std::vector<std::thread> makers;
-  for (int t = 0; t < kThreads; ++t) {
-    makers.emplace_back([&, t] {
-      while (!stop.load()) orders[static_cast<size_t>(t)].merge(make(100, &made[static_cast<size_t>(t)]));
-    });
-  }
-  Procs procs;
+  std::vector<Collector> makers(kThreads);
+  Shared shared(forks, 2000);
   double start = now();
-  for (int i = 0; i < forks; ++i) {
-    fflush(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-      std::vector<Bytes> mine;
-      Order o = make(kPerChild, &mine);
-      _exit(saveChild(run, named("child.", i), mine, o));
-    }
-    procs.count(waitUntil(pid, now() + 20));
-  }
+  Procs procs = forkWhileBusy(
+      forks, kThreads, [&](int t) { makers[t].make(100); }, [&](int i) { return shared.make(i); });
   double seconds = now() - start;
-  stop.store(true);
-  for (std::thread& m : makers) m.join();
-  std::vector<Bytes> all;
-  Order order;
-  for (int t = 0; t < kThreads; ++t) {
-    all.insert(all.end(), made[static_cast<size_t>(t)].begin(), made[static_cast<size_t>(t)].end());
-    order.merge(orders[static_cast<size_t>(t)]);
-  }
-  for (int i = 0; i < forks; ++i) loadChild(run, named("child.", i), &all, &order);
-  report(run, static_cast<long>(all.size()), duplicates(&all), order, procs, seconds);
+  Collector all;
+  for (const Collector& c : makers) all.add(c, c.all.data());
+  for (int i = 0; i < forks; ++i) shared.addTo(&all, i);
+  all.report(run, procs, seconds);
 });
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <regex>
 #include <sstream>
 
 namespace zar::test {
@@ -12,7 +13,8 @@ namespace {
 
 void note(RecordTally* tally, const std::string& what, std::string_view record) {
   ++tally->torn;
-  if (tally->bad.size() < 20) tally->bad.push_back(what + ": " + std::string(record.substr(0, 200)));
+  if (tally->bad.size() < 20)
+    tally->bad.push_back(what + ": " + std::string(record.substr(0, 200)));
 }
 
 // Matches s whole against pattern p: '*' any run of bytes, '#' one or more
@@ -20,29 +22,25 @@ void note(RecordTally* tally, const std::string& what, std::string_view record) 
 bool glob(std::string_view p, std::string_view s) {
   size_t pi = 0, si = 0, starP = std::string_view::npos, starS = 0;
   while (pi < p.size() || si < s.size()) {
-    if (pi < p.size()) {
+    if (pi < p.size() && p[pi] == '*') {
+      starP = pi++;
+      starS = si;
+      continue;
+    }
+    if (pi < p.size() && si < s.size()) {
       char c = p[pi];
-      if (c == '*') {
-        starP = pi++;
-        starS = si;
-        continue;
+      size_t n = 0;
+      if (c == '#' || c == '@') {
+        while (si + n < s.size() &&
+               (c == '#' ? s[si + n] >= '0' && s[si + n] <= '9' : s[si + n] != ' '))
+          ++n;
+      } else if (c == '?' || c == s[si]) {
+        n = 1;
       }
-      if (si < s.size()) {
-        if (c == '#' || c == '@') {
-          size_t n = 0;
-          while (si + n < s.size() &&
-                 (c == '#' ? (s[si + n] >= '0' && s[si + n] <= '9') : s[si + n] != ' '))
-            ++n;
-          if (n > 0) {
-            si += n;
-            ++pi;
-            continue;
-          }
-        } else if (c == '?' || c == s[si]) {
-          ++pi;
-          ++si;
-          continue;
-        }
+      if (n > 0) {
+        si += n;
+        ++pi;
+        continue;
       }
     }
     if (starP == std::string_view::npos || starS >= s.size()) return false;
@@ -54,9 +52,8 @@ bool glob(std::string_view p, std::string_view s) {
 
 uint32_t fnv1a(std::string_view a, std::string_view b) {
   uint32_t h = 2166136261u;
-  for (std::string_view part : {a, b}) {
+  for (std::string_view part : {a, b})
     for (char c : part) h = (h ^ static_cast<unsigned char>(c)) * 16777619u;
-  }
   return h;
 }
 
@@ -65,35 +62,45 @@ void count(const Marker& marker, std::string_view text, std::string_view record,
   std::string key;
   long seq = 0;
   int found = marker(text, &key, &seq);
-  if (found == 0) {
-    note(tally, "no marker", record);
-  } else if (found < 0) {
-    note(tally, "damaged marker", record);
+  if (found <= 0) {
+    note(tally, found == 0 ? "no marker" : "damaged marker", record);
   } else {
     tally->seqs[key].push_back(seq);
     ++tally->records;
   }
 }
 
-Marker fromRegex(const std::regex& re) {
-  return [&re](std::string_view text, std::string* key, long* seq) {
+}  // namespace
+
+void RecordTally::add(const RecordTally& other) {
+  for (const auto& [key, s] : other.seqs) seqs[key].insert(seqs[key].end(), s.begin(), s.end());
+  bad.insert(bad.end(), other.bad.begin(), other.bad.end());
+  records += other.records;
+  torn += other.torn;
+}
+
+void Loss::add(const Loss& other) {
+  lost += other.lost;
+  duplicated += other.duplicated;
+  unordered += other.unordered;
+  unexpected += other.unexpected;
+  if (detail.size() < 2000) detail += other.detail;
+}
+
+const Marker& sysRoutineMarker() {
+  static const Marker marker = [](std::string_view text, std::string* key, long* seq) {
+    static const std::regex re(R"(The (\S+) system routine failed: system error code: (-?\d+))");
     std::match_results<std::string_view::const_iterator> m;
     if (!std::regex_search(text.begin(), text.end(), m, re)) return 0;
     *key = m[1].str();
     *seq = strtol(m[2].str().c_str(), nullptr, 10);
     return 1;
   };
-}
-
-}  // namespace
-
-const std::regex& sysRoutineMarker() {
-  static const std::regex re(R"(The (\S+) system routine failed: system error code: (-?\d+))");
-  return re;
+  return marker;
 }
 
 std::string stressBody(const std::string& writer, long seq, size_t length) {
-  std::string head = std::string("@") + writer + ":" + std::to_string(seq) + ":";
+  std::string head = "@" + writer + ":" + std::to_string(seq) + ":";
   size_t fixed = head.size() + 9;  // the checksum and its ':'
   std::string lenText;
   for (;;) {  // the length field counts itself
@@ -120,10 +127,10 @@ const Marker& stressMarker() {
     size_t c2 = c1 == std::string_view::npos ? c1 : body.find(':', c1 + 1);
     size_t c3 = c2 == std::string_view::npos ? c2 : body.find(':', c2 + 1);
     if (c3 == std::string_view::npos || body.size() < c3 + 10 || body[c3 + 9] != ':') return -1;
-    std::string digits(body.substr(c2 + 1, c3 - c2 - 1));
-    if (strtoul(digits.c_str(), nullptr, 10) != body.size()) return -1;
-    std::string sum(body.substr(c3 + 1, 8));
-    if (strtoul(sum.c_str(), nullptr, 16) != fnv1a(body.substr(0, c3 + 1), body.substr(c3 + 10)))
+    if (strtoul(std::string(body.substr(c2 + 1, c3 - c2 - 1)).c_str(), nullptr, 10) != body.size())
+      return -1;
+    if (strtoul(std::string(body.substr(c3 + 1, 8)).c_str(), nullptr, 16) !=
+        fnv1a(body.substr(0, c3 + 1), body.substr(c3 + 10)))
       return -1;
     *key = std::string(body.substr(1, c1 - 1));
     *seq = strtol(std::string(body.substr(c1 + 1, c2 - c1 - 1)).c_str(), nullptr, 10);
@@ -133,18 +140,18 @@ const Marker& stressMarker() {
 }
 
 void tallyTextRecords(const std::string& text, const Marker& marker, RecordTally* tally) {
-  // Severity records, then debug records (no message id); on standard output
-  // and error the prefix is a line of its own.
-  static constexpr std::string_view kPrefix[] = {
-      "#-#-#-#:#:#.#?#:#I----- 0x@ @ @ @ @ @ # 0x@ *", "#-#-#-#:#:#.#?#:#I----- @ DEBUG# @ @ @ # 0x@ *"};
-  static constexpr std::string_view kTerminal[] = {
-      "#-#-#-#:#:#.#?#:#I----- 0x@ @ @ @ @ @ # 0x@", "#-#-#-#:#:#.#?#:#I----- @ DEBUG# @ @ @ # 0x@"};
-  auto terminal = [](std::string_view line) { return glob(kTerminal[0], line) || glob(kTerminal[1], line); };
+  // Severity records, then debug records (no message id); the prefix alone
+  // is the first line of a record on standard output and error.
+  static constexpr std::string_view kPrefix[] = {"#-#-#-#:#:#.#?#:#I----- 0x@ @ @ @ @ @ # 0x@",
+                                                 "#-#-#-#:#:#.#?#:#I----- @ DEBUG# @ @ @ # 0x@"};
+  static const std::string kRecord[] = {std::string(kPrefix[0]) + " *",
+                                        std::string(kPrefix[1]) + " *"};
   std::string_view all(text);
   size_t pos = 0;
   while (pos < all.size()) {
     size_t end = all.find('\n', pos);
-    if (end != std::string_view::npos && terminal(all.substr(pos, end - pos)))
+    if (end != std::string_view::npos && (glob(kPrefix[0], all.substr(pos, end - pos)) ||
+                                          glob(kPrefix[1], all.substr(pos, end - pos))))
       end = all.find('\n', end + 1);
     if (end == std::string_view::npos) {
       note(tally, "last record unterminated", all.substr(pos));
@@ -154,23 +161,18 @@ void tallyTextRecords(const std::string& text, const Marker& marker, RecordTally
       ++pos;
       continue;
     }
-    std::string joined(all.substr(pos, end - pos));
-    std::replace(joined.begin(), joined.end(), '\n', ' ');
-    std::string_view line(joined);
+    std::string line(all.substr(pos, end - pos));
+    std::replace(line.begin(), line.end(), '\n', ' ');
     pos = end + 1;
-    int fields = glob(kPrefix[0], line) ? 9 : glob(kPrefix[1], line) ? 8 : 0;
+    int fields = glob(kRecord[0], line) ? 9 : glob(kRecord[1], line) ? 8 : 0;
     if (fields == 0) {
       note(tally, "not a record line", line);
       continue;
     }
     size_t textStart = 0;
     for (int blanks = 0; blanks < fields; ++blanks) textStart = line.find(' ', textStart) + 1;
-    count(marker, line.substr(textStart), line, tally);
+    count(marker, std::string_view(line).substr(textStart), line, tally);
   }
-}
-
-void tallyTextRecords(const std::string& text, const std::regex& marker, RecordTally* tally) {
-  tallyTextRecords(text, fromRegex(marker), tally);
 }
 
 void tallyXmlRecords(const std::string& text, const Marker& marker, RecordTally* tally) {
@@ -186,12 +188,10 @@ void tallyXmlRecords(const std::string& text, const Marker& marker, RecordTally*
       " <TranslationInfo Type=\"XPG4\" Catalog=\"*\" SetId=\"1\" MsgKey=\"*\">"};
   static constexpr std::string_view kParam = "  <Param><![CDATA[*]]></Param>";
   static constexpr std::string_view kTail[] = {" </TranslationInfo>",
-                                               " <LogText><![CDATA[* ]]></LogText>",
-                                               "</Message>"};
+                                               " <LogText><![CDATA[* ]]></LogText>", "</Message>"};
   const std::string_view end = "</Message>\n\n";
   std::string_view all(text);
-  size_t pos = 0;
-  while (pos < all.size()) {
+  for (size_t pos = 0; pos < all.size();) {
     size_t stop = all.find(end, pos);
     if (stop == std::string_view::npos) {
       note(tally, "unterminated record", all.substr(pos));
@@ -224,12 +224,7 @@ void tallyXmlRecords(const std::string& text, const Marker& marker, RecordTally*
   }
 }
 
-void tallyXmlRecords(const std::string& text, const std::regex& marker, RecordTally* tally) {
-  tallyXmlRecords(text, fromRegex(marker), tally);
-}
-
-Loss judge(const RecordTally& tally,
-           const std::map<std::string, std::pair<long, long>>& expected) {
+Loss judge(const RecordTally& tally, const std::map<std::string, std::pair<long, long>>& expected) {
   Loss loss;
   std::ostringstream detail;
   auto problem = [&detail](const std::string& key, const char* what, long seq) {
@@ -259,11 +254,8 @@ Loss judge(const RecordTally& tally,
       }
     }
     for (size_t i = 0; i < seen.size(); ++i) {
-      if (seen[i] == 0) {
-        if (loss.lost++ < 5) problem(key, "missing", first + static_cast<long>(i));
-      } else {
-        loss.duplicated += seen[i] - 1;
-      }
+      if (seen[i] == 0 && loss.lost++ < 5) problem(key, "missing", first + static_cast<long>(i));
+      if (seen[i] > 1) loss.duplicated += seen[i] - 1;
     }
   }
   for (const auto& [key, range] : expected) {
@@ -281,10 +273,10 @@ std::string exactlyOnce(const RecordTally& tally, const std::vector<std::string>
   std::map<std::string, std::pair<long, long>> expected;
   for (const std::string& key : keys) expected[key] = {0, count};
   Loss loss = judge(tally, expected);
-  std::ostringstream problems;
-  for (const std::string& b : tally.bad) problems << b << "\n";
-  if (loss.lost + loss.duplicated + loss.unexpected > 0) problems << loss.detail;
-  return problems.str();
+  std::string problems;
+  for (const std::string& b : tally.bad) problems += b + "\n";
+  if (loss.lost + loss.duplicated + loss.unexpected > 0) problems += loss.detail;
+  return problems;
 }
 
 }  // namespace zar::test

@@ -1,38 +1,35 @@
 // Checks of serviceability log files written by several threads or
-// processes: every record complete and on its own lines, and every expected
-// record found exactly once and in order. Used by the multi-process tests and
-// the reliability suite (tests/stress/).
+// processes: every record whole and on its own lines, every expected record
+// found once and in order. Used by the multi-process tests and tests/stress/.
 #ifndef ZAR_TESTS_TESTUTIL_LOGCHECK_H_
 #define ZAR_TESTS_TESTUTIL_LOGCHECK_H_
 
 #include <functional>
 #include <map>
-#include <regex>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace zar::test {
 
-// Records found in log text, by writer: each record's text carries a writer
-// key and a sequence number, found by a marker.
+// Records found in log text: each writer's sequence numbers in file order.
 struct RecordTally {
-  std::map<std::string, std::vector<long>> seqs;  // key -> numbers in file order
-  std::vector<std::string> bad;                   // the first torn or malformed records
-  size_t records = 0;                             // records with a marker
-  size_t torn = 0;                                // records torn, malformed or corrupt
+  std::map<std::string, std::vector<long>> seqs;
+  std::vector<std::string> bad;  // the first torn or malformed records
+  size_t records = 0;            // records with a marker
+  size_t torn = 0;               // records torn, malformed or with a damaged marker
+  void add(const RecordTally& other);
 };
 
-// Finds key and number in a record's text: 1 when found, 0 when the text has
-// no marker, -1 when it has one that is damaged.
+// Finds writer and sequence number in a record's text: 1 when found, 0 when
+// the text has no marker, -1 when it has a damaged one.
 using Marker = std::function<int(std::string_view text, std::string* key, long* seq)>;
 
-// The pattern that finds key and number in the text of message 0x38C5209C
-// ("The %s system routine failed: system error code: %d").
-const std::regex& sysRoutineMarker();
+// "The KEY system routine failed: system error code: SEQ" (message 0x38C5209C).
+const Marker& sysRoutineMarker();
 
-// Stress record bodies, printed as the %s of message 0x38C5209C: "@WRITER:SEQ:
-// LENGTH:SUM:" followed by filler letters up to LENGTH bytes in all, SUM
+// Stress record bodies, printed as the %s of message 0x38C5209C:
+// "@WRITER:SEQ:LENGTH:SUM:" and filler letters up to LENGTH bytes in all, SUM
 // being the checksum of every other byte in hexadecimal. A body holds no
 // blank, ']' or '%', so it stays one token of a text line and of a CDATA
 // section. WRITER must not contain ':'.
@@ -42,34 +39,29 @@ const Marker& stressMarker();
 
 // Text records: one line each, "TIME 0xID PROGRAM SEVERITY COMPONENT SUB FILE
 // LINE 0xTHREAD TEXT" (debug records: "TIME PROGRAM DEBUGn COMPONENT SUB FILE
-// LINE 0xTHREAD TEXT") with the marker in TEXT (on standard output and error
-// the prefix and TEXT are two lines). Empty lines are skipped: a record whose
-// write failed before its first byte may leave one behind.
+// LINE 0xTHREAD TEXT"); on standard output and error the prefix and TEXT are
+// two lines. Empty lines are skipped: a record whose write failed before its
+// first byte may leave one behind.
 void tallyTextRecords(const std::string& text, const Marker& marker, RecordTally* tally);
-void tallyTextRecords(const std::string& text, const std::regex& marker, RecordTally* tally);
 // XML records: "<Message ...>" to "</Message>" and an empty line, each with
 // its head, its Param lines and a LogText holding the marker.
 void tallyXmlRecords(const std::string& text, const Marker& marker, RecordTally* tally);
-void tallyXmlRecords(const std::string& text, const std::regex& marker, RecordTally* tally);
 
 // What a tally lacks against the records expected: lost (expected, not
 // found), duplicated (found more than once), unordered (a writer's number
 // lower than the one before it in the file), unexpected (writers or numbers
-// not expected). detail describes the first problems.
+// not expected); detail describes the first problems.
 struct Loss {
-  long lost = 0;
-  long duplicated = 0;
-  long unordered = 0;
-  long unexpected = 0;
+  long lost = 0, duplicated = 0, unordered = 0, unexpected = 0;
   std::string detail;
+  void add(const Loss& other);
 };
 // expected maps each writer to the numbers it wrote, [first, end).
 Loss judge(const RecordTally& tally, const std::map<std::string, std::pair<long, long>>& expected);
 
 // Empty when every key of keys has the numbers 0 to count-1 exactly once (in
 // any order) and no record was bad; otherwise a description of what is wrong.
-std::string exactlyOnce(const RecordTally& tally, const std::vector<std::string>& keys,
-                        long count);
+std::string exactlyOnce(const RecordTally& tally, const std::vector<std::string>& keys, long count);
 
 }  // namespace zar::test
 

@@ -1,4 +1,4 @@
-// Stress driver: runs a body on several threads at once, released together.
+// Runs a body on several threads at once, released together.
 #ifndef ZAR_TESTS_TESTUTIL_STRESS_H_
 #define ZAR_TESTS_TESTUTIL_STRESS_H_
 

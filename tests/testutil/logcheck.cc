@@ -121,19 +121,17 @@ const Marker& stressMarker() {
   static const Marker marker = [](std::string_view text, std::string* key, long* seq) {
     size_t at = text.find('@');
     if (at == std::string_view::npos) return 0;
-    std::string_view body = text.substr(at);
-    body = body.substr(0, body.find(' '));
-    size_t c1 = body.find(':');
-    size_t c2 = c1 == std::string_view::npos ? c1 : body.find(':', c1 + 1);
-    size_t c3 = c2 == std::string_view::npos ? c2 : body.find(':', c2 + 1);
-    if (c3 == std::string_view::npos || body.size() < c3 + 10 || body[c3 + 9] != ':') return -1;
-    if (strtoul(std::string(body.substr(c2 + 1, c3 - c2 - 1)).c_str(), nullptr, 10) != body.size())
+    std::string body(text.substr(at, text.find(' ', at) - at));
+    char writer[256];
+    size_t length = 0;
+    unsigned sum = 0;
+    int head = 0;  // the bytes up to the checksum's ':'
+    if (sscanf(body.c_str(), "@%255[^:]:%ld:%zu:%8x:%n", writer, seq, &length, &sum, &head) != 4 ||
+        head == 0 || length != body.size() ||
+        sum !=
+            fnv1a(std::string_view(body).substr(0, head - 9), std::string_view(body).substr(head)))
       return -1;
-    if (strtoul(std::string(body.substr(c3 + 1, 8)).c_str(), nullptr, 16) !=
-        fnv1a(body.substr(0, c3 + 1), body.substr(c3 + 10)))
-      return -1;
-    *key = std::string(body.substr(1, c1 - 1));
-    *seq = strtol(std::string(body.substr(c1 + 1, c2 - c1 - 1)).c_str(), nullptr, 10);
+    *key = writer;
     return 1;
   };
   return marker;
@@ -176,8 +174,8 @@ void tallyTextRecords(const std::string& text, const Marker& marker, RecordTally
 }
 
 void tallyXmlRecords(const std::string& text, const Marker& marker, RecordTally* tally) {
-  // One pattern per line; the Param lines may repeat.
-  static constexpr std::string_view kHead[] = {
+  // The lines of a record; the Param lines ([8]) may repeat or be absent.
+  static constexpr std::string_view kLines[] = {
       "<Message Id=\"*\" Severity=\"*\">",
       " <Time Millis=\"#\">#-#-#-#:#:#.#</Time>",
       " <Component>*</Component>",
@@ -185,42 +183,39 @@ void tallyXmlRecords(const std::string& text, const Marker& marker, RecordTally*
       " <Source FileName=\"*\" Method=\"unknown\" Line=\"#\"></Source>",
       " <Process>*</Process>",
       " <Thread>0x*</Thread>",
-      " <TranslationInfo Type=\"XPG4\" Catalog=\"*\" SetId=\"1\" MsgKey=\"*\">"};
-  static constexpr std::string_view kParam = "  <Param><![CDATA[*]]></Param>";
-  static constexpr std::string_view kTail[] = {" </TranslationInfo>",
-                                               " <LogText><![CDATA[* ]]></LogText>", "</Message>"};
-  const std::string_view end = "</Message>\n\n";
-  std::string_view all(text);
+      " <TranslationInfo Type=\"XPG4\" Catalog=\"*\" SetId=\"1\" MsgKey=\"*\">",
+      "  <Param><![CDATA[*]]></Param>",
+      " </TranslationInfo>",
+      " <LogText><![CDATA[* ]]></LogText>",
+      "</Message>"};
+  std::string_view all(text), end = "</Message>\n\n";
   for (size_t pos = 0; pos < all.size();) {
     size_t stop = all.find(end, pos);
     if (stop == std::string_view::npos) {
       note(tally, "unterminated record", all.substr(pos));
       break;
     }
-    std::string_view one = all.substr(pos, stop + end.size() - 1 - pos);
+    std::string_view one = all.substr(pos, stop + end.size() - 1 - pos), logText;
     pos = stop + end.size();
-    std::vector<std::string_view> lines;
-    for (size_t at = 0; at < one.size();) {
-      size_t nl = one.find('\n', at);
-      lines.push_back(one.substr(at, nl - at));
-      at = nl + 1;
+    size_t p = 0;
+    bool ok = true;
+    for (size_t at = 0, nl; ok && at < one.size(); at = nl + 1) {
+      nl = one.find('\n', at);
+      std::string_view line = one.substr(at, nl - at);
+      if (p == 8 && glob(kLines[8], line)) continue;
+      p += p == 8;
+      if (p == 10) logText = line;
+      ok = p < std::size(kLines) && glob(kLines[p++], line);
     }
-    bool ok = lines.size() >= 11;
-    size_t i = 0;
-    for (; ok && i < 8; ++i) ok = glob(kHead[i], lines[i]);
-    if (ok) {
-      std::string_view sev = lines[0].substr(lines[0].rfind('=') + 2);
+    if ((ok = ok && p == std::size(kLines))) {  // the severity, behind the last '=' of the head
+      std::string_view sev = one.substr(0, one.find('\n'));
+      sev = sev.substr(sev.rfind('=') + 2);
       ok = sev == "ERROR\">" || sev == "WARN\">" || sev == "INFO\">";
     }
-    while (ok && i < lines.size() && glob(kParam, lines[i])) ++i;
-    ok = ok && lines.size() == i + 3;
-    for (size_t t = 0; ok && t < 3; ++t) ok = glob(kTail[t], lines[i + t]);
-    if (!ok) {
+    if (!ok)
       note(tally, "malformed record", one);
-      continue;
-    }
-    std::string_view logText = lines[i + 1];
-    count(marker, logText.substr(19, logText.size() - 19 - 14), one, tally);
+    else
+      count(marker, logText.substr(19, logText.size() - 19 - 14), one, tally);
   }
 }
 

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <limits>
 #include <memory>
 #include <set>
 
@@ -58,34 +59,43 @@ struct Local {
   std::string text() const { return named("", offset, " ") + abbr + named(" dst ", isdst); }
 };
 
-// The library's and the C library's local time at t under TZ (tzset done).
-void compare(Run& run, Differences* d, const std::string& what, time_t t, const char* rule) {
-  ++d->instants;
-  utc_t u;
-  struct timespec when = {t, 0}, inacc = {0, 0};
-  zar_utc_mkbintime(&u, &when, &inacc, 0);
-  char name[64] = {};
-  long tdf = 0;
-  int isdst = 0;
-  struct tm tm;
-  Local mine = zar_utc_localzone(name, sizeof name - 1, &tdf, &isdst, &u) == 0
-                   ? Local{tdf, isdst, name}
-                   : Local{0, -1, "(failed)"};
-  Local theirs = localtime_r(&t, &tm) != nullptr
-                     ? Local{tm.tm_gmtoff, tm.tm_isdst, tm.tm_zone ? tm.tm_zone : ""}
-                     : Local{0, -1, "(failed)"};
-  if (mine == theirs) return;
-  d->add(run, rule, [&] {
-    return what + named(" at ", t) + ": library " + mine.text() + ", C library " + theirs.text();
-  });
-}
-
 constexpr time_t kFirst1902 = -2145916800;  // 1902-01-01
 constexpr time_t kLast2037 = 2145916799;    // 2037-12-31 23:59:59
 
 void setZone(const std::string& tz) {
   setenv("TZ", tz.c_str(), 1);
   tzset();
+}
+
+// The library's local time against localtime_r's under TZ=tz at each of
+// instants and a second either side, from `from` on; rule(at) names the rule
+// that explains a difference at at (null: none).
+void compareZone(Run& run, Differences* d, const std::string& tz, const std::set<time_t>& instants,
+                 time_t from, const std::function<const char*(time_t)>& rule) {
+  setZone(tz);
+  for (time_t t : instants) {
+    for (time_t at : {t - 1, t, t + 1}) {
+      if (at < from) continue;
+      ++d->instants;
+      utc_t u;
+      struct timespec when = {at, 0}, inacc = {0, 0};
+      zar_utc_mkbintime(&u, &when, &inacc, 0);
+      char name[64] = {};
+      long tdf = 0;
+      int isdst = 0;
+      struct tm tm;
+      Local mine = zar_utc_localzone(name, sizeof name - 1, &tdf, &isdst, &u) == 0
+                       ? Local{tdf, isdst, name}
+                       : Local{0, -1, "(failed)"};
+      Local theirs = localtime_r(&at, &tm) != nullptr
+                         ? Local{tm.tm_gmtoff, tm.tm_isdst, tm.tm_zone ? tm.tm_zone : ""}
+                         : Local{0, -1, "(failed)"};
+      if (mine == theirs) continue;
+      d->add(run, rule(at), [&] {
+        return tz + named(" at ", at) + ": library " + mine.text() + ", C library " + theirs.text();
+      });
+    }
+  }
 }
 
 std::string zoneBytes(const std::string& zone) {
@@ -147,13 +157,9 @@ Scenario zones("diff-zones", [](Run& run) {
     unreadable += !loads;
     time_t first = loads && zd->timecnt > 0 ? zd->ats[0] : kFirst1902;
     for (long i = 0; i < random; ++i) instants.insert(run.random(kFirst1902, kLast2037));
-    setZone(zone);
-    for (time_t t : instants)
-      for (time_t at : {t - 1, t, t + 1})
-        compare(run, &d, zone, at,
-                !loads       ? "beyond-reader-limits"
-                : at < first ? "before-first-transition"
-                             : nullptr);
+    compareZone(run, &d, zone, instants, std::numeric_limits<time_t>::min(), [&](time_t at) {
+      return !loads ? "beyond-reader-limits" : at < first ? "before-first-transition" : nullptr;
+    });
   }
   unsetenv("TZ");
   run.figure("zones", names.size());
@@ -236,18 +242,13 @@ Scenario rules("diff-rules", [](Run& run) {
       ++jan.tm_year;
       leaves = leaves || zd->ats[i] < from || zd->ats[i] >= timegm(&jan);
     }
-    setZone(s);
-    for (time_t t : instants) {
-      for (time_t at : {t - 1, t, t + 1}) {
-        if (at < 0) continue;
-        compare(run, &d, "TZ=" + s, at,
-                !parses      ? "outside-rule-grammar"
-                : at < first ? "before-first-transition"
-                : swaps      ? "start-end-order-changes"
-                : leaves     ? "transition-leaves-its-year"
-                             : nullptr);
-      }
-    }
+    compareZone(run, &d, s, instants, 0, [&](time_t at) {
+      return !parses      ? "outside-rule-grammar"
+             : at < first ? "before-first-transition"
+             : swaps      ? "start-end-order-changes"
+             : leaves     ? "transition-leaves-its-year"
+                          : nullptr;
+    });
   }
   unsetenv("TZ");
   run.figure("rule_strings", strings.size());

@@ -435,29 +435,35 @@ Scenario allocFaults("alloc-faults", [](Run& run) {
 
 // ---- I/O failures -----------------------------------------------------------------
 
-// Records of one I/O case: 30 before the fault ("a"), 30 while it lasts
-// ("f"), 30 after it cleared ("b"), each 20 to 300 bytes (one write each).
-constexpr long kPhase = 30;
-
-// Reads the log, its generations and the captured standard error; names what
-// each phase lost and whatever is torn or doubled. mayLose names the phases
-// whose records the fault may cost.
-std::string judgePhases(Run& run, const std::string& mayLose) {
+// Prints 30 records before the fault ("a", 20 to 300 bytes: one write
+// each), 30 while it lasts ("f": from begin to end), 30 after it cleared
+// ("b") to routes; reads them back from the log, its generations and
+// standard error. Returns what is lost (but in the phases of mayLose), torn
+// (but a record the fault itself cut short, as a file size limit stops a
+// write midway) or doubled.
+std::string phases(Run& run, const std::string& routes, const std::function<void()>& begin,
+                   const std::function<void()>& end, const std::string& mayLose) {
+  constexpr long kPhase = 30;
+  std::mt19937_64 rng(run.rng()());
+  initServiceability();
+  route(routes);
+  for (const char* key : {"a", "f", "b"}) {
+    if (*key == 'f') begin();
+    for (long n = 0; n < kPhase; ++n) printRecord(key, n, 20 + rng() % 281);
+    if (*key == 'f') end();
+  }
   zar::test::RecordTally tally;
   tallyFile(run.file("io.log"), false, &tally);
   for (int g = 1; g <= 9; ++g) tallyFile(run.file(named("io.log.", g)), false, &tally);
   zar::test::tallyTextRecords(recordsOf(run.file("err")), zar::test::stressMarker(), &tally);
   zar::test::Loss loss =
       zar::test::judge(tally, {{"a", {0, kPhase}}, {"f", {0, kPhase}}, {"b", {0, kPhase}}});
-  long lost = 0;
+  long lost = 0, torn = tally.torn;
   for (const char* key : {"a", "f", "b"}) {
     const auto& seqs = tally.seqs[key];
     for (long n = 0; mayLose.find(key) == std::string::npos && n < kPhase; ++n)
       lost += std::find(seqs.begin(), seqs.end(), n) == seqs.end();
   }
-  // A record that the fault itself cut short (a file size limit stops a
-  // write midway) is the fault's; any other torn record is not.
-  long torn = tally.torn;
   std::string example, problems;
   for (const std::string& b : tally.bad) {
     if (b.find(" @f:") != std::string::npos)
@@ -470,21 +476,6 @@ std::string judgePhases(Run& run, const std::string& mayLose) {
     problems += named(" duplicated ", loss.duplicated + loss.unexpected);
   if (lost != 0) problems += named(" lost ", lost);
   return problems;
-}
-
-// Prints the three phases to routes, the fault made by begin and cleared by
-// end, and judges the records.
-std::string phases(Run& run, const std::string& routes, const std::function<void()>& begin,
-                   const std::function<void()>& end, const std::string& mayLose) {
-  std::mt19937_64 rng(run.rng()());
-  initServiceability();
-  route(routes);
-  for (const char* key : {"a", "f", "b"}) {
-    if (*key == 'f') begin();
-    for (long n = 0; n < kPhase; ++n) printRecord(key, n, 20 + rng() % 281);
-    if (*key == 'f') end();
-  }
-  return judgePhases(run, mayLose);
 }
 
 // A stanza edit whose rewrite fails: status 0x38C520AD and the file as it

@@ -68,8 +68,6 @@ void* work(void* arg) {
   return nullptr;
 }
 
-// Threads cancelled at random, then a print, a lookup, a delay and the
-// removal of the route type that must each finish within a second.
 Scenario cancellation("cancel", [](Run& run) {
   int threads = run.size("threads", 8, 8);
   long cancels = run.size("cancels", 1000, 20000);

@@ -1,10 +1,6 @@
-// The reliability driver: named scenarios that stress one subsystem each and
-// print one summary line of figures; a figure that counts faults must be 0
-// for the line to pass. Usage (scripts/reliability runs each scenario in a
-// process of its own; docs/reliability.md):
-//
-//   zar_stress [--soak] [--seed N] [--set NAME=VALUE]... [--case TEXT]
-//              [--dir DIR] SCENARIO...
+// The reliability driver (docs/reliability.md): named scenarios, each
+// printing one summary line of figures; a figure that counts faults must be 0
+// for the line to pass.
 #ifndef ZAR_TESTS_STRESS_DRIVER_H_
 #define ZAR_TESTS_STRESS_DRIVER_H_
 

@@ -1,7 +1,6 @@
 // Allocation failure on every path and I/O failure of every wrapped system
-// call: each case runs in a child of fork, so that every injection point
-// starts from a fresh process. A case acts once with the fault armed, then
-// once more without it; the second act must succeed.
+// call, each injection in a fresh child of fork: a case acts once with the
+// fault armed, then once more without it; the second act must succeed.
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -79,7 +78,6 @@ bool leaks() {
 #endif
 }
 
-// Sends file descriptor fd into the file name of the case's directory.
 void captureFd(Run& run, int fd, const char* name) {
   int f = open(run.file(name).c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
   dup2(f, fd);
@@ -101,12 +99,8 @@ std::string edited(const std::string& from = kStanza) {
   return s.replace(s.find("counter = 0"), 11, "counter = 7");
 }
 
-// ---- Allocation failures --------------------------------------------------------
-
-// How a print case prints: a severity message in the local code set or in
-// UTF-8, a debug message, a severity message held back by the thread's
-// message save and then printed from it, or one to a route type added and
-// routed to in the act.
+// How a print case prints: from the local code set or UTF-8, a debug
+// message, through the message save, or to a route type added in the act.
 enum class How { kLocal, kUtf8, kDebug, kSaved, kRouteType };
 
 // An allocation case: a print case (routes set, @ standing for the file
@@ -141,9 +135,8 @@ void preparePrint(Run& run, const AllocCase& c) {
   if (st != 0) fprintf(stderr, "route %s: status 0x%lx\n", routes.c_str(), st);
 }
 
-// Stress bodies, and the documented degraded records: the "Unknown message"
-// body of a text that could not be had, or an empty body where formatting
-// or conversion failed.
+// Stress bodies, and the documented degraded records: "Unknown message"
+// for a text that could not be had, empty where formatting failed.
 int recordMarker(std::string_view text, std::string* key, long* seq) {
   int r = zar::test::stressMarker()(text, key, seq);
   if (r != 0) return r;
@@ -397,7 +390,6 @@ int allocChild(Run& run, const AllocCase& c, long failAt, bool sticky) {
   });
 }
 
-// Every allocation of every case failed once, and from there on.
 Scenario allocFaults("alloc-faults", [](Run& run) {
   shared();  // mapped before the first child, so that every child shares it
   long scenarios = 0, points = 0, documented = 0;
@@ -433,14 +425,10 @@ Scenario allocFaults("alloc-faults", [](Run& run) {
 #endif
 });
 
-// ---- I/O failures -----------------------------------------------------------------
-
-// Prints 30 records before the fault ("a", 20 to 300 bytes: one write
-// each), 30 while it lasts ("f": from begin to end), 30 after it cleared
-// ("b") to routes; reads them back from the log, its generations and
-// standard error. Returns what is lost (but in the phases of mayLose), torn
-// (but a record the fault itself cut short, as a file size limit stops a
-// write midway) or doubled.
+// Prints 30 records (one write each) before the fault ("a"), while it lasts
+// ("f", from begin to end) and after ("b"); returns what the log, its
+// generations and standard error lost (but in the phases of mayLose), tore
+// (but a record of "f" that a file size limit cut short) or doubled.
 std::string phases(Run& run, const std::string& routes, const std::function<void()>& begin,
                    const std::function<void()>& end, const std::string& mayLose) {
   constexpr long kPhase = 30;
@@ -502,8 +490,7 @@ std::string stanzaRewrite(Run& run, Op op, long failAt, bool sticky, int err) {
   return problems;
 }
 
-// The wrapped calls failed under a rotated log (mayLose: the phases whose
-// records the fault may cost), and in the rewrite of a stanza edit.
+// Wrapped calls failed under a rotated log, and in a stanza rewrite.
 struct IoCase {
   const char* name;
   Op op;
@@ -520,8 +507,6 @@ const IoCase kIoCases[] = {
     {"stanza rewrite, read", Op::kRead, nullptr},
 };
 
-// Each case failing with EIO, ENOSPC or EINTR, at its first or second call,
-// once or from there on; then /dev/full and a file size limit.
 Scenario ioFaults("io-faults", [](Run& run) {
   shared();
   long cases = 0;

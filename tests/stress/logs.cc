@@ -51,7 +51,6 @@ void report(Run& run, const RecordTally& tally, const Loss& loss, const Procs& p
   if (!loss.detail.empty()) run.fail(loss.detail);
 }
 
-// processes x threads appending to one file of the route kind.
 void appends(Run& run, const std::string& kind) {
   int procs = run.size("processes", 8, 16), threads = run.size("threads", 4, 4);
   long count = run.size("per_thread", 5000, 100000);
@@ -73,8 +72,6 @@ Scenario text("appends-text", [](Run& run) { appends(run, "TEXTFILE"); });
 Scenario utf8("appends-utf8", [](Run& run) { appends(run, "UTF8FILE"); });
 Scenario xml("appends-xml", [](Run& run) { appends(run, "XMLFILE"); });
 
-// A process whose threads print without pause forks again and again; each
-// child prints its own records into its own per-process file.
 Scenario forkDuringLogging("fork", [](Run& run) {
   int forks = run.size("forks", 200, 5000);
   constexpr int kThreads = 4;
@@ -98,8 +95,6 @@ Scenario forkDuringLogging("fork", [](Run& run) {
       },
       &children);
   double elapsed = now() - start;
-  // The parent's file holds its own records, each once; each child's file
-  // the child's records and nothing else.
   RecordTally all;
   tallyFile(run.file(named("fork.", getpid(), ".log")), false, &all);
   Expected expected;
@@ -114,8 +109,6 @@ Scenario forkDuringLogging("fork", [](Run& run) {
   report(run, all, loss, procs);
   run.figure("forks/s", forks / elapsed);
 });
-
-// ---- Rotation ---------------------------------------------------------------
 
 // The records of one file: the run that wrote it (0, or 1 after the
 // restart), its place among that run's files, and its number of records.
@@ -175,9 +168,7 @@ ModTimes modTimes(const std::string& base, int gens) {
   return out;
 }
 
-// Checks one log's files against its model: each file where the rule puts
-// one, at most limit records in each, the records kept exactly the rule's,
-// once each, rising per writer across consecutive files.
+// Checks one log's files against its model (docs/reliability.md).
 void checkGenerations(Run& run, const std::string& base, const Generations& model, RecordTally* all,
                       Loss* loss, long* overfull) {
   std::map<std::pair<int, long>, RecordTally> kept;  // by (run, index): in order of writing
@@ -221,8 +212,6 @@ void checkGenerations(Run& run, const std::string& base, const Generations& mode
              std::to_string(expected));
 }
 
-// Per-process files rotated through generations, then a restart that takes
-// each file over and goes on numbering.
 Scenario rotation("rotation", [](Run& run) {
   int procs = run.size("processes", 4, 4), threads = run.size("threads", 4, 4);
   long first = run.size("per_thread", 12500, 125000);

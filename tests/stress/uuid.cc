@@ -74,8 +74,7 @@ struct Collector : Counts {
   }
 };
 
-// Room that children of fork fill: n makers' counts and up to count UUIDs
-// each.
+// Memory that n children of fork fill with their counts and count UUIDs.
 struct Shared {
   Counts* counts;
   Bytes* uuids;
@@ -96,8 +95,7 @@ struct Shared {
   void addTo(Collector* all, long i) const { all->add(counts[i], uuids + i * count); }
 };
 
-// Ten million from one thread, each later than the one before: a rising
-// order makes them unique.
+// A rising order makes one maker's UUIDs unique: they need not be kept.
 Scenario oneThread("uuid-one-thread", [](Run& run) {
   long count = run.size("count", 10000000, 100000000);
   Collector c;
@@ -135,8 +133,6 @@ Scenario threads("uuid-threads", [](Run& run) {
   all.report(run, Procs(), seconds);
 });
 
-// A process whose threads make UUIDs without pause forks again and again;
-// each child makes its own.
 Scenario forks("uuid-fork", [](Run& run) {
   int forks = run.size("forks", 100, 2000);
   constexpr int kThreads = 2;

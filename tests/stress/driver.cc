@@ -25,17 +25,6 @@ std::map<std::string, std::function<void(Run&)>>& registry() {
   return scenarios;
 }
 
-pid_t forkChild(const std::function<int()>& fn) {
-  fflush(nullptr);
-  pid_t pid = fork();
-  if (pid == 0) {
-    int rc = fn();
-    fflush(nullptr);
-    _exit(rc);
-  }
-  return pid;
-}
-
 // Waits for pid until deadline (a now() value), killing it then; returns the
 // wait status, or -1 when it was killed.
 int waitUntil(pid_t pid, double deadline) {
@@ -116,7 +105,7 @@ void Procs::count(int waitStatus) {
 }
 
 int inChild(double timeoutSeconds, const std::function<int()>& fn) {
-  return waitUntil(forkChild(fn), now() + timeoutSeconds);
+  return waitUntil(test::forkChild(fn), now() + timeoutSeconds);
 }
 
 Procs inProcesses(int n, const std::function<int(int)>& body, double timeoutSeconds) {
@@ -124,7 +113,7 @@ Procs inProcesses(int n, const std::function<int(int)>& body, double timeoutSeco
   if (pipe(go) != 0) abort();
   std::vector<pid_t> pids;
   for (int i = 0; i < n; ++i) {
-    pids.push_back(forkChild([&] {
+    pids.push_back(test::forkChild([&] {
       close(go[1]);
       char c;
       while (read(go[0], &c, 1) < 0 && errno == EINTR) {

@@ -115,7 +115,7 @@ std::vector<std::string> splitLines(const std::string& text) {
   return lines;
 }
 
-int runInChild(const std::function<int()>& fn) {
+pid_t forkChild(const std::function<int()>& fn) {
   fflush(nullptr);
   pid_t pid = fork();
   if (pid == 0) {
@@ -123,6 +123,11 @@ int runInChild(const std::function<int()>& fn) {
     fflush(nullptr);
     _exit(rc);
   }
+  return pid;
+}
+
+int runInChild(const std::function<int()>& fn) {
+  pid_t pid = forkChild(fn);
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }

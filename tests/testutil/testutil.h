@@ -88,8 +88,10 @@ void writeFile(const std::string& path, const std::string& text);
 bool fileExists(const std::string& path);
 std::vector<std::string> splitLines(const std::string& text);
 
-// Runs fn in a forked child and returns its wait status. The child ends with
-// _exit(fn()) and never returns into the test framework.
+// Forks a child that ends with _exit(fn()) (streams flushed on both sides),
+// never returning into the test framework; returns its pid (-1 on failure).
+pid_t forkChild(const std::function<int()>& fn);
+// Runs fn in such a child and returns its wait status.
 int runInChild(const std::function<int()>& fn);
 // Exit code of a wait status, or -1 when the child did not exit normally.
 int exitCode(int waitStatus);

@@ -15,6 +15,7 @@
 
 #include <atomic>
 
+#include "core/svcutl/svccollect.h"
 #include "core/svcutl/svcint.h"
 #include "core/zarlock.h"
 #include "core/zarmem.h"
@@ -38,11 +39,41 @@ struct DynRouteState {
 
 DynRouteState gDyn;
 
+// A type's block: the record with its name right after it; references 1 (the
+// registry's). Null when memory cannot be had.
+svc_dyn_route* newType(const char* name, void* arg, zar_svc_route_open_fn open,
+                       zar_svc_route_print_fn print, zar_svc_route_close_fn close) {
+  size_t nameLen = strlen(name);
+  auto type = static_cast<svc_dyn_route*>(mem::allocZero(1, sizeof(svc_dyn_route) + nameLen + 1));
+  if (type == nullptr) return nullptr;
+  char* text = reinterpret_cast<char*>(type + 1);
+  memcpy(text, name, nameLen + 1);
+  type->name = text;
+  type->arg = arg;
+  type->open = open;
+  type->print = print;
+  type->close = close;
+  type->references = 1;
+  return type;
+}
+
+// The library's own route types are registered before anything can look
+// into the registry, so no route ever waits for them. A type that cannot be
+// added (no memory) is missing, as one an application did not add.
 void dynRouteInit() {
   if (pthread_mutex_init(&gDyn.lock, nullptr) != 0) return;
   if (pthread_cond_init(&gDyn.cond, nullptr) != 0) {
     pthread_mutex_destroy(&gDyn.lock);
     return;
+  }
+  static const collect::BuiltinType* const kBuiltins[] = {&collect::kSyslogType,
+                                                          &collect::kJournalType};
+  constexpr size_t kCount = sizeof kBuiltins / sizeof kBuiltins[0];
+  gDyn.types = static_cast<svc_dyn_route**>(mem::allocZero(kCount, sizeof(svc_dyn_route*)));
+  for (const collect::BuiltinType* b : kBuiltins) {
+    svc_dyn_route* type =
+        gDyn.types != nullptr ? newType(b->name, nullptr, b->open, b->print, b->close) : nullptr;
+    if (type != nullptr) gDyn.types[gDyn.count++] = type;
   }
   gDyn.inited.store(true, std::memory_order_release);
 }
@@ -75,7 +106,9 @@ class DynLock {
   bool held_;
 };
 
-void wakeAll() { pthread_cond_broadcast(&gDyn.cond); }
+void wakeAll() {
+  pthread_cond_broadcast(&gDyn.cond);
+}
 
 // Runs fn when the scope ends, also when the thread is cancelled inside it,
 // unless disarmed first.
@@ -242,8 +275,7 @@ void zar__svc_dyn_route_print(svc_dyn_route* type, void* routeData, zar_svc_prol
   va_end(copy);
 }
 
-void zar__svc_dyn_route_print2(svc_dyn_route* type, void* routeData, zar_svc_prolog* prolog,
-                               ...) {
+void zar__svc_dyn_route_print2(svc_dyn_route* type, void* routeData, zar_svc_prolog* prolog, ...) {
   va_list args;
   va_start(args, prolog);
   zar__svc_dyn_route_print(type, routeData, prolog, args);
@@ -317,21 +349,11 @@ ZAR_API void zar_svc_add_route(const char* name, void* arg, zar_svc_route_open_f
     setStatus(status, ZAR_S_SVC_BAD_ROUTE);
     return;
   }
-  size_t nameLen = strlen(name);
-  auto type = static_cast<svc_dyn_route*>(
-      zar::mem::allocZero(1, sizeof(svc_dyn_route) + nameLen + 1));
+  svc_dyn_route* type = zar::svc::newType(name, arg, open, print, close);
   if (type == nullptr) {
     setStatus(status, ZAR_S_SVC_NO_MEMORY);
     return;
   }
-  char* text = reinterpret_cast<char*>(type + 1);
-  memcpy(text, name, nameLen + 1);
-  type->name = text;
-  type->arg = arg;
-  type->open = open;
-  type->print = print;
-  type->close = close;
-  type->references = 1;
 
   unsigned long st = 0;
   {
@@ -373,8 +395,7 @@ ZAR_API void zar_svc_remove_route(const char* name, unsigned long* status) {
       type->removed = 1;
       {
         zar::CancelDisabled noCancel;
-        while (type->opening || type->printing || type->closing || type->openWaiting)
-          lock.wait();
+        while (type->opening || type->printing || type->closing || type->openWaiting) lock.wait();
       }
       for (uint32_t i = 0; i < gDyn.count; ++i) {
         if (gDyn.types[i] != type) continue;

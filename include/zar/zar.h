@@ -23,6 +23,7 @@
 #include "zar/nls.h"
 #include "zar/msg.h"
 #include "zar/svc.h"
+#include "zar/collect.h"
 #include "zar/printf.h"
 #include "zar/msgprintf.h"
 #include "zar/msginit.h"

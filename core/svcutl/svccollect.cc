@@ -88,9 +88,11 @@ struct Destination {
 
 namespace {
 
-// Invariants: dests holds count destinations, never removed.
+// Invariants: dests holds count destinations, never removed; routes lists
+// every open route of both types.
 struct CollectState {
   Destination** dests = nullptr;  // mutex
+  OpenRoute* routes = nullptr;    // mutex
   uint32_t count = 0;             // mutex
   uint64_t queueLimit = 0;        // mutex: from SVC_COLLECTOR_QUEUE, read once
   bool exitHandlerSet = false;    // mutex
@@ -532,6 +534,35 @@ void release(Destination* d) {
 
 Transport transportOf(const Destination* d) {
   return d->transport;
+}
+
+void trackRoute(OpenRoute* r) {
+  r->prev = nullptr;
+  r->next = gCol.routes;
+  if (gCol.routes != nullptr) gCol.routes->prev = r;
+  gCol.routes = r;
+}
+
+void untrackRoute(OpenRoute* r) {
+  if (r->prev != nullptr) {
+    r->prev->next = r->next;
+  } else {
+    gCol.routes = r->next;
+  }
+  if (r->next != nullptr) r->next->prev = r->prev;
+  release(r->dest);
+}
+
+void releaseRoutesOf(const char* typeName) {
+  svc::SvcLock lock;
+  for (OpenRoute* r = gCol.routes; r != nullptr;) {
+    OpenRoute* next = r->next;
+    if (strcmp(r->typeName, typeName) == 0) {
+      untrackRoute(r);
+      mem::free(r);
+    }
+    r = next;
+  }
 }
 
 void countDropped(Destination* d) {

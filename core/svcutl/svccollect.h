@@ -44,6 +44,24 @@ Transport transportOf(const Destination* dest);
 // it, else queued; counted as dropped when the queue is full. Never blocks.
 void submit(Destination* dest, const char* data, size_t len);
 
+// A route open on a destination, linked into the list of open routes so that
+// a type removed while its routes are open can let go of them all. The
+// route's own record starts with it.
+struct OpenRoute {
+  OpenRoute* prev;
+  OpenRoute* next;
+  Destination* dest;
+  const char* typeName;
+};
+// Mutex held: the route (its dest and typeName set) joins the list, or
+// leaves it and lets go of its destination (the caller frees the record).
+void trackRoute(OpenRoute* route);
+void untrackRoute(OpenRoute* route);
+// The type called typeName is removed while routes still use it (its close
+// callback with null route data, which runs without the mutex): every route
+// of the type lets go of its destination and is freed. Takes the mutex.
+void releaseRoutesOf(const char* typeName);
+
 // Counts a record that could not even be made (no memory) as dropped.
 void countDropped(Destination* dest);
 

@@ -22,7 +22,7 @@ namespace {
 constexpr const char* kMessageIdPrefix = "7a61720de7c04f6e9b1c5d2a";  // 24 of 32 hex digits
 
 struct JournalRoute {
-  Destination* dest;
+  OpenRoute link;  // first: the record is freed through it
 };
 
 // A record being built; ok() false once an allocation failed.
@@ -90,19 +90,24 @@ void journalOpen(const char* name, const char* where, void*, void** routeData, i
   if (snprintf(key, sizeof key, "%s:%s", name, where) >= static_cast<int>(sizeof key)) return;
   auto route = static_cast<JournalRoute*>(mem::allocZero(1, sizeof(JournalRoute)));
   if (route == nullptr) return;
-  route->dest = acquire(key, where, "/run/systemd/journal/socket", false, true);
-  if (route->dest == nullptr) {
+  route->link.dest = acquire(key, where, "/run/systemd/journal/socket", false, true);
+  if (route->link.dest == nullptr) {
     mem::free(route);
     return;
   }
+  route->link.typeName = "JOURNAL";
+  trackRoute(&route->link);
   *routeData = route;
   *opened = 1;
 }
 
-void journalClose(const char*, void*, void* routeData, unsigned long*) {
+void journalClose(const char* name, void*, void* routeData, unsigned long*) {
   auto route = static_cast<JournalRoute*>(routeData);
-  if (route == nullptr) return;
-  release(route->dest);
+  if (route == nullptr) {
+    releaseRoutesOf(name);  // the type goes away under its routes
+    return;
+  }
+  untrackRoute(&route->link);
   mem::free(route);
 }
 
@@ -110,7 +115,7 @@ void journalPrint(void*, void* routeData, zar_svc_prolog* p, va_list args) {
   auto route = static_cast<JournalRoute*>(routeData);
   char* text = formatText(p, args);
   if (text == nullptr) {
-    countDropped(route->dest);
+    countDropped(route->link.dest);
     return;
   }
   size_t textLen = strlen(text);
@@ -123,7 +128,7 @@ void journalPrint(void*, void* routeData, zar_svc_prolog* p, va_list args) {
   }
   zar_asprintf_free(text);
   if (clean == nullptr) {
-    countDropped(route->dest);
+    countDropped(route->link.dest);
     return;
   }
   char v[64];
@@ -154,10 +159,10 @@ void journalPrint(void*, void* routeData, zar_svc_prolog* p, va_list args) {
   snprintf(v, sizeof v, "0x%08lx", zar_svc__mapthreadid(&p->thread_id));
   f.add("ZAR_THREAD", v);
   if (!f.ok()) {
-    countDropped(route->dest);
+    countDropped(route->link.dest);
     return;
   }
-  submit(route->dest, f.data(), f.size());
+  submit(route->link.dest, f.data(), f.size());
 }
 
 }  // namespace

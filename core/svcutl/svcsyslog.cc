@@ -42,7 +42,7 @@ constexpr Facility kFacilities[] = {
 };
 
 struct SyslogRoute {
-  Destination* dest;
+  OpenRoute link;  // first: the record is freed through it
   int facility;
   size_t limit;
   char host[256];  // the host name as a header field ("-" when unknown)
@@ -75,25 +75,30 @@ void syslogOpen(const char* name, const char* where, void*, void** routeData, in
   if (snprintf(key, sizeof key, "%s:%s", name, where) >= static_cast<int>(sizeof key)) return;
   auto route = static_cast<SyslogRoute*>(mem::allocZero(1, sizeof(SyslogRoute)));
   if (route == nullptr) return;
-  route->dest = acquire(key, address, "/dev/log", true, false);
-  if (route->dest == nullptr) {
+  route->link.dest = acquire(key, address, "/dev/log", true, false);
+  if (route->link.dest == nullptr) {
     mem::free(route);
     return;
   }
-  Transport t = transportOf(route->dest);
+  Transport t = transportOf(route->link.dest);
   route->limit = t == Transport::kUdp ? kUdpLimit : t == Transport::kTcp ? kTcpLimit : kUnixLimit;
   route->facility = facility;
   char host[256] = {};
   gethostname(host, sizeof host - 1);
   headerField(route->host, 255, host);
+  route->link.typeName = "SYSLOG";
+  trackRoute(&route->link);
   *routeData = route;
   *opened = 1;
 }
 
-void syslogClose(const char*, void*, void* routeData, unsigned long*) {
+void syslogClose(const char* name, void*, void* routeData, unsigned long*) {
   auto route = static_cast<SyslogRoute*>(routeData);
-  if (route == nullptr) return;  // the type goes away; its routes close one by one
-  release(route->dest);
+  if (route == nullptr) {
+    releaseRoutesOf(name);  // the type goes away under its routes
+    return;
+  }
+  untrackRoute(&route->link);
   mem::free(route);
 }
 
@@ -164,7 +169,7 @@ void syslogPrint(void*, void* routeData, zar_svc_prolog* p, va_list args) {
   w = put(w, end, "] \xEF\xBB\xBF");
   char* text = formatText(p, args);
   if (text == nullptr) {
-    countDropped(route->dest);
+    countDropped(route->link.dest);
     return;
   }
   w += putUtf8(w, static_cast<size_t>(end - w), text, strlen(text), nullptr);
@@ -172,14 +177,14 @@ void syslogPrint(void*, void* routeData, zar_svc_prolog* p, va_list args) {
 
   size_t len = static_cast<size_t>(w - start);
   char* record = start;
-  if (transportOf(route->dest) == Transport::kTcp) {
+  if (transportOf(route->link.dest) == Transport::kTcp) {
     char prefix[kFrameRoom + 1];
     int plen = snprintf(prefix, sizeof prefix, "%zu ", len);
     record -= plen;
     memcpy(record, prefix, static_cast<size_t>(plen));
     len += static_cast<size_t>(plen);
   }
-  submit(route->dest, record, len);
+  submit(route->link.dest, record, len);
 }
 
 }  // namespace

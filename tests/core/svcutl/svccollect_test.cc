@@ -1,0 +1,210 @@
+// The collector route types on capture sockets: structured data escaped,
+// invalid UTF-8 replaced, TCP framing, the journal's binary fields and its
+// sealed memory files, bad where texts, the queue while a collector is away,
+// and what an application registering the same name gets. The fields as real
+// collectors parse them: tests/scripts/collectors.sh.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "tests/testutil/caproute.h"
+#include "tests/testutil/testutil.h"
+#include "zar/collect.h"
+#include "zar/status.h"
+
+namespace {
+
+using zar::test::CaptureFd;
+using zar::test::svcRoute;
+using zar::test::TempDir;
+using SvcCollect = zar::test::SvcTest;
+
+constexpr uint32_t kSysFailed = 0x38C5209C;  // "XKJSC0156E   The %s system routine failed: ..."
+
+// A datagram socket bound in a temporary directory.
+struct Capture {
+  TempDir dir;
+  std::string path = dir.file("s");
+  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  Capture() {
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    path.copy(a.sun_path, sizeof a.sun_path - 1);
+    EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a));
+    timeval tv{2, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  }
+  ~Capture() { close(fd); }
+  // The next datagram, or the contents of the memory file it passes.
+  std::string next() {
+    std::string buf(1 << 17, '\0');
+    iovec iov{buf.data(), buf.size()};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+    msghdr mh{};
+    mh.msg_iov = &iov;
+    mh.msg_iovlen = 1;
+    mh.msg_control = control;
+    mh.msg_controllen = sizeof control;
+    ssize_t n = recvmsg(fd, &mh, 0);
+    if (n < 0) return "(nothing)";
+    cmsghdr* cm = CMSG_FIRSTHDR(&mh);
+    if (n > 0 || cm == nullptr || cm->cmsg_type != SCM_RIGHTS) return buf.substr(0, n);
+    int mfd;
+    memcpy(&mfd, CMSG_DATA(cm), sizeof mfd);
+    std::string text;
+    for (ssize_t r; (r = pread(mfd, buf.data(), buf.size(), text.size())) > 0;)
+      text.append(buf, 0, r);
+    close(mfd);
+    return text;
+  }
+};
+
+void warn(const char* text, zar_codeset_t cs = nullptr) {
+  zar_svc_printf_cs_withfile(zarsv_client_svc_handle, cs, "c.cc", 9, "%s%d", 0, svc_c_sev_warning,
+                             kSysFailed, text, 7);
+}
+
+TEST_F(SvcCollect, RecordsOnCaptureSockets) {
+  Capture cap;
+  zar_svc_subcomp table[] = {{"s\"u]b\\", "d", 0, 0}, {nullptr, nullptr, 0, 0}};
+  unsigned long st = 0;
+  zar_svc_handle odd = zar_svc_register(table, "c\"o]m\\p", &st);
+  ASSERT_ZAR_OK(st);
+  struct Row {
+    std::string route;
+    std::function<void()> print;
+    std::vector<std::string> want;  // pieces of the datagram, in order
+  } rows[] = {
+      {"SYSLOG:local7,unix,",
+       [odd] {
+         zar_svc_printf_withfile(odd, "f\"].c", 3, "%s%d", 0, svc_c_sev_error, kSysFailed, "x", 1);
+       },
+       {"<187>1 ",
+        " 0x38C5209C [zar@32473 status=\"0x38C5209C\" component=\"c\\\"o\\]m\\\\p\" "
+        "subcomponent=\"s\\\"u\\]b\\\\\" file=\"f\\\"\\].c\" line=\"3\" thread=\"0x",
+        "\"] \xEF\xBB\xBFXKJSC0156E   The x system"}},
+      {"SYSLOG:unix,",
+       [] { warn("bad\xFF\xC3(end", zarsvc_get_utf8_code_page()); },
+       {"<12>1 ", "The bad\xEF\xBF\xBD\xEF\xBF\xBD(end system"}},
+      {"JOURNAL:unix,",
+       [] { warn("two\nlines"); },
+       {"MESSAGE\n", std::string("\0\0\0\0\0\0\0", 7), "two\nlines", "\nPRIORITY=4\n",
+        "MESSAGE_ID=7a61720de7c04f6e9b1c5d2a38c5209c\n", "ZAR_STATUS=0x38C5209C\n",
+        "ZAR_SEVERITY=WARNING\n", "ZAR_COMPONENT=wsc\n", "ZAR_SUBCOMPONENT=core\n"}},
+      {"JOURNAL:unix,",
+       [] { warn(std::string(300000, 'm').c_str()); },
+       {"MESSAGE=XKJSC0156E   The " + std::string(300000, 'm') + " system", "CODE_FILE=c.cc\n"}},
+  };
+  for (const Row& row : rows) {
+    ASSERT_ZAR_OK(svcRoute("*:" + row.route + cap.path));
+    row.print();
+    std::string got = cap.next();
+    size_t at = 0;
+    for (const std::string& piece : row.want) {
+      size_t found = got.find(piece, at);
+      EXPECT_NE(std::string::npos, found)
+          << row.route << ": " << piece.substr(0, 80) << "\nin: " << got.substr(0, 400);
+      if (found != std::string::npos) at = found + piece.size();
+    }
+  }
+  ASSERT_ZAR_OK(svcRoute("*:STDERR:"));
+  zar_svc_unregister(odd, &st);
+}
+
+TEST_F(SvcCollect, TcpRecordsAreOctetCounted) {
+  int srv = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  ASSERT_EQ(0, bind(srv, reinterpret_cast<sockaddr*>(&a), sizeof a));
+  ASSERT_EQ(0, listen(srv, 1));
+  getsockname(srv, reinterpret_cast<sockaddr*>(&a), &len);
+  std::string route = "SYSLOG:tcp,127.0.0.1," + std::to_string(ntohs(a.sin_port));
+  ASSERT_ZAR_OK(svcRoute("WARNING:" + route));
+  warn("one");
+  warn("two");
+  EXPECT_EQ(0u, zar_svc_collector_flush(2000));
+  int conn = accept(srv, nullptr, nullptr);
+  ASSERT_ZAR_OK(svcRoute("WARNING:STDERR:"));  // the last route closes the link
+  std::string got;
+  char buf[4096];
+  for (ssize_t n; (n = read(conn, buf, sizeof buf)) > 0;) got.append(buf, n);
+  for (const char* text : {"one", "two"}) {
+    size_t sp = got.find(' ');
+    ASSERT_NE(std::string::npos, sp) << got;
+    size_t frame = std::stoul(got.substr(0, sp));
+    EXPECT_NE(std::string::npos, got.substr(sp + 1, frame).find(text)) << got;
+    EXPECT_EQ(0u, got.compare(sp + 1, 4, "<12>")) << got;
+    got.erase(0, sp + 1 + frame);
+  }
+  EXPECT_EQ("", got);
+  close(conn);
+  close(srv);
+}
+
+TEST_F(SvcCollect, BadWhereTextsFallBackToStandardError) {
+  for (const char* bad :
+       {"SYSLOG:tcp,127.0.0.1,70000", "SYSLOG:tcp,127.0.0.1,0",
+        "SYSLOG:udp,no-such-host.invalid,514", "SYSLOG:udp,127.0.0.1", "SYSLOG:ftp,x",
+        "SYSLOG:local9", "SYSLOG:unix,", "JOURNAL:tcp,h,1", "JOURNAL:local0"}) {
+    EXPECT_ZAR_STATUS(ZAR_S_SVC_ROUTE_OPEN_FAILED, svcRoute(std::string("WARNING:") + bad)) << bad;
+    CaptureFd err(2);
+    warn("fallback");
+    EXPECT_NE(std::string::npos, err.text().find("The fallback system")) << bad;
+  }
+}
+
+TEST_F(SvcCollect, QueueHoldsRecordsWhileTheCollectorIsAwayAndCountsTheRest) {
+  zar::test::ScopedEnv limit("SVC_COLLECTOR_QUEUE", "3");  // read at the first destination
+  TempDir dir;
+  std::string route = "SYSLOG:unix," + dir.file("later");
+  zar_svc_collector_counts c;
+  unsigned long st = 0;
+  zar_svc_collector_counts_get(route.c_str(), &c, &st);
+  EXPECT_ZAR_STATUS(ZAR_S_SVC_BAD_ROUTE, st);
+  ASSERT_ZAR_OK(svcRoute("WARNING:" + route));
+  {
+    CaptureFd err(2);
+    for (const char* text : {"q1", "q2", "q3", "q4", "q5"}) warn(text);
+    EXPECT_NE(std::string::npos, err.text().find(": 1 record(s) could not be delivered"))
+        << err.text();
+  }
+  zar_svc_collector_counts_get(route.c_str(), &c, &st);
+  EXPECT_EQ((std::vector<uint64_t>{0, 2, 3}), (std::vector<uint64_t>{c.sent, c.dropped, c.queued}));
+  // The collector comes: the queue goes to it in order within the flush's time.
+  Capture cap;
+  rename(cap.path.c_str(), dir.file("later").c_str());
+  EXPECT_EQ(0u, zar_svc_collector_flush(1000));
+  for (const char* text : {"The q1 ", "The q2 ", "The q3 "})
+    EXPECT_NE(std::string::npos, cap.next().find(text));
+  zar_svc_collector_counts_get(route.c_str(), &c, &st);
+  EXPECT_EQ((std::vector<uint64_t>{3, 2, 0}), (std::vector<uint64_t>{c.sent, c.dropped, c.queued}));
+  ASSERT_ZAR_OK(svcRoute("WARNING:STDERR:"));
+}
+
+TEST_F(SvcCollect, ApplicationTypeOfTheSameNameOnlyAfterRemovingTheLibrarys) {
+  Capture cap;
+  ASSERT_ZAR_OK(svcRoute("WARNING:SYSLOG:unix," + cap.path));
+  unsigned long st = 0;
+  zar_svc_add_route(
+      "SYSLOG", nullptr, [](const char*, const char*, void*, void**, int32_t* ok) { *ok = 1; },
+      [](void*, void*, zar_svc_prolog*, va_list) { ADD_FAILURE() << "second SYSLOG printed"; },
+      nullptr, &st);
+  ASSERT_ZAR_OK(st);  // the first registration stays
+  warn("lib");
+  EXPECT_NE(std::string::npos, cap.next().find("The lib "));
+  zar_svc_remove_route("SYSLOG", &st);
+  ASSERT_ZAR_OK(st);
+  zar::test::CaptureRoute mine("SYSLOG");
+  EXPECT_EQ(std::vector<std::string>{"unix," + cap.path}, mine.opens);
+  warn("app");
+  ASSERT_EQ(1u, mine.records.size());
+  ASSERT_ZAR_OK(svcRoute("WARNING:STDERR:"));
+}
+
+}  // namespace

@@ -18,3 +18,7 @@ target_compile_definitions(svc_bench PRIVATE ZAR_BENCH_NLS_DIR="${ZAR_NLS_BUILD_
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(INIH REQUIRED IMPORTED_TARGET inih)
 target_link_libraries(stanza_bench PRIVATE PkgConfig::INIH)
+# Collectors: glibc syslog(3) and spdlog's syslog sink for SYSLOG records,
+# libsystemd's sd_journal_send for JOURNAL records.
+pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
+target_link_libraries(collect_bench PRIVATE PkgConfig::SYSTEMD spdlog::spdlog)

@@ -25,8 +25,9 @@ pthread_once_t gAssertOnce = PTHREAD_ONCE_INIT;
 
 void registerAssertComponent() {
   unsigned long st = 0;
-  gAssertHandle = zar::svc::heldByThisThread() ? zar::svc::registerLocked(gAssertTable, "dce", &st)
-                                               : zar_svc_register(gAssertTable, "dce", &st);
+  gAssertHandle = zar::svc::heldByThisThread()
+                      ? zar::svc::registerLocked(gAssertTable, "dce", &st)
+                      : zar_svc_register(gAssertTable, "dce", &st);
 }
 
 }  // namespace

@@ -37,14 +37,14 @@ constexpr const char* kNope = "?NOPE?";
 struct zar_msg_cat_s {
   uint32_t base;
   uint32_t mask;
-  nl_catd sysCat;            // system catalog, or (nl_catd)-1
-  nlz_cat_t cat;             // catalog of the internationalisation layer, or null
-  char* locale;              // locale name it was opened for; null: the thread's current
-  char* name;                // file name that was opened
-  nlz_cs_t sysCs;            // code set of a system catalog's texts (shared handle)
-  std::atomic<int> refs;     // the cache's reference plus one per reader
+  nl_catd sysCat;           // system catalog, or (nl_catd)-1
+  nlz_cat_t cat;            // catalog of the internationalisation layer, or null
+  char* locale;             // locale name it was opened for; null: the thread's current
+  char* name;               // file name that was opened
+  nlz_cs_t sysCs;           // code set of a system catalog's texts (shared handle)
+  std::atomic<int> refs;    // the cache's reference plus one per reader
   std::atomic<bool> pinned;  // a text escaped without a handle: never freed
-  zar_msg_cat_s* nextKept;   // on the kept list once evicted while pinned
+  zar_msg_cat_s* nextKept;  // on the kept list once evicted while pinned
 };
 
 namespace {
@@ -113,8 +113,8 @@ void debugLines(const char* name, uint32_t status) {
 
 // Copies a text out of an entry while the catalog lock is held.
 struct Reader {
-  nlz_cs_t cs;  // code set wanted (null: as it is)
-  char* text;   // the copy, or null
+  nlz_cs_t cs;      // code set wanted (null: as it is)
+  char* text;       // the copy, or null
 };
 char* copyText(zar_msg_cat_s* e, uint32_t code, nlz_cs_t cs, unsigned long* status);
 
@@ -232,8 +232,8 @@ zar_msg_cat_s* openCatalog(uint32_t code, const char* locale, int flags, unsigne
       break;
     }
     if (result == nullptr) {
-      result = openIntoRow(row, code, locale, flags, reader == nullptr ? 2 : 1, &openSt, debugName,
-                           sizeof debugName);
+      result = openIntoRow(row, code, locale, flags, reader == nullptr ? 2 : 1, &openSt,
+                           debugName, sizeof debugName);
       st = openSt;
     } else if (zar::msg::debugCatalogs()) {
       snprintf(debugName, sizeof debugName, "%s", result->name);
@@ -278,8 +278,7 @@ char* copyText(zar_msg_cat_s* e, uint32_t code, nlz_cs_t cs, unsigned long* stat
       zar::mem::Unique<char> mid(static_cast<char*>(zar::mem::alloc(static_cast<size_t>(room))));
       converted = static_cast<char*>(zar::mem::alloc(static_cast<size_t>(room)));
       int n = (mid == nullptr || converted == nullptr)
-                  ? -1
-                  : nlz_to_utf8(e->sysCs, t, static_cast<int>(len), mid.get(), room);
+                  ? -1 : nlz_to_utf8(e->sysCs, t, static_cast<int>(len), mid.get(), room);
       if (n >= 0) n = nlz_from_utf8(cs, mid.get(), n, converted, room - 1);
       if (n < 0) {
         zar::mem::free(converted);

@@ -29,7 +29,7 @@ constexpr char kComponentAlphabet[] = "abcdefghijklmnopqrstuvwxyz_0123456789-+@"
 constexpr const char* kUnknownFormat = "Unknown message number 0x%8.8lx";
 
 pthread_once_t gOnce = PTHREAD_ONCE_INIT;
-bool gSetup = false;         // written once inside gOnce
+bool gSetup = false;       // written once inside gOnce
 void* gLastBlock = nullptr;  // newest table array block; guarded by zar_msg_g_mutex
 
 }  // namespace
@@ -49,12 +49,8 @@ void zar_msg__init_mutex(void) {
   zar::msg::gReady.store(true, std::memory_order_release);
 }
 
-void zar_msg__cleanup_mutex(void) {
-  pthread_mutex_unlock(&zar_msg_g_mutex);
-}
-void zar_msg__cleanup_cat_mutex(void) {
-  pthread_mutex_unlock(&zar_msgcat_g_mutex);
-}
+void zar_msg__cleanup_mutex(void) { pthread_mutex_unlock(&zar_msg_g_mutex); }
+void zar_msg__cleanup_cat_mutex(void) { pthread_mutex_unlock(&zar_msgcat_g_mutex); }
 
 bool zar::msg::ensureInitSlow() {
   pthread_once(&gOnce, zar_msg__init_mutex);
@@ -100,22 +96,12 @@ void formatCut(char* out, zar_codeset_t cs, const char* fmt, const char* a, cons
 
 void zar_msg__inq_tech(uint32_t code, char tag[4]) {
   switch (code >> 28) {
-    case 1:
-      strcpy(tag, "dce");
-      break;
-    case 2:
-      strcpy(tag, "dfs");
-      break;
-    case 3:
-      strcpy(tag, "kp");
-      break;
+    case 1: strcpy(tag, "dce"); break;
+    case 2: strcpy(tag, "dfs"); break;
+    case 3: strcpy(tag, "kp"); break;
     case 4:
-    case 5:
-      tag[0] = '\0';
-      break;
-    default:
-      strcpy(tag, "???");
-      break;
+    case 5: tag[0] = '\0'; break;
+    default: strcpy(tag, "???"); break;
   }
 }
 
@@ -128,7 +114,8 @@ void zar_msg__inq_comp(uint32_t code, char name[4]) {
   name[3] = '\0';
 }
 
-void zar_msg_define_msg_table(const zar_msg_entry* entries, uint32_t count, unsigned long* status) {
+void zar_msg_define_msg_table(const zar_msg_entry* entries, uint32_t count,
+                              unsigned long* status) {
   if (!zar::msg::ensureInit()) {
     zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
     return;
@@ -140,8 +127,7 @@ void zar_msg_define_msg_table(const zar_msg_entry* entries, uint32_t count, unsi
   zar::MutexLock lock(&zar_msg_g_mutex);
   // Each array starts with a link to the one it replaces, so that replaced
   // arrays stay reachable (they are never freed; see below).
-  void* block =
-      zar::mem::allocZero(1, sizeof(void*) + (zar_msg_g_table_size + 1) * sizeof(zar_msg_table));
+  void* block = zar::mem::allocZero(1, sizeof(void*) + (zar_msg_g_table_size + 1) * sizeof(zar_msg_table));
   if (block == nullptr) {
     zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
     return;

@@ -42,12 +42,11 @@ class LevelTeller {
   // Mutex held. Takes the callbacks of the moment; false when memory is short.
   bool snapshotCallbacks() {
     if (!collect_ || gSvc.nCallbacks == 0) return true;
-    callbacks_ =
-        static_cast<zar_svc_level_fn*>(mem::alloc(gSvc.nCallbacks * sizeof(zar_svc_level_fn)));
+    callbacks_ = static_cast<zar_svc_level_fn*>(
+        mem::alloc(gSvc.nCallbacks * sizeof(zar_svc_level_fn)));
     if (callbacks_ == nullptr) return false;
     for (uint32_t i = 0; i < gSvc.nCallbacks; ++i) {
-      if (gSvc.callbacks[i].onLevel != nullptr)
-        callbacks_[nCallbacks_++] = gSvc.callbacks[i].onLevel;
+      if (gSvc.callbacks[i].onLevel != nullptr) callbacks_[nCallbacks_++] = gSvc.callbacks[i].onLevel;
     }
     return true;
   }
@@ -104,8 +103,8 @@ int readLevel(const char* text) {
 
 // Mutex held. Sets one entry's level and tells it; false when memory is
 // short for the note (nothing is set then).
-bool setLevel(zar_svc_handle handle, zar_svc_subcomp* entry, uint32_t level, LevelTeller* teller,
-              bool callbacks) {
+bool setLevel(zar_svc_handle handle, zar_svc_subcomp* entry, uint32_t level,
+              LevelTeller* teller, bool callbacks) {
   if (callbacks && !teller->reserve()) return false;
   entry->level = (entry->level & kKeptLevelBits) | level;
   if (callbacks) teller->levelSet(handle->component, *entry, level);

@@ -61,8 +61,8 @@ void debugCall(const DebugCall& call, va_list args) {
   zar_svc_record record;
   record.utf8Source = call.utf8;
   record.dynamicGetsArgs = call.dynamicGetsArgs;
-  writeRoutes(&record, &call.handle->debug_routes, debugFillProlog, const_cast<DebugCall*>(&call),
-              args);
+  writeRoutes(&record, &call.handle->debug_routes, debugFillProlog,
+              const_cast<DebugCall*>(&call), args);
 }
 
 }  // namespace

@@ -44,7 +44,8 @@ DynRouteState gDyn;
 svc_dyn_route* newType(const char* name, void* arg, zar_svc_route_open_fn open,
                        zar_svc_route_print_fn print, zar_svc_route_close_fn close) {
   size_t nameLen = strlen(name);
-  auto type = static_cast<svc_dyn_route*>(mem::allocZero(1, sizeof(svc_dyn_route) + nameLen + 1));
+  auto type =
+      static_cast<svc_dyn_route*>(mem::allocZero(1, sizeof(svc_dyn_route) + nameLen + 1));
   if (type == nullptr) return nullptr;
   char* text = reinterpret_cast<char*>(type + 1);
   memcpy(text, name, nameLen + 1);
@@ -106,9 +107,7 @@ class DynLock {
   bool held_;
 };
 
-void wakeAll() {
-  pthread_cond_broadcast(&gDyn.cond);
-}
+void wakeAll() { pthread_cond_broadcast(&gDyn.cond); }
 
 // Runs fn when the scope ends, also when the thread is cancelled inside it,
 // unless disarmed first.
@@ -275,7 +274,8 @@ void zar__svc_dyn_route_print(svc_dyn_route* type, void* routeData, zar_svc_prol
   va_end(copy);
 }
 
-void zar__svc_dyn_route_print2(svc_dyn_route* type, void* routeData, zar_svc_prolog* prolog, ...) {
+void zar__svc_dyn_route_print2(svc_dyn_route* type, void* routeData, zar_svc_prolog* prolog,
+                               ...) {
   va_list args;
   va_start(args, prolog);
   zar__svc_dyn_route_print(type, routeData, prolog, args);
@@ -395,7 +395,8 @@ ZAR_API void zar_svc_remove_route(const char* name, unsigned long* status) {
       type->removed = 1;
       {
         zar::CancelDisabled noCancel;
-        while (type->opening || type->printing || type->closing || type->openWaiting) lock.wait();
+        while (type->opening || type->printing || type->closing || type->openWaiting)
+          lock.wait();
       }
       for (uint32_t i = 0; i < gDyn.count; ++i) {
         if (gDyn.types[i] != type) continue;

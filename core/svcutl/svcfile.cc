@@ -144,7 +144,8 @@ void forkChild() {
     auto record = static_cast<svc_file_route*>(route->target);
     if (record == nullptr || record->nameFormat == nullptr) return;
     char name[kMaxRouteText + 1];
-    if (!expandFileName(record->nameFormat, gSvc.pid.load(std::memory_order_relaxed), name)) return;
+    if (!expandFileName(record->nameFormat, gSvc.pid.load(std::memory_order_relaxed), name))
+      return;
     if (strcmp(name, record->name) == 0) return;
     char* copy = mem::strDup(name);
     if (copy == nullptr) return;  // keeps writing the inherited file

@@ -37,29 +37,21 @@ char* messageTextUtf8(uint32_t msgid) {
   return text;
 }
 
-nlz_cs_t localCodePage() {
-  return tReporting ? nullptr : zarsvc_get_local_code_page();
-}
+nlz_cs_t localCodePage() { return tReporting ? nullptr : zarsvc_get_local_code_page(); }
 
-nlz_cs_t utf8CodeSet() {
-  return zarsvc_get_utf8_code_page();
-}
+nlz_cs_t utf8CodeSet() { return zarsvc_get_utf8_code_page(); }
 
-void techTag(uint32_t code, char tag[4]) {
-  zar_msg__inq_tech(code, tag);
-}
+void techTag(uint32_t code, char tag[4]) { zar_msg__inq_tech(code, tag); }
 
-void componentName(uint32_t code, char name[4]) {
-  zar_msg__inq_comp(code, name);
-}
+void componentName(uint32_t code, char name[4]) { zar_msg__inq_comp(code, name); }
 
 void reportSystemRoutineFailure(const char* routine, int code) {
   // Inside a print call (the mutex is held, a record may be half written), in
   // a report already, or before the client component exists, the record goes
   // to standard error on the raw path instead.
   if (tReporting || heldByThisThread() || zarsv_client_svc_handle == nullptr) {
-    rawLog("%s: XKJSC0156E   The %s system routine failed: system error code: %d\n", kNlsRecordFile,
-           routine, code);
+    rawLog("%s: XKJSC0156E   The %s system routine failed: system error code: %d\n",
+           kNlsRecordFile, routine, code);
     return;
   }
   struct Reporting {

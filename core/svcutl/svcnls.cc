@@ -27,16 +27,16 @@ namespace {
 // codePageOnce. utf8 handles are published under utf8Mu and never freed.
 struct NlsState {
   pthread_once_t localeOnce = PTHREAD_ONCE_INIT;
-  char localeName[512] = "";          // written in localeOnce only
+  char localeName[512] = "";        // written in localeOnce only
   nlz_loc_t processLocale = nullptr;  // written in localeOnce only
-  pthread_key_t localeKey;            // thread's nlz_loc_t
-  bool localeKeyMade = false;         // written in localeOnce only
+  pthread_key_t localeKey;          // thread's nlz_loc_t
+  bool localeKeyMade = false;       // written in localeOnce only
 
   pthread_once_t codePageOnce = PTHREAD_ONCE_INIT;
-  char codePageName[32] = "";          // written in codePageOnce only; "" when unknown
+  char codePageName[32] = "";       // written in codePageOnce only; "" when unknown
   nlz_cs_t processCodePage = nullptr;  // written in codePageOnce only
-  pthread_key_t codePageKey;           // thread's CodePageCell
-  bool codePageKeyMade = false;        // written in codePageOnce only
+  pthread_key_t codePageKey;        // thread's CodePageCell
+  bool codePageKeyMade = false;     // written in codePageOnce only
 
   pthread_mutex_t utf8Mu = PTHREAD_MUTEX_INITIALIZER;
   std::atomic<bool> utf8Done{false};  // set under utf8Mu once the handle exists
@@ -69,9 +69,7 @@ struct CodePageCell {
   nlz_cs_t cs;
 };
 
-void freeLocale(void* p) {
-  nlz_loc_free(static_cast<nlz_loc_t>(p));
-}
+void freeLocale(void* p) { nlz_loc_free(static_cast<nlz_loc_t>(p)); }
 
 void freeCodePageCell(void* p) {
   CodePageCell* cell = static_cast<CodePageCell*>(p);
@@ -118,9 +116,7 @@ void initCodePage() {
 
 using zar::svc::gNls;
 
-const char* zarsvc_get_locale_name(void) {
-  return gNls.localeName;
-}
+const char* zarsvc_get_locale_name(void) { return gNls.localeName; }
 
 zar_locale_t zarsvc_get_locale(void) {
   pthread_once(&gNls.localeOnce, zar::svc::initLocale);

@@ -33,9 +33,7 @@ constexpr size_t kSprintfBuffer = 8192;
 // writes to those, and it leaves nothing in their stdio buffers, so a record
 // goes straight to the file's descriptor; the standard streams, which the
 // program writes too, are written through stdio.
-bool isLogFile(FILE* stream) {
-  return stream != stdout && stream != stderr;
-}
+bool isLogFile(FILE* stream) { return stream != stdout && stream != stderr; }
 
 // Set when a write of the record being printed to a log file failed, so
 // that the route walk can mark the file (svc_file_route::cutShort).
@@ -80,8 +78,8 @@ char* putDec(char* w, long long v) {
   char tmp[24];
   char* end = tmp + sizeof tmp;
   char* p = end;
-  unsigned long long u =
-      v < 0 ? 0ULL - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
+  unsigned long long u = v < 0 ? 0ULL - static_cast<unsigned long long>(v)
+                               : static_cast<unsigned long long>(v);
   do {
     *--p = static_cast<char>('0' + u % 10);
     u /= 10;
@@ -224,8 +222,7 @@ char* localSprintf(nlz_cs_t cs, const char* fmt, int32_t* length, va_list args) 
     text = static_cast<char*>(mem::alloc(static_cast<size_t>(n) + 1));
     if (text != nullptr && static_cast<size_t>(n) < sizeof stackBuf) {
       memcpy(text, stackBuf, static_cast<size_t>(n) + 1);
-    } else if (text != nullptr &&
-               zar_vsnprintf_render(&ctx, text, static_cast<size_t>(n) + 1) != n) {
+    } else if (text != nullptr && zar_vsnprintf_render(&ctx, text, static_cast<size_t>(n) + 1) != n) {
       mem::free(text);
       text = nullptr;
     }
@@ -275,7 +272,8 @@ const char* convertedText(zar_svc_record* record, va_list args) {
     fetchCodeSets(record);
     if (record->text != nullptr) {
       record->converted = localConvert(record->sourceCs, record->otherCs, record->utf8Source,
-                                       record->textLength, record->text, &record->convertedLength);
+                                       record->textLength, record->text,
+                                       &record->convertedLength);
     } else if (record->prolog.format != nullptr) {
       int32_t length = 0;
       mem::Unique<char> formatted(
@@ -346,9 +344,7 @@ size_t utf8Cut(const char* text, size_t length, size_t limit) {
   return n;
 }
 
-bool isDebug(const zar_svc_prolog& p) {
-  return (p.attributes & svc_c_debug_mask) != 0;
-}
+bool isDebug(const zar_svc_prolog& p) { return (p.attributes & svc_c_debug_mask) != 0; }
 
 // ---- XML heads --------------------------------------------------------------------
 
@@ -358,8 +354,7 @@ bool isDebug(const zar_svc_prolog& p) {
 void putLocalAsUtf8(OutBuf& out, nlz_cs_t local, const char* text, size_t width, bool left,
                     long precision) {
   size_t length = strlen(text);
-  if (precision >= 0 && static_cast<size_t>(precision) < length)
-    length = static_cast<size_t>(precision);
+  if (precision >= 0 && static_cast<size_t>(precision) < length) length = static_cast<size_t>(precision);
   mem::Unique<char> buf(static_cast<char*>(mem::alloc(kParamTextLimit)));
   if (!buf) return;
   int n = nlz_to_utf8(local, text, static_cast<int>(length), buf.get(), kParamTextLimit);
@@ -443,8 +438,7 @@ void putNumber(OutBuf& out, const ParamFormat& pf, const char* conv, T value) {
   char buf[600];
   int len = snprintf(buf, sizeof buf, fmt, static_cast<int>(pf.width < 0 ? 0 : pf.width),
                      static_cast<int>(pf.precision), value);
-  if (len > 0)
-    out.put(buf, static_cast<size_t>(len) < sizeof buf ? static_cast<size_t>(len) : sizeof buf - 1);
+  if (len > 0) out.put(buf, static_cast<size_t>(len) < sizeof buf ? static_cast<size_t>(len) : sizeof buf - 1);
 }
 
 // One Param line per conversion of the message text, with its argument taken
@@ -628,9 +622,8 @@ void putXmlHead(OutBuf& out, zar_svc_record* record, bool convertStrings, va_lis
     putTimeElements(out, record);
     putComponent(out, p, sub);
     putSourceProcessThread(out, p);
-    out.put(
-        " <LogAttribs><KeyName><![CDATA[Numeric Trace Level]]></KeyName> "
-        "<Value><![CDATA[");
+    out.put(" <LogAttribs><KeyName><![CDATA[Numeric Trace Level]]></KeyName> "
+            "<Value><![CDATA[");
     out.dec(level);
     out.put("]]></Value></LogAttribs>\n <LogText><![CDATA[");
     return;
@@ -672,12 +665,9 @@ void printPrefix(OutBuf& out, zar_svc_record* record, int newline, bool convertS
   // "TIME 0xID PROGRAM SEVERITY COMPONENT SUB FILE LINE 0xTHREAD" or, for a
   // debug record, "TIME PROGRAM DEBUGn COMPONENT SUB FILE LINE 0xTHREAD".
   const zar_svc_prolog& p = record->prolog;
-  const char* text[6] = {timeText(record),
-                         p.progname,
+  const char* text[6] = {timeText(record), p.progname,
                          isDebug(p) ? "DEBUG" : kCodeTable[severityIndex(p.attributes)],
-                         p.handle->component,
-                         p.handle->table[p.table_index].name,
-                         p.file};
+                         p.handle->component, p.handle->table[p.table_index].name, p.file};
   size_t len[6];
   size_t total = 64;  // blanks, id, level, line, thread, separator
   for (int i = 0; i < 6; ++i) total += len[i] = strlen(text[i]);
@@ -747,8 +737,16 @@ void writeDynamic(zar_svc_record* record, svc_route* route, va_list args) {
     zar__svc_dyn_route_print(type, route->routeData, &record->prolog, args);
     return;
   }
-  const char* text =
-      record->saved && record->utf8Source ? record->text : convertedText(record, args);
+  const char* text = record->saved && record->utf8Source ? record->text
+                                                          : convertedText(record, args);
+  mem::Unique<char> raw;
+  if (text == nullptr && !record->saved && record->prolog.format != nullptr) {
+    // A text its code set cannot convert (invalid bytes) goes as it is, for
+    // the type to repair, rather than as nothing.
+    int32_t length = 0;
+    raw.reset(localSprintf(record->sourceCs, record->prolog.format, &length, args));
+    text = raw.get();
+  }
   FormatSwap swap(&record->prolog);
   zar__svc_dyn_route_print2(type, route->routeData, &record->prolog, text != nullptr ? text : "");
 }
@@ -853,9 +851,9 @@ void writeRoutes(zar_svc_record* record, svc_route_list* list, PrologBuilder bui
   }
 }
 
-void buildProlog(zar_svc_record* record, zar_svc_handle handle, zar_codeset_t cs, const char* file,
-                 int line, const char* argtypes, uint32_t subcomp, uint32_t attributes,
-                 uint32_t msgid) {
+void buildProlog(zar_svc_record* record, zar_svc_handle handle, zar_codeset_t cs,
+                 const char* file, int line, const char* argtypes, uint32_t subcomp,
+                 uint32_t attributes, uint32_t msgid) {
   zar_svc_prolog& p = record->prolog;
   record->utf8Source = cs != nullptr;
   // A UTF-8 message reaches route types with its own format and arguments.
@@ -1033,8 +1031,8 @@ struct SeverityCall {
 
 void buildSeverityProlog(zar_svc_record* record, void* context) {
   auto* c = static_cast<const SeverityCall*>(context);
-  buildProlog(record, c->handle, c->cs, c->file, c->line, c->argtypes, c->subcomp, c->attributes,
-              c->msgid);
+  buildProlog(record, c->handle, c->cs, c->file, c->line, c->argtypes, c->subcomp,
+              c->attributes, c->msgid);
 }
 
 // A word with a debug level 1 to 9, or none and a severity 1 to 5.
@@ -1112,29 +1110,31 @@ void printHeld(zar_svc_handle handle, const char* file, int line, const char* ar
 extern "C" {
 
 ZAR_API void zar_svc_vprintf_withfile(zar_svc_handle handle, const char* file, int line,
-                                      const char* argtypes, uint32_t subcomp, uint32_t attributes,
-                                      uint32_t msgid, va_list args) {
+                                      const char* argtypes, uint32_t subcomp,
+                                      uint32_t attributes, uint32_t msgid, va_list args) {
   zar::svc::printCall({handle, nullptr, file, line, argtypes, subcomp, attributes, msgid}, args);
 }
 
 ZAR_API void zar_svc_printf_withfile(zar_svc_handle handle, const char* file, int line,
-                                     const char* argtypes, uint32_t subcomp, uint32_t attributes,
-                                     uint32_t msgid, ...) {
+                                     const char* argtypes, uint32_t subcomp,
+                                     uint32_t attributes, uint32_t msgid, ...) {
   va_list args;
   va_start(args, msgid);
   zar::svc::printCall({handle, nullptr, file, line, argtypes, subcomp, attributes, msgid}, args);
   va_end(args);
 }
 
-ZAR_API void zar_svc_vprintf_cs_withfile(zar_svc_handle handle, zar_codeset_t cs, const char* file,
-                                         int line, const char* argtypes, uint32_t subcomp,
-                                         uint32_t attributes, uint32_t msgid, va_list args) {
+ZAR_API void zar_svc_vprintf_cs_withfile(zar_svc_handle handle, zar_codeset_t cs,
+                                         const char* file, int line, const char* argtypes,
+                                         uint32_t subcomp, uint32_t attributes, uint32_t msgid,
+                                         va_list args) {
   zar::svc::printCall({handle, cs, file, line, argtypes, subcomp, attributes, msgid}, args);
 }
 
-ZAR_API void zar_svc_printf_cs_withfile(zar_svc_handle handle, zar_codeset_t cs, const char* file,
-                                        int line, const char* argtypes, uint32_t subcomp,
-                                        uint32_t attributes, uint32_t msgid, ...) {
+ZAR_API void zar_svc_printf_cs_withfile(zar_svc_handle handle, zar_codeset_t cs,
+                                        const char* file, int line, const char* argtypes,
+                                        uint32_t subcomp, uint32_t attributes, uint32_t msgid,
+                                        ...) {
   va_list args;
   va_start(args, msgid);
   zar::svc::printCall({handle, cs, file, line, argtypes, subcomp, attributes, msgid}, args);

@@ -76,9 +76,7 @@ SvcLock::SvcLock() {
   gSvc.owner.store(pthread_self(), std::memory_order_relaxed);
 }
 
-SvcLock::~SvcLock() {
-  zar_svc__cleanup_mutex();
-}
+SvcLock::~SvcLock() { zar_svc__cleanup_mutex(); }
 
 zar_svc_handle registerLocked(zar_svc_subcomp* table, const char* component,
                               unsigned long* status) {
@@ -275,9 +273,7 @@ ZAR_API void zar_svc_set_progname(const char* name, unsigned long* status) {
   setStatus(status, 0);
 }
 
-ZAR_API const char* zar_svc_get_progname(void) {
-  return gSvc.progname;
-}
+ZAR_API const char* zar_svc_get_progname(void) { return gSvc.progname; }
 
 ZAR_API const char* zar_svc_inq_sev_name(uint32_t attributes) {
   uint32_t level = attributes & svc_c_debug_mask;

@@ -32,7 +32,7 @@ struct KindWord {
   int32_t kind;
 };
 constexpr KindWord kStreamKinds[] = {
-    {"STDOUT", kRouteStdout},       {"STDERR", kRouteStderr},   {"XMLSTDOUT", kRouteXmlStdout},
+    {"STDOUT", kRouteStdout},       {"STDERR", kRouteStderr}, {"XMLSTDOUT", kRouteXmlStdout},
     {"XMLSTDERR", kRouteXmlStderr}, {"DISCARD", kRouteDiscard},
 };
 constexpr KindWord kFileKinds[] = {

@@ -17,8 +17,8 @@ namespace zar::svc {
 // Invariants: text and file are owned; prolog.format is null (the
 // arguments are gone) and prolog.file is file.
 struct SavedMsg {
-  SavedMsg* next;   // the next newer message
-  bool utf8Source;  // text is UTF-8, else in the local code set
+  SavedMsg* next;         // the next newer message
+  bool utf8Source;        // text is UTF-8, else in the local code set
   int32_t textLength;
   char* text;             // the message formatted in its source code set, or null
   char* file;             // copy of the saving call's file name

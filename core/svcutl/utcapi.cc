@@ -30,8 +30,8 @@ int64_t floorDiv(int64_t a, int64_t b) {
 
 // t + tdf seconds, with two's-complement wrap-around instead of overflow.
 int64_t addSeconds(uint64_t time100, long tdf) {
-  uint64_t shift =
-      static_cast<uint64_t>(static_cast<int64_t>(tdf)) * static_cast<uint64_t>(kIntervalsPerSecond);
+  uint64_t shift = static_cast<uint64_t>(static_cast<int64_t>(tdf)) *
+                   static_cast<uint64_t>(kIntervalsPerSecond);
   return static_cast<int64_t>(time100 + shift);
 }
 
@@ -310,19 +310,18 @@ int formatUtc(char* cp, size_t len, const utc_t* utc, bool withOffset) {
 
 extern "C" {
 
-const int64_t FracCvtArray[10] = {0,      100'000'000, 10'000'000, 1'000'000, 100'000,
-                                  10'000, 1'000,       100,        10,        1};
+const int64_t FracCvtArray[10] = {
+    0, 100'000'000, 10'000'000, 1'000'000, 100'000, 10'000, 1'000, 100, 10, 1};
 
-ZAR_API int zar_utc_mkbintime(utc_t* utc, const struct timespec* time, const struct timespec* inacc,
-                              long tdf) {
+ZAR_API int zar_utc_mkbintime(utc_t* utc, const struct timespec* time,
+                              const struct timespec* inacc, long tdf) {
   if (time == nullptr) {
     ZAR_ASSERT(nullptr, utc != NULL, kRecordName);
     return -1;
   }
   // 128-bit arithmetic: any tv_sec gives a defined (wrapped) count.
   __int128 t = static_cast<__int128>(time->tv_sec) * kIntervalsPerSecond +
-               static_cast<__int128>(kUnixEpoch100) +
-               (static_cast<__int128>(time->tv_nsec) + 50) / 100;
+               static_cast<__int128>(kUnixEpoch100) + (static_cast<__int128>(time->tv_nsec) + 50) / 100;
   uint64_t inacc100 = kInfiniteInacc;
   if (inacc != nullptr && inacc->tv_sec >= 0) {
     __int128 i = static_cast<__int128>(inacc->tv_sec) * kIntervalsPerSecond +
@@ -344,9 +343,7 @@ ZAR_API int zar_utc_gettime_noshm(utc_t* utc) {
   return 0;
 }
 
-ZAR_API int zar_utc_gettime(utc_t* utc) {
-  return zar_utc_gettime_noshm(utc);
-}
+ZAR_API int zar_utc_gettime(utc_t* utc) { return zar_utc_gettime_noshm(utc); }
 
 ZAR_API int zar_utc_bintime(struct timespec* time, struct timespec* inacc, long* tdf,
                             const utc_t* utc) {
@@ -379,8 +376,8 @@ ZAR_API int zar_utc_bintime(struct timespec* time, struct timespec* inacc, long*
   return (sec >= 0 && sec <= 4'294'967'295LL) ? 0 : -1;
 }
 
-ZAR_API int zar_utc_anytime(struct tm* timetm, long* tns, struct tm* inacctm, long* ins, long* tdf,
-                            const utc_t* utc) {
+ZAR_API int zar_utc_anytime(struct tm* timetm, long* tns, struct tm* inacctm, long* ins,
+                            long* tdf, const utc_t* utc) {
   return splitAll(timetm, tns, inacctm, ins, tdf, utc, false);
 }
 
@@ -414,8 +411,6 @@ ZAR_API int zar_gettimeofday_tz(struct timeval* tv, struct timezone* tz) {
   return gettimeofday(tv, tz);
 }
 
-ZAR_API int zar_gettimeofday(struct timeval* tv) {
-  return zar_gettimeofday_tz(tv, nullptr);
-}
+ZAR_API int zar_gettimeofday(struct timeval* tv) { return zar_gettimeofday_tz(tv, nullptr); }
 
 }  // extern "C"

@@ -33,13 +33,9 @@ constexpr int kYearLengths[2] = {365, 366};
 constexpr int64_t kSecsPerDay = 86'400;
 constexpr size_t kHeaderLen = 44;
 
-int isLeap(int64_t y) {
-  return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0 ? 1 : 0;
-}
+int isLeap(int64_t y) { return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0 ? 1 : 0; }
 
-bool isDigit(char c) {
-  return c >= '0' && c <= '9';
-}
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
 // A four-byte big-endian value of a zone file, as a signed 32-bit number.
 int32_t detzcode(const unsigned char* p) {
@@ -123,9 +119,9 @@ const char* getoffset(const char* p, long* offset) {
 
 struct Rule {
   enum Kind { kJulian, kDayOfYear, kMonthWeekDay } kind;
-  int day;    // Jn: 1-365; n: 0-365; Mm.w.d: d, 0-6 (Sunday 0)
-  int week;   // 1-5, 5 the last
-  int mon;    // 1-12
+  int day;   // Jn: 1-365; n: 0-365; Mm.w.d: d, 0-6 (Sunday 0)
+  int week;  // 1-5, 5 the last
+  int mon;   // 1-12
   long time;  // seconds after local midnight
 };
 
@@ -260,8 +256,9 @@ int tzloadBuffer(ZoneData* sp, const unsigned char* buf, size_t len) {
   const int64_t timecnt = detzcode(buf + 32);
   const int64_t typecnt = detzcode(buf + 36);
   const int64_t charcnt = detzcode(buf + 40);
-  if (typecnt < 1 || typecnt > kMaxTypes || timecnt < 0 || timecnt > kMaxTimes || charcnt < 0 ||
-      charcnt > kMaxChars - 1 || (stdcnt != 0 && stdcnt != typecnt) || leapcnt < 0) {
+  if (typecnt < 1 || typecnt > kMaxTypes || timecnt < 0 || timecnt > kMaxTimes ||
+      charcnt < 0 || charcnt > kMaxChars - 1 || (stdcnt != 0 && stdcnt != typecnt) ||
+      leapcnt < 0) {
     return -1;
   }
   // Leap-second records (two four-byte values each) sit between the
@@ -463,10 +460,10 @@ namespace {
 // otherwise data is the default zone and prevTz is null.
 struct ZoneState {
   pthread_mutex_t mu;
-  ZoneData data;  // guarded by mu
-  char* prevTz;   // guarded by mu
-  bool fromTz;    // guarded by mu
-  bool lclIsSet;  // guarded by mu
+  ZoneData data;   // guarded by mu
+  char* prevTz;    // guarded by mu
+  bool fromTz;     // guarded by mu
+  bool lclIsSet;   // guarded by mu
 };
 
 ZoneState gZone = {PTHREAD_MUTEX_INITIALIZER, {}, nullptr, false, false};
@@ -486,9 +483,7 @@ void forkChild() {
   gZone.lclIsSet = false;
 }
 
-void registerForkHandler() {
-  pthread_atfork(nullptr, nullptr, forkChild);
-}
+void registerForkHandler() { pthread_atfork(nullptr, nullptr, forkChild); }
 
 void loadDefaultZone(ZoneData* sp) {
   if (tzload(sp, nullptr) == 0) return;
@@ -551,7 +546,8 @@ using namespace zar::utc;  // NOLINT(google-build-using-namespace): entry points
 
 extern "C" {
 
-ZAR_API int zar_utc_localzone(char* tzname, size_t len, long* tdf, int* isdst, const utc_t* utc) {
+ZAR_API int zar_utc_localzone(char* tzname, size_t len, long* tdf, int* isdst,
+                              const utc_t* utc) {
   uint64_t time100;
   if (comptime(&time100, nullptr, nullptr, utc) != 0) {
     if (tdf != nullptr) *tdf = 0;

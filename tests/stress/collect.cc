@@ -255,6 +255,8 @@ void loadScenario(Run& run, const std::string& transport) {
   if (!run.passed()) return;
   int procs = run.size("processes", 4, 8), threads = run.size("threads", 4, 8);
   long per = run.size("per_thread", 5000, 50000);
+  // A queue that holds a process's burst: the collectors' pace decides.
+  setenv("SVC_COLLECTOR_QUEUE", std::to_string(run.size("queue", 25000, 250000)).c_str(), 1);
   initServiceability();
   if (route(where) != 0) run.fail("routing " + where);
   double t0 = now();

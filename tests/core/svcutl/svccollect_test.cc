@@ -1,10 +1,8 @@
 // The collector route types on capture sockets: structured data escaped,
-// invalid UTF-8 replaced, TCP framing, the journal's binary fields and its
+// invalid UTF-8 replaced, the journal's binary fields and its
 // sealed memory files, bad where texts, the queue while a collector is away,
 // and what an application registering the same name gets. The fields as real
 // collectors parse them: tests/scripts/collectors.sh.
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -113,38 +111,6 @@ TEST_F(SvcCollect, RecordsOnCaptureSockets) {
   }
   ASSERT_ZAR_OK(svcRoute("*:STDERR:"));
   zar_svc_unregister(odd, &st);
-}
-
-TEST_F(SvcCollect, TcpRecordsAreOctetCounted) {
-  int srv = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  ASSERT_EQ(0, bind(srv, reinterpret_cast<sockaddr*>(&a), sizeof a));
-  ASSERT_EQ(0, listen(srv, 1));
-  getsockname(srv, reinterpret_cast<sockaddr*>(&a), &len);
-  std::string route = "SYSLOG:tcp,127.0.0.1," + std::to_string(ntohs(a.sin_port));
-  ASSERT_ZAR_OK(svcRoute("WARNING:" + route));
-  warn("one");
-  warn("two");
-  EXPECT_EQ(0u, zar_svc_collector_flush(2000));
-  int conn = accept(srv, nullptr, nullptr);
-  ASSERT_ZAR_OK(svcRoute("WARNING:STDERR:"));  // the last route closes the link
-  std::string got;
-  char buf[4096];
-  for (ssize_t n; (n = read(conn, buf, sizeof buf)) > 0;) got.append(buf, n);
-  for (const char* text : {"one", "two"}) {
-    size_t sp = got.find(' ');
-    ASSERT_NE(std::string::npos, sp) << got;
-    size_t frame = std::stoul(got.substr(0, sp));
-    EXPECT_NE(std::string::npos, got.substr(sp + 1, frame).find(text)) << got;
-    EXPECT_EQ(0u, got.compare(sp + 1, 4, "<12>")) << got;
-    got.erase(0, sp + 1 + frame);
-  }
-  EXPECT_EQ("", got);
-  close(conn);
-  close(srv);
 }
 
 TEST_F(SvcCollect, BadWhereTextsFallBackToStandardError) {

@@ -183,8 +183,6 @@ Outcome sendAsFile(Destination* d, const char* data, size_t len) {
     memset(&control, 0, sizeof control);
     struct msghdr mh;
     memset(&mh, 0, sizeof mh);
-    mh.msg_name = &d->addr;
-    mh.msg_namelen = d->addrLen;
     mh.msg_control = control.buf;
     mh.msg_controllen = sizeof control.buf;
     struct cmsghdr* cm = CMSG_FIRSTHDR(&mh);
@@ -197,6 +195,8 @@ Outcome sendAsFile(Destination* d, const char* data, size_t len) {
     } else if (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOBUFS || errno == EINTR) {
       outcome = Outcome::kLater;
     } else {
+      closeSocket(d);
+      d->retryAt = nowNs() + kRetryNs;
       outcome = Outcome::kAbsent;
     }
   }
@@ -204,33 +204,34 @@ Outcome sendAsFile(Destination* d, const char* data, size_t len) {
   return outcome;
 }
 
+// The socket is connected to the collector's address, which spares the
+// kernel a look-up of the address on every record; a collector that went
+// away (its socket removed or closed, its port unreachable) makes the link
+// be made again, at most once per retry interval.
 Outcome sendDatagram(Destination* d, const char* data, size_t len) {
   int64_t t = nowNs();
-  if (t < d->retryAt) return Outcome::kAbsent;
   if (d->fd < 0) {
+    if (t < d->retryAt) return Outcome::kAbsent;
     d->fd = socket(family(d), SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (d->fd < 0) {
+    if (d->fd < 0 ||
+        connect(d->fd, reinterpret_cast<const struct sockaddr*>(&d->addr), d->addrLen) != 0) {
+      closeSocket(d);
       d->retryAt = t + kRetryNs;
       return Outcome::kAbsent;
     }
     d->link = Link::kOpen;
   }
-  ssize_t n = sendto(d->fd, data, len, MSG_DONTWAIT | MSG_NOSIGNAL,
-                     reinterpret_cast<const struct sockaddr*>(&d->addr), d->addrLen);
-  if (n >= 0) return Outcome::kSent;
+  if (send(d->fd, data, len, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return Outcome::kSent;
   switch (errno) {
     case EAGAIN:
     case ENOBUFS:
     case EINTR:
       return Outcome::kLater;
     case EMSGSIZE:
-      if (d->passLargeAsFile) {
-        Outcome o = sendAsFile(d, data, len);
-        if (o == Outcome::kAbsent) d->retryAt = t + kRetryNs;
-        return o;
-      }
+      if (d->passLargeAsFile) return sendAsFile(d, data, len);
       return Outcome::kRefused;
-    default:  // no socket there (yet), refused, no permission: the collector is away
+    default:  // the collector's socket is gone or refuses: make the link again later
+      closeSocket(d);
       d->retryAt = t + kRetryNs;
       return Outcome::kAbsent;
   }

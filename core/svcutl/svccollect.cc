@@ -350,6 +350,11 @@ class TrySvcLock {
  public:
   explicit TrySvcLock(int timeoutMs) {
     svc::ensureInit();
+    if (svc::heldByThisThread()) {  // exit called by a print's exit action
+      held_ = true;
+      owned_ = false;
+      return;
+    }
     int64_t until = nowNs() + timeoutMs * kMsNs;
     while (!(held_ = pthread_mutex_trylock(&svc::gSvc.mutex) == 0) && nowNs() < until) {
       struct timespec pause = {0, kMsNs};
@@ -358,7 +363,7 @@ class TrySvcLock {
     if (held_) svc::gSvc.owner.store(pthread_self(), std::memory_order_relaxed);
   }
   ~TrySvcLock() {
-    if (held_) zar_svc__cleanup_mutex();
+    if (held_ && owned_) zar_svc__cleanup_mutex();
   }
   TrySvcLock(const TrySvcLock&) = delete;
   TrySvcLock& operator=(const TrySvcLock&) = delete;
@@ -366,6 +371,7 @@ class TrySvcLock {
 
  private:
   bool held_;
+  bool owned_ = true;
 };
 
 // One pass over every destination of this process; returns the records left.
@@ -525,12 +531,11 @@ Destination* acquire(const char* key, const char* address, const char* defaultPa
 void release(Destination* d) {
   adoptAfterFork(d);
   if (--d->references > 0) return;
+  // Re-routing closes a list before it opens it again: what waits stays
+  // queued for the destination's next route, a flush, or the exit handler.
   noticePeerClose(d);
   drain(d, nowNs() + kBudgetNs);
-  d->dropped += d->queued;
-  freeQueue(d);
   report(d, true);
-  closeSocket(d);
 }
 
 Transport transportOf(const Destination* d) {

@@ -34,8 +34,9 @@ struct Destination;
 // valid address. Mutex held.
 Destination* acquire(const char* key, const char* address, const char* defaultPath,
                      bool allowNetwork, bool passLargeAsFile);
-// One route lets go of its destination; the last one closes the socket after
-// a last attempt to send what is queued (the rest is counted as dropped).
+// One route lets go of its destination. What is still queued when the last
+// one goes stays queued (a route string naming the destination again, a
+// flush or the exit handler sends it); the socket stays open for it.
 void release(Destination* dest);
 Transport transportOf(const Destination* dest);
 

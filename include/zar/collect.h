@@ -29,7 +29,7 @@ ZAR_EXTERN_C_BEGIN
  * zero). sent + dropped + queued is the number of records handed to it. */
 typedef struct zar_svc_collector_counts_s {
   uint64_t sent;    /* handed to the collector's socket */
-  uint64_t dropped; /* given up: queue full, record refused, left at close */
+  uint64_t dropped; /* given up: queue full, record refused, still queued at exit */
   uint64_t queued;  /* waiting now for the collector */
 } zar_svc_collector_counts;
 

@@ -49,6 +49,7 @@ for r in "SYSLOG:${where[unix]}" "JOURNAL:unix,$journalSocket"; do
   printCase "$r" odd --sev=warning "$odd"
   printCase "$r" long --sev=warning "$long"
 done
+printCase "SYSLOG:${where[unix]}" invalid --sev=warning $'bad\xffbyte'
 big=$(printf 'B%.0s' $(seq 120000))
 SVC_WSC_DBG="wsc:core.9:JOURNAL:unix,$journalSocket" "$zar" log --debug 1 "%s%s" "$big" "$big"
 # Waits until the collector's file has n lines matching pattern.
@@ -59,7 +60,7 @@ waitFor() {  # file pattern n
   done
   fail "$1: $(grep -c -- "$2" "$1" || true) of $3 records matching $2"
 }
-waitFor "$site/records.json" '"msgid"' 20
+waitFor "$site/records.json" '"msgid"' 21
 waitFor "$tmp/central/records.json" '"msgid"' 20
 
 host=$(hostname)
@@ -86,6 +87,7 @@ done <<<"$cases"
 check "$site/records.json" odd "$code" 12 imuxsock
 [[ $(jq -r 'select(.msg | contains("odd ")) | .msg' "$site/records.json") == *"$odd"* ]] ||
   fail "odd text changed"
+grep -q '"msg":"[^"]*invalid bad�byte ' "$site/records.json" || fail "invalid UTF-8 not replaced"
 # A long text is cut so that the whole record is 8192 bytes, never split.
 len=$(jq -r 'select(.msg | contains("long ")) | .msg' "$site/records.json" | grep -o L | wc -l)
 [ "$len" -gt 7500 ] && [ "$len" -lt 8192 ] || fail "long text: $len of 9000 bytes arrived"

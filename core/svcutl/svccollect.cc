@@ -23,11 +23,11 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "core/rawlog.h"
+#include "base/rawlog.h"
+#include "base/zarlock.h"
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarlock.h"
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
 #include "zar/collect.h"
 #include "zar/printf.h"
 #include "zar/status.h"

@@ -11,9 +11,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "base/zarmem.h"
 #include "core/svcutl/svccollect.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarmem.h"
 #include "zar/printf.h"
 
 namespace zar::collect {

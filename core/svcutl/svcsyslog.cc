@@ -12,9 +12,9 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "base/zarmem.h"
 #include "core/svcutl/svccollect.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarmem.h"
 #include "zar/printf.h"
 #include "zar/utc.h"
 

@@ -60,8 +60,9 @@ svc_dyn_route* newType(const char* name, void* arg, zar_svc_route_open_fn open,
 
 // The library's own route types are registered before anything can look
 // into the registry, so no route ever waits for them. A type that cannot be
-// added (no memory) is missing, as one an application did not add.
-void dynRouteInit() {
+// added (no memory) is missing, as one an application did not add. Runs
+// once, before the lock exists and before any thread can reach the registry.
+void dynRouteInit() ZAR_NO_THREAD_SAFETY_ANALYSIS {
   if (pthread_mutex_init(&gDyn.lock, nullptr) != 0) return;
   if (pthread_cond_init(&gDyn.cond, nullptr) != 0) {
     pthread_mutex_destroy(&gDyn.lock);

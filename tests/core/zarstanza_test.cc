@@ -319,7 +319,7 @@ TEST_F(StanzaTest, EditsGiveTheFileTextAndStatus) {
 
 // Names, values and comments that would not read back as written change nothing.
 TEST_F(StanzaTest, BadArgumentsAreRejectedAndNothingWritten) {
-  const std::string huge(10000, 'v');
+  const std::string huge(10000, 'v'), line2048(2043, 'v');  // "k = " + 2043 + "\n": 2048 bytes
   const struct {
     const char* stanza;  // null: an entry edit
     const char* entry;
@@ -329,7 +329,8 @@ TEST_F(StanzaTest, BadArgumentsAreRejectedAndNothingWritten) {
                {nullptr, "[k", "v", nullptr},    {nullptr, " k", "v", nullptr},
                {nullptr, "k ", "v", nullptr},    {nullptr, "", "v", nullptr},
                {nullptr, nullptr, "v", nullptr}, {nullptr, "k", "two\nlines", nullptr},
-               {nullptr, "k", huge.c_str(), nullptr}, {nullptr, "k", "\xff", nullptr},
+               {nullptr, "k", huge.c_str(), nullptr}, {nullptr, "k", line2048.c_str(), nullptr},
+               {nullptr, "k", "\xff", nullptr},
                {"x]y", nullptr, nullptr, nullptr},    {"two\nlines", nullptr, nullptr, nullptr},
                {"c", nullptr, nullptr, "no hash"},
                {huge.c_str(), nullptr, nullptr, nullptr}};

@@ -74,6 +74,8 @@ TEST(Conversion, RoundTripsAndRefusesBadInput) {
       {"ISO-8859-1", false, "\xe2\x82\xac"}, {"ISO-8859-1", false, "\xff"}};
   for (const auto& [name, toUtf8, input] : bad)
     EXPECT_EQ("-1 EILSEQ", convert(cs(name), toUtf8, input)) << name << " " << input;
+  char out[8], cut[] = "ab\xe3\x81\x82";  // the length cuts a character the bytes after complete
+  EXPECT_EQ("-1 EILSEQ", result(nlz_to_utf8(cs("UTF-8"), cut, 4, out, 8), out));
   {
     FaultPlan plan(zar::fault::Op::kIconv, 1, false, EIO);
     EXPECT_EQ("-1 EIO", convert(cs("ISO-8859-1"), true, "a"));

@@ -65,7 +65,10 @@ TEST(ZoneChoice, AnswersOffsetFlagAndAbbreviation) {
       {"/usr/share/zoneinfo/Asia/Kolkata", kJul2024, "19800 0 IST"},
       {kEastern, kDst2024 - 1, "-18000 0 EST"}, {"right/Europe/Berlin", kJul2024, "7200 1 CEST"},
       {"America", kJul2024, nullptr},       {"/etc/passwd", kJul2024, nullptr},
-      {"No/Such.Zone", kJul2024, nullptr}};
+      {"No/Such.Zone", kJul2024, nullptr},
+      // Jn never counts February 29: J60 is March 1, also in 2024.
+      {"EST5EDT,J60,J300", 1'709'208'000, "-18000 0 EST"},
+      {"EST5EDT,J60,J300", 1'709'208'000 + 86'400, "-14400 1 EDT"}};
   for (const auto& [tzValue, when, want] : rows) {
     ScopedEnv tz("TZ", tzValue);
     EXPECT_EQ(want ? want : "0 0 " + std::string(tzValue), localAt(when)) << tzValue;

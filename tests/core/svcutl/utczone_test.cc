@@ -58,6 +58,7 @@ TEST(ZoneChoice, AnswersOffsetFlagAndAbbreviation) {
       {"EST5EDT,M3.6.0,M11.1.0", kJul2024, nullptr},
       {"EST5EDT,M3.2.7,M11.1.0", kJul2024, nullptr}, {"EST5EDT,M3.2.0,M11.1.0,", kJul2024, nullptr},
       {"EST25", kJul2024, nullptr},         {"<+05>-5", kJul2024, nullptr},
+      {"XST5:60", kJul2024, nullptr},       {"XST5:59:60", kJul2024, nullptr},
       {"CET-1CEST", kJul2024, nullptr},     {":EST5EDT,M3.2.0,M11.1.0", kJul2024, nullptr},
       // Zone files, also by absolute path or with a ':'; the transition instants
       // and other zones are diff-zones of the reliability suite.

@@ -262,8 +262,8 @@ TEST_F(StanzaTest, MemoryModeLoadsWholeOrNotAtAll) {
     uint32_t st = 0;
     test::FaultPlan plan(fault::Op::kAlloc, failAt);
     Stz m(zarStzFileOpen(path_.c_str(), ZAR_STZ_READ | ZAR_STZ_MEMORY, &st));
-    if (m) EXPECT_EQ("[b]|y=2\n[a]|x=1\n", walk(m.get())) << failAt;
-    else EXPECT_ZAR_STATUS(ZAR_S_NO_MEMORY, st) << failAt;
+    EXPECT_EQ(m ? "[b]|y=2\n[a]|x=1\n" : test::hexStatus(ZAR_S_NO_MEMORY),
+              m ? walk(m.get()) : test::hexStatus(st)) << failAt;
   }
 }
 

@@ -16,6 +16,7 @@
 #include <random>
 #include <thread>
 
+#include "core/zarstanza.h"
 #include "tests/testutil/testutil.h"
 #include "zar/status.h"
 #include "zar/svc.h"
@@ -229,6 +230,43 @@ TEST_F(StanzaTest, FileTruncatedBehindTheCursor) {
 }
 
 const std::string kTwo = "[a]\nx = 1\n\n# b next\n[b]\ny = 2\n";
+
+// Every write of an edit that a signal interrupts is made again.
+TEST_F(StanzaTest, InterruptedWritesAreRetried) {
+  for (long failAt : {1, 2}) {
+    Stz f = openStz(file(kTwo), ZAR_STZ_WRITE);
+    test::FaultPlan eintr(fault::Op::kWrite, failAt, false, EINTR);
+    EXPECT_EQ(1, zarStzDeleteStanza(f.get(), "a"));
+    EXPECT_ZAR_OK(f->status);
+    EXPECT_EQ(1, eintr.failures());
+    f.reset();
+    EXPECT_EQ("[b]\ny = 2\n", readFile(path_));
+  }
+}
+
+// A replacement reaching past the end (the file shrank under the cursor)
+// changes nothing.
+TEST_F(StanzaTest, ReplacementPastTheEndChangesNothing) {
+  FILE* s = fopen(file("[s]\nk = v\n").c_str(), "r+");
+  ASSERT_NE(nullptr, s);
+  EXPECT_EQ(0, stanza::zar_zReplaceText(s, 4, 11, "x"));
+  EXPECT_EQ(1, stanza::zar_zReplaceText(s, 4, 9, "k = w"));
+  fclose(s);
+  EXPECT_EQ("[s]\nk = w\n", readFile(path_));
+}
+
+// Memory mode opens with the whole tree or fails for want of memory.
+TEST_F(StanzaTest, MemoryModeLoadsWholeOrNotAtAll) {
+  file(kTwo);
+  for (long failAt = 1; failAt <= 12; ++failAt) {
+    uint32_t st = 0;
+    test::FaultPlan plan(fault::Op::kAlloc, failAt);
+    Stz m(zarStzFileOpen(path_.c_str(), ZAR_STZ_READ | ZAR_STZ_MEMORY, &st));
+    EXPECT_EQ(m ? "[b]|y=2\n[a]|x=1\n" : test::hexStatus(ZAR_S_NO_MEMORY),
+              m ? walk(m.get()) : test::hexStatus(st)) << failAt;
+  }
+}
+
 void addEntry(zarStzFile* f, const char* s, const char* k, const char* v) {
   zarStzMoveStanza(f, s);
   zarStzAddEntry(f, k, v);
@@ -281,7 +319,7 @@ TEST_F(StanzaTest, EditsGiveTheFileTextAndStatus) {
 
 // Names, values and comments that would not read back as written change nothing.
 TEST_F(StanzaTest, BadArgumentsAreRejectedAndNothingWritten) {
-  const std::string huge(10000, 'v');
+  const std::string huge(10000, 'v'), line2048(2043, 'v');  // "k = " + 2043 + "\n": 2048 bytes
   const struct {
     const char* stanza;  // null: an entry edit
     const char* entry;
@@ -291,7 +329,8 @@ TEST_F(StanzaTest, BadArgumentsAreRejectedAndNothingWritten) {
                {nullptr, "[k", "v", nullptr},    {nullptr, " k", "v", nullptr},
                {nullptr, "k ", "v", nullptr},    {nullptr, "", "v", nullptr},
                {nullptr, nullptr, "v", nullptr}, {nullptr, "k", "two\nlines", nullptr},
-               {nullptr, "k", huge.c_str(), nullptr}, {nullptr, "k", "\xff", nullptr},
+               {nullptr, "k", huge.c_str(), nullptr}, {nullptr, "k", line2048.c_str(), nullptr},
+               {nullptr, "k", "\xff", nullptr},
                {"x]y", nullptr, nullptr, nullptr},    {"two\nlines", nullptr, nullptr, nullptr},
                {"c", nullptr, nullptr, "no hash"},
                {huge.c_str(), nullptr, nullptr, nullptr}};

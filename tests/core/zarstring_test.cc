@@ -73,11 +73,15 @@ TEST(ZARString, SetAndExpandReuseTheHeapBlock) {
   ASSERT_TRUE(s.set("abcde"));
   ASSERT_TRUE(s.expand(50));
   EXPECT_EQ(51u, s.capacity());
+  ASSERT_TRUE(s.expand(51));  // one more than the block holds with its NUL
+  EXPECT_EQ(52u, s.capacity());
   EXPECT_EQ(s.buffer(), s.getData());
   EXPECT_STREQ("abcde", s.getData());
   s.reset();
   EXPECT_EQ(30u, s.capacity());
   EXPECT_EQ(0, s.getLen());
+  ASSERT_TRUE(s.expand(30));  // 30 bytes and a NUL: past the inline buffer
+  EXPECT_EQ(31u, s.capacity());
 }
 
 TEST(ZARString, WriteInProtocolAppendsAndSelfReference) {

@@ -67,12 +67,15 @@ TEST(Conversion, RoundTripsAndRefusesBadInput) {
     EXPECT_EQ(room > 0 ? "-1 E2BIG" : "", convert(cs(name), true, native, room > 0 ? room - 1 : 0));
   }
   const std::tuple<const char*, bool, std::string> bad[] = {  // code set, to UTF-8, input
-      {"UTF-8", true, "\xc0\xaf"},   {"UTF-8", true, "\xed\xa0\x80"},  // overlong; surrogate
+      {"UTF-8", true, "\xc0\xaf"},   {"UTF-8", true, "\xe0\x80\xaf"},  // overlong, 2 and 3 bytes
+      {"UTF-8", true, "\xed\xa0\x80"},  // a surrogate
       {"UTF-8", true, "ab\xe3\x81"}, {"UTF-8", true, "\xf4\x90\x80\x80"},  // cut; past U+10FFFF
       {"US-ASCII", true, "caf\xe9"}, {"EUC-JP", true, "\xa4"},  // lead byte alone
       {"ISO-8859-1", false, "\xe2\x82\xac"}, {"ISO-8859-1", false, "\xff"}};
   for (const auto& [name, toUtf8, input] : bad)
     EXPECT_EQ("-1 EILSEQ", convert(cs(name), toUtf8, input)) << name << " " << input;
+  char out[8], cut[] = "ab\xe3\x81\x82";  // the length cuts a character the bytes after complete
+  EXPECT_EQ("-1 EILSEQ", result(nlz_to_utf8(cs("UTF-8"), cut, 4, out, 8), out));
   {
     FaultPlan plan(zar::fault::Op::kIconv, 1, false, EIO);
     EXPECT_EQ("-1 EIO", convert(cs("ISO-8859-1"), true, "a"));

@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <nl_types.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <string>
 #include <tuple>
@@ -169,6 +170,9 @@ TEST(CatalogReader, RefusesCorruptAndTruncatedFiles) {
     EXPECT_EQ("<errno EINVAL>", what.starts_with("cut at") && cat ? "<errno EINVAL>" : got) << what;
   }
   EXPECT_EQ(nullptr, nlz_catopen(dir.path().c_str(), 0, nullptr));  // a directory
+  EXPECT_EQ("<errno EINVAL>", failure());
+  ASSERT_EQ(0, truncate(good.c_str(), (64 << 20) + 1));  // valid, but past the size limit
+  EXPECT_EQ(nullptr, nlz_catopen(good.c_str(), 0, nullptr));
   EXPECT_EQ("<errno EINVAL>", failure());
 }
 

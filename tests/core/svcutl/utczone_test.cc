@@ -58,6 +58,7 @@ TEST(ZoneChoice, AnswersOffsetFlagAndAbbreviation) {
       {"EST5EDT,M3.6.0,M11.1.0", kJul2024, nullptr},
       {"EST5EDT,M3.2.7,M11.1.0", kJul2024, nullptr}, {"EST5EDT,M3.2.0,M11.1.0,", kJul2024, nullptr},
       {"EST25", kJul2024, nullptr},         {"<+05>-5", kJul2024, nullptr},
+      {"XST5:60", kJul2024, nullptr},       {"XST5:59:60", kJul2024, nullptr},
       {"CET-1CEST", kJul2024, nullptr},     {":EST5EDT,M3.2.0,M11.1.0", kJul2024, nullptr},
       // Zone files, also by absolute path or with a ':'; the transition instants
       // and other zones are diff-zones of the reliability suite.
@@ -65,7 +66,10 @@ TEST(ZoneChoice, AnswersOffsetFlagAndAbbreviation) {
       {"/usr/share/zoneinfo/Asia/Kolkata", kJul2024, "19800 0 IST"},
       {kEastern, kDst2024 - 1, "-18000 0 EST"}, {"right/Europe/Berlin", kJul2024, "7200 1 CEST"},
       {"America", kJul2024, nullptr},       {"/etc/passwd", kJul2024, nullptr},
-      {"No/Such.Zone", kJul2024, nullptr}};
+      {"No/Such.Zone", kJul2024, nullptr},
+      // Jn never counts February 29: J60 is March 1, also in 2024.
+      {"EST5EDT,J60,J300", 1'709'208'000, "-18000 0 EST"},
+      {"EST5EDT,J60,J300", 1'709'208'000 + 86'400, "-14400 1 EDT"}};
   for (const auto& [tzValue, when, want] : rows) {
     ScopedEnv tz("TZ", tzValue);
     EXPECT_EQ(want ? want : "0 0 " + std::string(tzValue), localAt(when)) << tzValue;

@@ -528,6 +528,18 @@ bool Splitter::nextText(Record* out) {
       }
       inRecord_ = false;
       if (!complete) {
+        // A cut last line that opens a record leaves the record before it
+        // whole; a cut continuation line cuts the record it belongs to.
+        int64_t ms;
+        std::string_view tail(data + scan_, size_ - scan_);
+        if (scan_ > pos_ && timeAndInaccuracy(tail, &ms) != 0) {
+          uint64_t tailLine = scanLine_;
+          emit(scan_, scanLine_ - lineNo_, out);
+          inJunk_ = false;
+          junk(tailLine, "truncated record");
+          pos_ = size_;
+          return true;
+        }
         junk(lineNo_, "truncated record");
         pos_ = size_;
         return false;
@@ -629,6 +641,7 @@ bool Splitter::nextXml(Record* out) {
     return false;
   }
   inRecord_ = false;
+  if (end < size_ && data[end] == '\n') ++end;  // the empty line that ends a record
   uint64_t lines = static_cast<uint64_t>(std::count(data + pos_, data + end, '\n'));
   emit(end, lines, out);
   return true;

@@ -518,9 +518,13 @@ struct Cursor {
   std::string head;  // its first bytes: a reused inode shows as a new file
   std::unique_ptr<logread::Splitter> splitter;
   int quiet = 0;
+  int missing = 0;  // polls in a row that did not list it
   bool finished = false;
-  bool present = false;
 };
+
+// Polls a file may go unlisted before its cursor is dropped: a rename
+// between the listing of the archives and of the live file hides it once.
+constexpr int kMissingPolls = 5;
 
 struct FollowSet {
   SetName name;
@@ -569,7 +573,7 @@ void pollFile(FollowSet* set, const FileInfo& f, bool live, Filter* filter,
     c->dev = st.st_dev;
     c->ino = st.st_ino;
   }
-  c->present = true;
+  c->missing = 0;
   bool grew = false;
   for (;;) {
     if (!c->splitter) {
@@ -643,13 +647,14 @@ int follow(const std::vector<std::string>& paths, Filter* filter, Output* out) {
     }
     std::vector<Pending> batch;
     for (FollowSet& s : sets) {
-      for (auto& c : s.cursors) c->present = false;
+      for (auto& c : s.cursors) ++c->missing;
       for (const FileInfo& f : filesOf(s.name))
         pollFile(&s, f, f.generation == 0, filter, &batch, &seq);
       // Files that are gone are forgotten (their inode may come back).
-      s.cursors.erase(std::remove_if(s.cursors.begin(), s.cursors.end(),
-                                     [](const std::unique_ptr<Cursor>& c) { return !c->present; }),
-                      s.cursors.end());
+      s.cursors.erase(
+          std::remove_if(s.cursors.begin(), s.cursors.end(),
+                         [](const std::unique_ptr<Cursor>& c) { return c->missing > kMissingPolls; }),
+          s.cursors.end());
     }
     std::stable_sort(batch.begin(), batch.end(), [](const Pending& a, const Pending& b) {
       return a.timeMs != b.timeMs ? a.timeMs < b.timeMs : a.seq < b.seq;

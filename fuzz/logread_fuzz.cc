@@ -19,18 +19,18 @@ using zar::logread::Form;
 using zar::logread::Record;
 using zar::logread::Splitter;
 
-#define check(cond)                                                           \
-  do {                                                                        \
-    if (!(cond)) {                                                            \
+#define check(cond)                                                            \
+  do {                                                                         \
+    if (!(cond)) {                                                             \
       fprintf(stderr, "logread_fuzz:%d: check failed: %s\n", __LINE__, #cond); \
-      abort();                                                                \
-    }                                                                         \
+      abort();                                                                 \
+    }                                                                          \
   } while (0)
 
 // What must not depend on how the bytes arrived.
 std::string key(const Record& r) {
-  return std::to_string(r.lineNo) + "|" + std::to_string(r.timeMs) + "|" +
-         std::to_string(r.rank) + "|" + std::to_string(r.status) + "|" + std::string(r.text);
+  return std::to_string(r.lineNo) + "|" + std::to_string(r.timeMs) + "|" + std::to_string(r.rank) +
+         "|" + std::to_string(r.status) + "|" + std::string(r.text);
 }
 
 std::vector<std::string> split(Form form, std::string_view in, size_t chunk) {
@@ -40,7 +40,8 @@ std::vector<std::string> split(Form form, std::string_view in, size_t chunk) {
   auto drain = [&] {
     while (s.next(&r)) {
       check(r.raw.size() > 0 && r.raw.size() <= in.size());
-      check(r.text.data() >= r.raw.data() && r.text.data() + r.text.size() <= r.raw.data() + r.raw.size());
+      check(r.text.data() >= r.raw.data() &&
+            r.text.data() + r.text.size() <= r.raw.data() + r.raw.size());
       Record again;
       again.lineNo = r.lineNo;
       again.form = form;

@@ -43,8 +43,8 @@ void writeLogs(const std::string& setting, int procs, int threads, long count) {
       runConcurrently(threads, [&](int t) {
         std::string key = "p" + std::to_string(p) + "t" + std::to_string(t);
         for (long i = 0; i < count; ++i)
-          zar_svc_printf_withfile(zarsv_client_svc_handle, "logshow", 1, "%s%d", 0,
-                                  svc_c_sev_error, 0x38C5209C, key.c_str(), static_cast<int>(i));
+          zar_svc_printf_withfile(zarsv_client_svc_handle, "logshow", 1, "%s%d", 0, svc_c_sev_error,
+                                  0x38C5209C, key.c_str(), static_cast<int>(i));
         return 0L;
       });
       return 0;
@@ -60,7 +60,8 @@ void writeLogs(const std::string& setting, int procs, int threads, long count) {
 std::map<std::string, std::pair<long, long>> expected(int procs, int threads, long count) {
   std::map<std::string, std::pair<long, long>> e;
   for (int p = 0; p < procs; ++p)
-    for (int t = 0; t < threads; ++t) e["p" + std::to_string(p) + "t" + std::to_string(t)] = {0, count};
+    for (int t = 0; t < threads; ++t)
+      e["p" + std::to_string(p) + "t" + std::to_string(t)] = {0, count};
   return e;
 }
 
@@ -155,8 +156,8 @@ TEST_P(LogShowFilter, PrintsExactlyTheMatchingRecords) {
   TempDir dir;
   writeFile(dir.file("known.log"), kKnown);
   writeFile(dir.file("other.log"), kOther);
-  ZarRun r = zar(dir, std::string("log show --json ") + GetParam().args + " " + dir.file("known.log") +
-                          " " + dir.file("other.log"));
+  ZarRun r = zar(dir, std::string("log show --json ") + GetParam().args + " " +
+                          dir.file("known.log") + " " + dir.file("other.log"));
   std::string texts;
   static const std::regex kText("\"text\":\"([a-z]+)");
   for (const std::string& line : splitLines(r.out)) {
@@ -177,8 +178,7 @@ INSTANTIATE_TEST_SUITE_P(
         FilterCase{"--component wsc", "alpha gamma epsilon"},
         FilterCase{"--sub deploy --sub admin", "beta gamma delta"},
         FilterCase{"--status 0x38C52097 --status 0x10652203", "alpha delta epsilon"},
-        FilterCase{"--program server", "beta alpha"},
-        FilterCase{"--pid 42", "gamma epsilon"},
+        FilterCase{"--program server", "beta alpha"}, FilterCase{"--pid 42", "gamma epsilon"},
         FilterCase{"--grep 'second|^del'", "beta delta"},
         FilterCase{"--since 2026-01-01T11:00:00Z", "gamma delta epsilon"},
         FilterCase{"--until 2026-01-01-10:30:00.000+01:00", "beta"},
@@ -224,14 +224,17 @@ TEST_P(LogShowBadInput, ReportedOnceAndSkipped) {
 
 INSTANTIATE_TEST_SUITE_P(
     Table, LogShowBadInput,
-    ::testing::Values(
-        BadCase{"JunkLines", "not a record\nnor this\n" + kGood + kGood, "f.log:1: not a record", 2, 0},
-        BadCase{"Binary", kGood + std::string("\x01\x02\0x\n", 5) + kGood, "f.log:2: binary data", 2, 0},
-        BadCase{"TruncatedText", kGood + kGood.substr(0, 60), "f.log:2: truncated record", 1, 0},
-        BadCase{"TruncatedXml", kGoodXml + kGoodXml.substr(0, 200), "f.log:13: truncated record", 1, 0},
-        BadCase{"CutXmlThenRecord", kGoodXml.substr(0, 150) + "\n" + kGoodXml,
-                "f.log:1: truncated record", 1, 0},
-        BadCase{"NotALog", "hello\n", "not a log file", 0, 1}),
+    ::testing::Values(BadCase{"JunkLines", "not a record\nnor this\n" + kGood + kGood,
+                              "f.log:1: not a record", 2, 0},
+                      BadCase{"Binary", kGood + std::string("\x01\x02\0x\n", 5) + kGood,
+                              "f.log:2: binary data", 2, 0},
+                      BadCase{"TruncatedText", kGood + kGood.substr(0, 60),
+                              "f.log:2: truncated record", 1, 0},
+                      BadCase{"TruncatedXml", kGoodXml + kGoodXml.substr(0, 200),
+                              "f.log:13: truncated record", 1, 0},
+                      BadCase{"CutXmlThenRecord", kGoodXml.substr(0, 150) + "\n" + kGoodXml,
+                              "f.log:1: truncated record", 1, 0},
+                      BadCase{"NotALog", "hello\n", "not a log file", 0, 1}),
     [](const ::testing::TestParamInfo<BadCase>& i) { return i.param.name; });
 
 TEST(LogShowUsage, MissingInputAndBadOptionsExitTwo) {

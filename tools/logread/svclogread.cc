@@ -62,8 +62,10 @@ bool startsWith(std::string_view s, std::string_view p) {
 // ends at a blank or a newline, or at the end; empty when rest starts with
 // one of them.
 std::string_view token(std::string_view* rest) {
-  size_t i = 0;
-  while (i < rest->size() && (*rest)[i] != ' ' && (*rest)[i] != '\n') ++i;
+  const char* p = rest->data();
+  const char* end = p + rest->size();
+  while (p < end && *p != ' ' && *p != '\n') ++p;  // fields are short: no memchr
+  size_t i = static_cast<size_t>(p - rest->data());
   std::string_view t = rest->substr(0, i);
   rest->remove_prefix(i);
   return t;
@@ -132,6 +134,21 @@ long pidOfProgram(std::string_view program) {
   return static_cast<long>(v);
 }
 
+// The rank of a severity name exactly as a prefix writes it; 0 otherwise.
+int severityRank(std::string_view t) {
+  switch (t.size()) {
+    case 5:
+      return t == "ERROR" ? 2 : t == "FATAL" ? 1 : 0;
+    case 7:
+      return t == "WARNING" ? 3 : 0;
+    case 6:
+      return t == "NOTICE" ? 4 : 0;
+    case 14:
+      return t == "NOTICE_VERBOSE" ? 5 : 0;
+  }
+  return 0;
+}
+
 // Parses the prefix fields after the time text; rest starts at the blank
 // after the inaccuracy. On success rest starts at the separator (blank,
 // newline) after the thread field, or is empty.
@@ -149,12 +166,12 @@ bool parsePrefixFields(std::string_view* rest, Record* r) {
     }
   }
   std::string_view lineText;
-  if (n == 8 && parseHex32(t[0], &r->status) && rankOf(t[2]) >= 1 && rankOf(t[2]) <= 5 &&
-      t[2] == kRankNames[rankOf(t[2])]) {
+  int sev = n == 8 ? severityRank(t[2]) : 0;
+  if (sev != 0 && parseHex32(t[0], &r->status)) {
     r->hasStatus = true;
     r->program = t[1];
     r->severity = t[2];
-    r->rank = rankOf(t[2]);
+    r->rank = sev;
     r->component = t[3];
     r->sub = t[4];
     r->file = t[5];
@@ -262,12 +279,18 @@ int64_t parseTimeText(std::string_view text, bool offsetRequired, size_t* used) 
   const char* p = text.data();
   if (p[4] != '-' || p[7] != '-' || p[10] != '-' || p[13] != ':' || p[16] != ':' || p[19] != '.')
     return kNoTime;
-  int y = digits(p, 4), mo = digits(p + 5, 2), d = digits(p + 8, 2);
+  // Records come in runs of one date: its day number is kept.
+  thread_local char lastDate[10] = {};
+  thread_local int64_t lastDays = 0;
+  const bool sameDate = memcmp(lastDate, p, 10) == 0;
+  int y = 0, mo = 1, d = 1;
+  if (!sameDate) {
+    y = digits(p, 4), mo = digits(p + 5, 2), d = digits(p + 8, 2);
+    if (y < 0 || mo < 1 || mo > 12 || d < 1 || d > 31) return kNoTime;
+  }
   int h = digits(p + 11, 2), mi = digits(p + 14, 2), s = digits(p + 17, 2);
   int ms = digits(p + 20, 3);
-  if (y < 0 || mo < 1 || mo > 12 || d < 1 || d > 31 || h < 0 || h > 23 || mi < 0 || mi > 59 ||
-      s < 0 || s > 60 || ms < 0)
-    return kNoTime;
+  if (h < 0 || h > 23 || mi < 0 || mi > 59 || s < 0 || s > 60 || ms < 0) return kNoTime;
   int64_t offsetMin = 0;
   size_t n = 23;
   if (text.size() >= 29 && (p[23] == '+' || p[23] == '-') && p[26] == ':') {
@@ -279,35 +302,72 @@ int64_t parseTimeText(std::string_view text, bool offsetRequired, size_t* used) 
     return kNoTime;
   }
   *used = n;
-  int64_t days = daysFromCivil(y, static_cast<unsigned>(mo), static_cast<unsigned>(d));
+  int64_t days;
+  if (sameDate) {
+    days = lastDays;
+  } else {
+    days = daysFromCivil(y, static_cast<unsigned>(mo), static_cast<unsigned>(d));
+    memcpy(lastDate, p, 10);
+    lastDays = days;
+  }
   int64_t secs = days * 86400 + h * 3600 + mi * 60 + s - offsetMin * 60;
   return secs * 1000 + ms;
 }
 
-bool isTextRecordStart(std::string_view line) {
+namespace {
+
+// Parses the prefix of a text record at the start of line (one line, without
+// its newline, or more). On success out has every prefix field and an empty
+// text placed where the text begins: after the blank that follows the
+// thread, or at the end of the line (terminal records, text on the next line).
+bool parseTextPrefix(std::string_view line, Record* out) {
+  size_t n = timeAndInaccuracy(line, &out->timeMs);
+  if (n == 0) return false;
+  out->timeText = line.substr(0, n);
+  std::string_view rest = line.substr(n);
+  if (!parsePrefixFields(&rest, out)) return false;
+  if (!rest.empty() && rest.front() == ' ') rest.remove_prefix(1);
+  out->text = rest.substr(0, 0);
+  return true;
+}
+
+// Completes a record whose prefix was parsed: its raw bytes and its text.
+void finishText(std::string_view raw, Record* r) {
+  const char* textStart = r->text.data();
+  if (textStart < raw.data() + raw.size() && *textStart == '\n') ++textStart;  // terminal form
+  const char* end = raw.data() + raw.size();
+  if (end > textStart && end[-1] == '\n') --end;
+  r->text = std::string_view(textStart, static_cast<size_t>(end > textStart ? end - textStart : 0));
+  r->raw = raw;
+}
+
+void rebase(Record* r, const char* from, const char* to) {
+  for (std::string_view* v : {&r->timeText, &r->program, &r->severity, &r->component, &r->sub,
+                              &r->file, &r->thread, &r->text}) {
+    if (v->data() != nullptr) *v = std::string_view(to + (v->data() - from), v->size());
+  }
+}
+
+// Whether line opens a text record; its prefix fields then go to *head.
+bool opensRecord(std::string_view line, Record* head) {
   // The cheap test first: most lines that are not a record fail here.
   if (line.size() < 36 || line[4] != '-' || line[10] != '-' || line[13] != ':') return false;
+  return parseTextPrefix(line, head);
+}
+
+}  // namespace
+
+bool isTextRecordStart(std::string_view line) {
   Record r;
-  int64_t ms;
-  size_t n = timeAndInaccuracy(line, &ms);
-  if (n == 0) return false;
-  std::string_view rest = line.substr(n);
-  return parsePrefixFields(&rest, &r);
+  return opensRecord(line, &r);
 }
 
 bool parseText(std::string_view raw, Record* out) {
   Record r;
-  size_t n = timeAndInaccuracy(raw, &r.timeMs);
-  if (n == 0) return false;
-  r.timeText = raw.substr(0, n);
-  std::string_view rest = raw.substr(n);
-  if (!parsePrefixFields(&rest, &r)) return false;
-  // A file record continues on the prefix line after one blank; a terminal
-  // record has its text on the next line.
-  if (!rest.empty()) rest.remove_prefix(1);
-  if (!rest.empty() && rest.back() == '\n') rest.remove_suffix(1);
-  r.text = rest;
-  r.raw = raw;
+  size_t nl = raw.find('\n');
+  if (!parseTextPrefix(raw.substr(0, nl == std::string_view::npos ? raw.size() : nl), &r))
+    return false;
+  finishText(raw, &r);
   r.lineNo = out->lineNo;
   r.form = out->form;
   *out = r;
@@ -420,6 +480,7 @@ char* Splitter::space(size_t n) {
     size_t cap = std::max(cap_ * 2, size_ + n);
     std::unique_ptr<char[]> grown(new char[cap]);
     if (size_ > 0) memcpy(grown.get(), buf_.get(), size_);
+    if (inRecord_ && form_ != Form::kXml) rebase(&head_, buf_.get(), grown.get());
     buf_ = std::move(grown);
     cap_ = cap;
   }
@@ -441,6 +502,7 @@ void Splitter::compact() {
   // consumed, which is why records live until the next call.
   if (pos_ == 0 || (pos_ < (1u << 20) && pos_ * 2 < size_)) return;
   memmove(buf_.get(), buf_.get() + pos_, size_ - pos_);
+  if (inRecord_ && form_ != Form::kXml) rebase(&head_, buf_.get() + pos_, buf_.get());
   size_ -= pos_;
   scan_ -= pos_;
   pos_ = 0;
@@ -461,7 +523,16 @@ bool Splitter::emit(size_t end, uint64_t lines, Record* out) {
   std::string_view raw(buf_.get() + pos_, end - pos_);
   out->lineNo = lineNo_;
   out->form = form_;
-  bool ok = form_ == Form::kXml ? parseXml(raw, out) : parseText(raw, out);
+  bool ok = true;
+  if (form_ == Form::kXml) {
+    ok = parseXml(raw, out);
+  } else {
+    // The prefix was parsed when the record's first line was found.
+    *out = head_;
+    finishText(raw, out);
+    out->lineNo = lineNo_;
+    out->form = form_;
+  }
   if (!ok) junk(lineNo_, "not a valid record");
   pos_ = end;
   lineNo_ += lines;
@@ -498,7 +569,7 @@ bool Splitter::nextText(Record* out) {
     }
     size_t end = static_cast<size_t>(nl - data);
     std::string_view line(data + pos_, end - pos_);
-    if (isTextRecordStart(line)) {
+    if (opensRecord(line, &head_)) {
       inRecord_ = true;
       scan_ = end + 1;
       scanLine_ = lineNo_ + 1;
@@ -548,7 +619,8 @@ bool Splitter::nextText(Record* out) {
     }
     size_t end = static_cast<size_t>(nl - data);
     std::string_view line(data + scan_, end - scan_);
-    bool starts = isTextRecordStart(line);
+    Record next;
+    bool starts = opensRecord(line, &next);
     if (starts || lineIsBinary(line)) {
       size_t recordEnd = scan_;
       uint64_t lines = scanLine_ - lineNo_;
@@ -556,6 +628,7 @@ bool Splitter::nextText(Record* out) {
       scan_ = end + 1;
       scanLine_ += 1;
       emit(recordEnd, lines, out);
+      if (starts) head_ = next;
       if (!starts) {
         junk(lineNo_, "binary data");
         pos_ = scan_;
@@ -654,7 +727,7 @@ Source::~Source() {
 }
 
 void Source::collect() {
-  if (!splitter_) return;
+  if (!splitter_ || !splitter_->hasProblems()) return;
   for (Problem& p : splitter_->takeProblems())
     problems_.push_back(current_ + ":" + std::to_string(p.lineNo) + ": " + p.what);
 }
@@ -736,7 +809,7 @@ bool Merger::before(size_t a, size_t b) const {
   return a < b;
 }
 
-bool Merger::next(Record* out, Source** from) {
+bool Merger::next(const Record** out, Source** from) {
   // The heap keeps the earliest head at its front; std::*_heap build a
   // max-heap, so the comparison is reversed.
   auto later = [this](size_t a, size_t b) { return before(b, a); };
@@ -757,7 +830,7 @@ bool Merger::next(Record* out, Source** from) {
   }
   if (heap_.empty()) return false;
   advance_ = heap_.front();
-  *out = heads_[advance_];
+  *out = &heads_[advance_];
   *from = sources_[advance_].get();
   return true;
 }

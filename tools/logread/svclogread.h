@@ -110,6 +110,7 @@ class Splitter {
   bool next(Record* out);
   // Problems found since the last call.
   std::vector<Problem> takeProblems() { return std::move(problems_); }
+  bool hasProblems() const { return !problems_.empty(); }
   // Bytes held that belong to no returned record yet.
   size_t pending() const { return size_ - pos_; }
 
@@ -133,6 +134,7 @@ class Splitter {
   bool settled_ = false;
   bool inJunk_ = false;  // the line before was junk already reported
   int reported_ = 0;     // problems reported so far (capped)
+  Record head_;          // text: the prefix of the record at pos_ while inRecord_
   std::vector<Problem> problems_;
 };
 
@@ -151,6 +153,7 @@ class Source {
   const std::string& currentFile() const { return current_; }
   // Problems as "FILE:LINE: what" or "FILE: what", since the last call.
   std::vector<std::string> takeProblems() { return std::move(problems_); }
+  bool hasProblems() const { return !problems_.empty(); }
   // True when at least one file could be opened and read.
   bool readAny() const { return readAny_; }
   // The process id that the files' names carry (per-process files), or -1.
@@ -174,8 +177,9 @@ class Source {
 class Merger {
  public:
   explicit Merger(std::vector<std::unique_ptr<Source>> sources);
-  // The next record and the source it came from; false when all are done.
-  bool next(Record* out, Source** from);
+  // The next record (valid until the next call) and the source it came
+  // from; false when all are done.
+  bool next(const Record** out, Source** from);
   std::vector<std::unique_ptr<Source>>& sources() { return sources_; }
 
  private:

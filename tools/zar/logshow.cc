@@ -489,11 +489,11 @@ int showOnce(const std::vector<SetName>& sets, Filter* filter, Output* out) {
     sources.push_back(std::move(src));
   }
   logread::Merger merger(std::move(sources));
-  Record r;
+  const Record* r = nullptr;
   logread::Source* from = nullptr;
   while (merger.next(&r, &from)) {
-    report(from->takeProblems());
-    if (filter->matches(r, from->pid)) out->put(r, from->currentFile(), from->pid);
+    if (from->hasProblems()) report(from->takeProblems());
+    if (filter->matches(*r, from->pid)) out->put(*r, from->currentFile(), from->pid);
   }
   bool any = false;
   for (auto& s : merger.sources()) {
@@ -651,10 +651,11 @@ int follow(const std::vector<std::string>& paths, Filter* filter, Output* out) {
       for (const FileInfo& f : filesOf(s.name))
         pollFile(&s, f, f.generation == 0, filter, &batch, &seq);
       // Files that are gone are forgotten (their inode may come back).
-      s.cursors.erase(
-          std::remove_if(s.cursors.begin(), s.cursors.end(),
-                         [](const std::unique_ptr<Cursor>& c) { return c->missing > kMissingPolls; }),
-          s.cursors.end());
+      s.cursors.erase(std::remove_if(s.cursors.begin(), s.cursors.end(),
+                                     [](const std::unique_ptr<Cursor>& c) {
+                                       return c->missing > kMissingPolls;
+                                     }),
+                      s.cursors.end());
     }
     std::stable_sort(batch.begin(), batch.end(), [](const Pending& a, const Pending& b) {
       return a.timeMs != b.timeMs ? a.timeMs < b.timeMs : a.seq < b.seq;

@@ -36,7 +36,9 @@ bool registerCommand(const Command& cmd) {
   return true;
 }
 
-void printUsage(const Command& cmd) { printf("usage: zar %s %s\n", cmd.name, cmd.synopsis); }
+void printUsage(const Command& cmd) {
+  printf("usage: zar %s %s\n", cmd.name, cmd.synopsis);
+}
 
 int usageError(const Command& cmd, const char* fmt, ...) {
   fprintf(stderr, "zar %s: ", cmd.name);

@@ -31,9 +31,8 @@ struct Component {
   const char* name;
   const zar_svc_subcomp* table;
 };
-const Component kComponents[] = {{"wsc", zarsv_client_svc_table},
-                                 {"wsd", zarsv_deploy_svc_table},
-                                 {"wsi", zarsv_if_svc_table}};
+const Component kComponents[] = {
+    {"wsc", zarsv_client_svc_table}, {"wsd", zarsv_deploy_svc_table}, {"wsi", zarsv_if_svc_table}};
 
 const Component* componentNamed(const std::string& name) {
   for (const Component& c : kComponents) {
@@ -104,7 +103,8 @@ struct Checker {
       kind.resize(dot);
       size_t dot2 = rest.find('.');
       if (dot2 == std::string::npos) {
-        error(at + e.find(':'), "GENS without LIMIT: write KIND.GENS.LIMIT (for example TEXTFILE.5.1000)");
+        error(at + e.find(':'),
+              "GENS without LIMIT: write KIND.GENS.LIMIT (for example TEXTFILE.5.1000)");
         return;
       }
       std::string gens = rest.substr(0, dot2), limit = rest.substr(dot2 + 1);
@@ -143,14 +143,17 @@ struct Checker {
         error(off[1], "the file name is longer than 511 bytes once the process id is in");
         return;
       }
-      std::string dir = where.substr(0, where.rfind('/') == std::string::npos ? 0 : where.rfind('/'));
+      std::string dir =
+          where.substr(0, where.rfind('/') == std::string::npos ? 0 : where.rfind('/'));
       struct stat st;
-      note(kind + " " + where + (rotation.empty() ? ", appended to, never rotated" : ", " + rotation));
+      note(kind + " " + where +
+           (rotation.empty() ? ", appended to, never rotated" : ", " + rotation));
       if (!dir.empty() && dir.find('%') == std::string::npos && stat(dir.c_str(), &st) != 0)
         note("the directory " + dir + " does not exist: the route writes to its fallback instead");
     } else if (kind == "GOESTO") {
       if (!isSeverity(where) && componentNamed(where) == nullptr)
-        note("GOESTO " + where + ": no severity or product component of that name; other "
+        note("GOESTO " + where +
+             ": no severity or product component of that name; other "
              "registered components only");
       else
         note("GOESTO " + where + ": the routes of " + where + " instead of the rest of this list");
@@ -165,8 +168,9 @@ struct Checker {
         error(at, "no kind before ':'");
         return;
       }
-      note(kind + ": a route type the program registers at run time; until then the "
-                  "fallback (standard error or nowhere)");
+      note(kind +
+           ": a route type the program registers at run time; until then the "
+           "fallback (standard error or nowhere)");
     }
     if (f.size() > 2 && !f[2].empty()) {
       bool octal = f[2].find_first_not_of("01234567") == std::string::npos;
@@ -174,7 +178,8 @@ struct Checker {
         error(off[2], "MODE must be octal permission bits (for example 640)");
         return;
       }
-      if (strtol(f[2].c_str(), nullptr, 8) >= 01000) note("MODE " + f[2] + " is 1000 or more: ignored");
+      if (strtol(f[2].c_str(), nullptr, 8) >= 01000)
+        note("MODE " + f[2] + " is 1000 or more: ignored");
     }
     if (f.size() > 3 && !f[3].empty() && getpwnam(f[3].c_str()) == nullptr)
       note("no user " + f[3] + ": the owner is left unchanged");
@@ -218,10 +223,11 @@ struct Checker {
       }
       if (sub != "*" && comp != nullptr) {
         bool known = false;
-        for (uint32_t k = 0; comp->table[k].name != nullptr; ++k) known = known || sub == comp->table[k].name;
+        for (uint32_t k = 0; comp->table[k].name != nullptr; ++k)
+          known = known || sub == comp->table[k].name;
         if (!known) {
-          error(at + i, "the component " + std::string(comp->name) + " has no sub-component " + sub +
-                            " (zar log --list shows them)");
+          error(at + i, "the component " + std::string(comp->name) + " has no sub-component " +
+                            sub + " (zar log --list shows them)");
           return;
         }
       }
@@ -236,8 +242,9 @@ struct Checker {
     std::string first = text.substr(0, colon);
     std::string firstKind = first.substr(0, first.find('.'));
     if (colon == std::string::npos) {
-      error(text.size(), "no ':' in the text: a route needs one after its kind (\"STDERR:\"), a "
-                         "setting after its severity or component name");
+      error(text.size(),
+            "no ':' in the text: a route needs one after its kind (\"STDERR:\"), a "
+            "setting after its severity or component name");
       return;
     }
     auto isKind = [](const std::string& w) {
@@ -267,8 +274,9 @@ struct Checker {
       }
       if (first == "*") sev = "every severity";
       if (sev.empty()) {
-        error(0, "'" + first + "' is no severity (FATAL, ERROR, WARNING, NOTICE, NOTICE_VERBOSE) "
-                 "and what follows is no level list");
+        error(0, "'" + first +
+                     "' is no severity (FATAL, ERROR, WARNING, NOTICE, NOTICE_VERBOSE) "
+                     "and what follows is no level list");
         return;
       }
       lines.push_back("routes of " + sev);
@@ -290,10 +298,14 @@ struct Checker {
 
 const char* sourceName(int source) {
   switch (source) {
-    case ZAR_SVC_SOURCE_SAVED: return "set by the program";
-    case ZAR_SVC_SOURCE_ENVIRONMENT: return "environment";
-    case ZAR_SVC_SOURCE_FILE: return "routing file";
-    case ZAR_SVC_SOURCE_DEFAULT: return "default";
+    case ZAR_SVC_SOURCE_SAVED:
+      return "set by the program";
+    case ZAR_SVC_SOURCE_ENVIRONMENT:
+      return "environment";
+    case ZAR_SVC_SOURCE_FILE:
+      return "routing file";
+    case ZAR_SVC_SOURCE_DEFAULT:
+      return "default";
   }
   return "none";
 }

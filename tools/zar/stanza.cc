@@ -94,8 +94,8 @@ const char* unwritable(const char* text, char what) {
   return nullptr;
 }
 
-int set(const char* path, zarStzFile* f, const char* stanza, const char* entry,
-        const char* value, bool create) {
+int set(const char* path, zarStzFile* f, const char* stanza, const char* entry, const char* value,
+        bool create) {
   if (!zarStzMoveStanza(f, stanza)) {
     if (f->status != 0) return failure(path, f->status);
     if (!create) {
@@ -137,7 +137,7 @@ int run(const Command& self, int argc, char** argv) {
     bool edit;
   };
   static const Action kActions[] = {
-      {"list", 0, 1, false}, {"get", 2, 2, false}, {"set", 3, 3, true},
+      {"list", 0, 1, false},  {"get", 2, 2, false},      {"set", 3, 3, true},
       {"delete", 1, 2, true}, {"validate", 0, 0, false},
   };
   const Action* a = nullptr;
@@ -187,9 +187,10 @@ int run(const Command& self, int argc, char** argv) {
 
 }  // namespace
 
-ZAR_TOOL_COMMAND("stanza",
-                 "[--nowait] FILE list [STANZA] | get STANZA ENTRY | set [--create] STANZA ENTRY VALUE | "
-                 "delete STANZA [ENTRY] | validate",
-                 "read and edit stanza configuration files", run);
+ZAR_TOOL_COMMAND(
+    "stanza",
+    "[--nowait] FILE list [STANZA] | get STANZA ENTRY | set [--create] STANZA ENTRY VALUE | "
+    "delete STANZA [ENTRY] | validate",
+    "read and edit stanza configuration files", run);
 
 }  // namespace zar::tool

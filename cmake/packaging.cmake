@@ -33,8 +33,10 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME zar)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_VENDOR "libzar project")
+# Each package's summary is the first line of its own description, not the
+# project's description, which CPack would put in front of it.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 set(CPACK_PACKAGE_CONTACT "libzar maintainers <libzar@localhost>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_COMPONENTS_ALL runtime dev tools)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -49,26 +51,28 @@ set(ZAR_DEB_EXACT "libzar (= ${PROJECT_VERSION}-1)")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libzar)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${ZAR_DEB_RUNTIME_DEPENDS}")
-# shlibs and the ldconfig trigger, so that programs find libzar.so.1.
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "common support library of the product
- Serviceability messages with status codes, severities and routes to
- streams and rotated log files; XPG message catalogs; a printf engine;
- stanza configuration files; UTC time; UUIDs.")
+# A shlibs file and the ldconfig trigger for the package with the library.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+# The first line of a description is the package's summary.
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "libzar: common support library of the product
+Serviceability messages with status codes, severities and routes to
+streams and rotated log files; XPG message catalogs; a printf engine;
+stanza configuration files; UTC time; UUIDs.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libzar-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${ZAR_DEB_EXACT}, libstdc++-12-dev | libstdc++-dev")
 set(CPACK_DEBIAN_DEV_DESCRIPTION "libzar: headers, static library, CMake package, pkg-config file
- What programs that use libzar are built with: find_package(zar) gives
- zar::zar and zar::zar_static; pkg-config --cflags --libs zar.")
+What programs that use libzar are built with: find_package(zar) gives
+zar::zar and zar::zar_static; pkg-config --cflags --libs zar.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zar-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${ZAR_DEB_EXACT}, ${ZAR_DEB_RUNTIME_DEPENDS}")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "bash-completion")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "libzar administration tool: zar
- Reads, merges, filters and follows the library's log files (zar log show),
- shows and checks routes, prints message texts, edits stanza files, and
- prints times and UUIDs.")
+Reads, merges, filters and follows the library's log files (zar log show),
+shows and checks routes, prints message texts, edits stanza files, and
+prints times and UUIDs.")
 include(CPack)

@@ -46,7 +46,14 @@ run_examples() {  # dir-with-binaries how
     case "$(basename "$exe")" in *.*) continue ;; esac
     n=$((n + 1))
     if [ "$(basename "$exe")" = errtext_demo ] || [ "$(basename "$exe")" = errtext_static ]; then
-      out=$(env -u NLSPATH -u QVNLZDIR LC_ALL=C "$exe") || fail "$2: errtext_demo failed: $out"
+      # A static program has no library file to find the catalogs from: it
+      # looks in the configured prefix, so a staged tree names its catalogs.
+      if [ "$(basename "$exe")" = errtext_static ]; then
+        out=$(env -u NLSPATH QVNLZDIR="$prefix/share/zar/nls/msg" LC_ALL=C "$exe") ||
+          fail "$2: errtext_static failed: $out"
+      else
+        out=$(env -u NLSPATH -u QVNLZDIR LC_ALL=C "$exe") || fail "$2: errtext_demo failed: $out"
+      fi
       echo "$out" | grep -q "XKJSC0151E   Memory could not be allocated. (kp / wsc)" ||
         fail "$2: errtext_demo printed: $out"
     fi

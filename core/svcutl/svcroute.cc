@@ -8,11 +8,11 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "base/zarlock.h"
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/dceassert.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarlock.h"
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
 #include "platform/sysio.h"
 #include "zar/status.h"
 

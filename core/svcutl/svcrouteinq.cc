@@ -6,9 +6,9 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
 #include "zar/status.h"
 #include "zar/svc.h"
 

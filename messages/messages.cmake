@@ -47,4 +47,4 @@ add_custom_target(zar_catalogs DEPENDS ${ZAR_NLS_BUILD_DIR}/.stamp)
 list(APPEND ZAR_GENERATED_SOURCES ${ZAR_GENERATED_DIR}/msgtables.cc)
 
 install(DIRECTORY ${ZAR_NLS_BUILD_DIR}/ DESTINATION ${CMAKE_INSTALL_DATADIR}/zar/nls/msg
-        PATTERN ".src" EXCLUDE PATTERN ".stamp" EXCLUDE)
+        COMPONENT runtime PATTERN ".src" EXCLUDE PATTERN ".stamp" EXCLUDE)

@@ -215,6 +215,22 @@ ZAR_API void zar_svc_shutdown(void);
  * cannot be opened make their routes write to standard error instead. */
 ZAR_API void zar_svc_routing(const char* setting, unsigned long* status);
 
+/* Where the routes of name come from, as the library would fill them in now:
+ * for a severity name (ERROR ...) its route string; for any other name (a
+ * component) its debug setting "LEVELS:ROUTES". The sources are tried in the
+ * library's order: a setting saved by zar_svc_routing or the debug calls,
+ * the environment (SVC_<SEVERITY>, SVC_<COMPONENT>_DBG without its leading
+ * "component:"), the routing file, the built-in default (severities only).
+ * Returns the source; *spec receives a copy of the text (free() it), or NULL
+ * for ZAR_SVC_SOURCE_NONE. Status 0, 0x106521F7 (no name) or 0x106521F4.
+ * Reads the routing file; takes the serviceability mutex briefly. */
+#define ZAR_SVC_SOURCE_NONE 0
+#define ZAR_SVC_SOURCE_SAVED 1
+#define ZAR_SVC_SOURCE_ENVIRONMENT 2
+#define ZAR_SVC_SOURCE_FILE 3
+#define ZAR_SVC_SOURCE_DEFAULT 4
+ZAR_API int zar_svc_inq_routing(const char* name, char** spec, unsigned long* status);
+
 /* ---- Route types registered at run time -------------------------------------------
  * A program adds destinations of its own: a route type is a name and three
  * callbacks. A route element whose kind word is that name ("COUNTER:warnings"

@@ -45,8 +45,15 @@ run_examples() {  # dir-with-binaries how
     [ -f "$exe" ] && [ -x "$exe" ] || continue
     case "$(basename "$exe")" in *.*) continue ;; esac
     n=$((n + 1))
-    if [ "$(basename "$exe")" = errtext_demo ]; then
-      out=$(env -u NLSPATH -u QVNLZDIR LC_ALL=C "$exe") || fail "$2: errtext_demo failed: $out"
+    if [ "$(basename "$exe")" = errtext_demo ] || [ "$(basename "$exe")" = errtext_static ]; then
+      # A static program has no library file to find the catalogs from: it
+      # looks in the configured prefix, so a staged tree names its catalogs.
+      if [ "$(basename "$exe")" = errtext_static ]; then
+        out=$(env -u NLSPATH QVNLZDIR="$prefix/share/zar/nls/msg" LC_ALL=C "$exe") ||
+          fail "$2: errtext_static failed: $out"
+      else
+        out=$(env -u NLSPATH -u QVNLZDIR LC_ALL=C "$exe") || fail "$2: errtext_demo failed: $out"
+      fi
       echo "$out" | grep -q "XKJSC0151E   Memory could not be allocated. (kp / wsc)" ||
         fail "$2: errtext_demo printed: $out"
     fi
@@ -72,6 +79,11 @@ for f in "$src"/examples/*.cc; do
   "$cxx" -std=c++17 $sanflags $cflags "$f" -o "$tmp/pc/$stem" $libs -Wl,-rpath,"$prefix/$libdir" ||
     fail "pkg-config build of $stem"
 done
+# A C program and the static library, with what pkg-config --static adds.
+static_libs=$(pkg-config --static --libs zar | sed "s|-lzar\b|$prefix/$libdir/libzar.a|")
+# shellcheck disable=SC2086
+"$cc" -std=c99 $sanflags $cflags "$src/examples/errtext_demo.c" -o "$tmp/pc/errtext_static" \
+  $static_libs || fail "pkg-config --static build of a C program"
 run_examples "$tmp/pc" pkg-config
 
 # 2. find_package(zar).

@@ -44,6 +44,23 @@ if command -v xmllint >/dev/null; then
   [ "$(xmllint --xpath 'count(//Param)' "$tmp/doc.xml")" = 3 ] || fail "Param lines"
 fi
 
+# zar routes: each list and where it comes from; --check says where a text is wrong.
+out=$(KP_SVC_ROUTING_FILE=$tmp/routing SVC_WARNING=STDOUT: SVC_WSC_DBG=wsc:core.3:STDERR: "$zar" routes)
+for want in "ERROR +routing file +TEXTFILE:$tmp/file.log" "WARNING +environment +STDOUT:" \
+            "FATAL +default +STDERR:" "wsc +environment +core.3:STDERR:" "wsd +none "; do
+  echo "$out" | grep -Eq "^$want" || fail "zar routes: no '$want' in: $out"
+done
+for t in "TEXTFILE.5:/x|11" "stderr:|1" "wsc:nosub.3|5" "wsc:*.12|7" "ERROR:XMLFILE:/tmp/a%s|21"; do
+  rc=0
+  "$zar" routes --check "${t%|*}" >"$tmp/check" || rc=$?
+  [ $rc = 1 ] && grep -q "^error at column ${t#*|}:" "$tmp/check" || fail "check ${t%|*}: $(cat "$tmp/check")"
+done
+"$zar" routes --check 'WARN:GOESTO:ERROR;TEXTFILE.3.10:/tmp/x_%d.log' | tail -1 | grep -qx ok ||
+  fail "a good route string refused"
+[ "$("$zar" version)" = "$("$zar" --version)" ] && "$zar" version | grep -q "^zar (libzar) [0-9]" ||
+  fail "zar --version"
+"$zar" log --list | grep -Eq "^wsd +5  srvshlib " || fail "zar log --list"
+
 usage_errors log "" "--sev bogus 0x38C52097" "--comp abc 0x38C52097" "--sub 3 0x38C52097" \
   "--sub x 0x38C52097" "0x38C5209C open x" "0x38C5209C open" "0x38C52097 extra" "nonsense" \
   "--bogus 0x38C52097"

@@ -22,7 +22,9 @@ expect 1 "" "$conf" get nostanza port
 expect 1 "" "$conf" list nostanza
 expect 0 "" "$conf" set server port 8080
 expect 0 "" "$conf" set server tls on
-expect 0 "" "$conf" set cache size 10
+expect 1 "" "$conf" set cache size 10
+grep -q "no stanza \[cache\] (give --create" "$tmp/err" || fail "unknown stanza: $(cat "$tmp/err")"
+expect 0 "" "$conf" set --create cache size 10
 expect 0 "" "$conf" delete log level
 expect 1 "" "$conf" delete log level
 expect 0 "" "$conf" validate
@@ -46,6 +48,9 @@ cp "$conf" "$tmp/before"
 expect 1 "" "$conf" set server 'a=b' x
 grep -q XKJSC0167E "$tmp/err" || fail "no message for a bad name: $(cat "$tmp/err")"
 expect 1 "" "$conf" set 'x]y' k v
+for bad in "server k a#b" "server k ' v'" "server k 'v '" "server k $'a\nb'" "' s' k v"; do
+  eval "expect 2 '' \"\$conf\" set $bad"
+done
 cmp -s "$conf" "$tmp/before" || fail "a refused edit changed the file"
 
 # validate: exit 1 with the library's message on the first bad line.

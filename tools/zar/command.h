@@ -30,6 +30,9 @@ void printUsage(const Command& cmd);
 bool parseUnsigned(const char* text, unsigned long long max, unsigned long long* out);
 bool parseSigned(const char* text, long long* out);
 
+// zar log show (logshow.cc): argv[0] is "show".
+int runLogShow(int argc, char** argv);
+
 }  // namespace zar::tool
 
 #define ZAR_TOOL_CONCAT2(a, b) a##b

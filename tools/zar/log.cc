@@ -105,14 +105,38 @@ int scanText(const char* text, Slot slots[kMaxArgs + 1], std::string* why) {
     }
     Want want;
     switch (*p) {
-      case 'd': case 'i': want = Want::kSigned; break;
-      case 'o': case 'u': case 'x': case 'X': want = Want::kUnsigned; break;
-      case 'c': want = Want::kChar; break;
-      case 'C': want = Want::kSigned; break;
-      case 's': want = Want::kString; break;
-      case 'S': want = Want::kWide; break;
-      case 'p': want = Want::kPointer; break;
-      case 'e': case 'E': case 'f': case 'g': case 'G': want = Want::kDouble; break;
+      case 'd':
+      case 'i':
+        want = Want::kSigned;
+        break;
+      case 'o':
+      case 'u':
+      case 'x':
+      case 'X':
+        want = Want::kUnsigned;
+        break;
+      case 'c':
+        want = Want::kChar;
+        break;
+      case 'C':
+        want = Want::kSigned;
+        break;
+      case 's':
+        want = Want::kString;
+        break;
+      case 'S':
+        want = Want::kWide;
+        break;
+      case 'p':
+        want = Want::kPointer;
+        break;
+      case 'e':
+      case 'E':
+      case 'f':
+      case 'g':
+      case 'G':
+        want = Want::kDouble;
+        break;
       default:  // not a conversion the formatting knows: it takes nothing
         if (*p == '\0') --p;
         continue;
@@ -259,22 +283,29 @@ void printWith(const Call& c, const Kind* kinds, const Value* values, int n, Ts.
     zar_svc__debug_withfile(c.handle, kRecordFile, __LINE__, c.subcomp, c.debugLevel, c.format,
                             done...);
   } else {
-    zar_svc_printf_withfile(c.handle, kRecordFile, __LINE__, c.argtypes, c.subcomp,
-                            c.attributes, c.code, done...);
+    zar_svc_printf_withfile(c.handle, kRecordFile, __LINE__, c.argtypes, c.subcomp, c.attributes,
+                            c.code, done...);
   }
 }
 
 // The conversion that describes an argument in the record's argument types.
 const char* typeOf(const Slot& slot) {
   switch (slot.want) {
-    case Want::kUnsigned: return slot.longSize ? "%lu" : "%u";
-    case Want::kChar: return "%c";
-    case Want::kString: return "%s";
-    case Want::kWide: return "%S";
-    case Want::kPointer: return "%p";
-    case Want::kDouble: return "%f";
+    case Want::kUnsigned:
+      return slot.longSize ? "%lu" : "%u";
+    case Want::kChar:
+      return "%c";
+    case Want::kString:
+      return "%s";
+    case Want::kWide:
+      return "%S";
+    case Want::kPointer:
+      return "%p";
+    case Want::kDouble:
+      return "%f";
     case Want::kNone:
-    case Want::kSigned: break;
+    case Want::kSigned:
+      break;
   }
   return slot.longSize ? "%ld" : "%d";
 }
@@ -294,7 +325,26 @@ uint32_t severityOf(const char* name) {
   return 0;
 }
 
+// The product's components and their sub-components by index, as --comp and
+// --sub take them and as records name them.
+int listComponents() {
+  static const struct {
+    const char* name;
+    const zar_svc_subcomp* table;
+  } kComponents[] = {{"wsc", zarsv_client_svc_table},
+                     {"wsd", zarsv_deploy_svc_table},
+                     {"wsi", zarsv_if_svc_table}};
+  printf("%-10s %5s  %-12s %s\n", "component", "index", "sub", "description");
+  for (const auto& c : kComponents) {
+    for (uint32_t i = 0; c.table[i].name != nullptr; ++i)
+      printf("%-10s %5u  %-12s %s\n", c.name, i, c.table[i].name, c.table[i].description);
+  }
+  return 0;
+}
+
 int runLog(const Command& self, int argc, char** argv) {
+  if (argc >= 2 && strcmp(argv[1], "show") == 0) return runLogShow(argc - 1, argv + 1);
+  if (argc == 2 && strcmp(argv[1], "--list") == 0) return listComponents();
   uint32_t severity = 0;
   const char* comp = "wsc";
   const char* subText = "0";
@@ -332,11 +382,11 @@ int runLog(const Command& self, int argc, char** argv) {
   if (debugLevel != 0 && (severity != 0 || extra != 0))
     return usageError(self, "--debug takes no --sev, --brief or --stderr");
   if (severity == 0) severity = svc_c_sev_error;
-  if (i >= argc) return usageError(self, debugLevel != 0 ? "no format given" : "no status code given");
+  if (i >= argc)
+    return usageError(self, debugLevel != 0 ? "no format given" : "no status code given");
   unsigned long long code = 0;
   if (debugLevel == 0 && !parseUnsigned(argv[i], 0xFFFFFFFFull, &code))
-    return usageError(self, "'%s' is not a status code (decimal, or hexadecimal with 0x)",
-                      argv[i]);
+    return usageError(self, "'%s' is not a status code (decimal, or hexadecimal with 0x)", argv[i]);
   const char* format = argv[i];
   ++i;
 
@@ -408,11 +458,12 @@ int runLog(const Command& self, int argc, char** argv) {
 }  // namespace
 
 ZAR_TOOL_COMMAND("log",
-                 "[--sev fatal|error|warning|notice|verbose] [--comp wsc|wsd|wsi] [--sub N|NAME] "
+                 "show [OPTIONS] PATH... | --list | [--sev fatal|error|warning|notice|verbose] "
+                 "[--comp wsc|wsd|wsi] [--sub N|NAME] "
                  "[--brief] [--stderr] CODE [ARG...] | --debug LEVEL [--comp C] [--sub N|NAME] "
                  "FORMAT [ARG...]",
-                 "print a serviceability message by status code, or a debug message, routed as "
-                 "configured",
+                 "read, filter and follow log files (show); list the components (--list); print "
+                 "a serviceability or debug message, routed as configured",
                  runLog);
 
 }  // namespace zar::tool

@@ -20,7 +20,9 @@ std::vector<Command>& registry() {
 }
 
 void printHelp(FILE* out) {
-  fprintf(out, "usage: zar COMMAND [ARGS...]\n       zar COMMAND --help\n\ncommands:\n");
+  fprintf(out,
+          "usage: zar COMMAND [ARGS...]\n       zar COMMAND --help\n       zar --version\n\n"
+          "commands:\n");
   std::vector<Command> sorted = registry();
   std::sort(sorted.begin(), sorted.end(),
             [](const Command& a, const Command& b) { return strcmp(a.name, b.name) < 0; });
@@ -34,7 +36,9 @@ bool registerCommand(const Command& cmd) {
   return true;
 }
 
-void printUsage(const Command& cmd) { printf("usage: zar %s %s\n", cmd.name, cmd.synopsis); }
+void printUsage(const Command& cmd) {
+  printf("usage: zar %s %s\n", cmd.name, cmd.synopsis);
+}
 
 int usageError(const Command& cmd, const char* fmt, ...) {
   fprintf(stderr, "zar %s: ", cmd.name);
@@ -73,6 +77,10 @@ int main(int argc, char** argv) {
   if (argc < 2) {
     zar::tool::printHelp(stderr);
     return 2;
+  }
+  if (strcmp(argv[1], "--version") == 0 || strcmp(argv[1], "version") == 0) {
+    printf("zar (libzar) %s\n", ZAR_TOOL_VERSION);
+    return 0;
   }
   if (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0 ||
       strcmp(argv[1], "help") == 0) {

@@ -2,14 +2,19 @@
 //
 //   zar stanza [--nowait] FILE list [STANZA]
 //   zar stanza [--nowait] FILE get STANZA ENTRY
-//   zar stanza [--nowait] FILE set STANZA ENTRY VALUE
+//   zar stanza [--nowait] FILE set [--create] STANZA ENTRY VALUE
 //   zar stanza [--nowait] FILE delete STANZA [ENTRY]
 //   zar stanza [--nowait] FILE validate
+//
+// set refuses a stanza that is not there unless --create is given (a typing
+// error would otherwise add a stanza), and a value or name that the file
+// format cannot hold as written: it would be read back differently.
 //
 // Reads take the shared lock, edits the exclusive lock, each for the whole
 // command; --nowait fails at once when another process holds the file.
 // Exit status: 0 done, 1 failed or not found (with a message on standard
 // error), 2 bad usage.
+#include <ctype.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -74,10 +79,29 @@ int get(const char* path, zarStzFile* f, const char* stanza, const char* entry) 
   return 0;
 }
 
-int set(const char* path, zarStzFile* f, const char* stanza, const char* entry,
-        const char* value) {
+// Why text cannot be written as a stanza name, entry name or value (what),
+// or null when it can: a line break ends the line, '#' starts a comment, the
+// reader drops blanks around names and values. (The library itself refuses
+// ']' in a stanza name and '=' in an entry name.)
+const char* unwritable(const char* text, char what) {
+  size_t len = strlen(text);
+  if (strpbrk(text, "\n\r") != nullptr) return "contains a line break";
+  if (strchr(text, '#') != nullptr) return "contains '#', which starts a comment";
+  if (len > 0 && (isblank(static_cast<unsigned char>(text[0])) ||
+                  isblank(static_cast<unsigned char>(text[len - 1]))))
+    return "starts or ends with a blank, which reading drops";
+  if (what != 'v' && len == 0) return "is empty";
+  return nullptr;
+}
+
+int set(const char* path, zarStzFile* f, const char* stanza, const char* entry, const char* value,
+        bool create) {
   if (!zarStzMoveStanza(f, stanza)) {
     if (f->status != 0) return failure(path, f->status);
+    if (!create) {
+      fprintf(stderr, "zar stanza: %s: no stanza [%s] (give --create to add it)\n", path, stanza);
+      return 1;
+    }
     zarStzAddStanza(f, stanza);
     if (f->status != 0) return failure(path, f->status);
   }
@@ -105,7 +129,7 @@ int run(const Command& self, int argc, char** argv) {
   const char* path = argv[i];
   const char* action = argv[i + 1];
   char** args = argv + i + 2;
-  const int nargs = argc - i - 2;
+  int nargs = argc - i - 2;
 
   struct Action {
     const char* name;
@@ -113,7 +137,7 @@ int run(const Command& self, int argc, char** argv) {
     bool edit;
   };
   static const Action kActions[] = {
-      {"list", 0, 1, false}, {"get", 2, 2, false}, {"set", 3, 3, true},
+      {"list", 0, 1, false},  {"get", 2, 2, false},      {"set", 3, 3, true},
       {"delete", 1, 2, true}, {"validate", 0, 0, false},
   };
   const Action* a = nullptr;
@@ -121,9 +145,24 @@ int run(const Command& self, int argc, char** argv) {
     if (strcmp(candidate.name, action) == 0) a = &candidate;
   }
   if (a == nullptr) return usageError(self, "unknown action '%s'", action);
-  if (nargs < a->minArgs || nargs > a->maxArgs)
+  if (nargs < a->minArgs || nargs > a->maxArgs + (a->edit ? 1 : 0))
     return usageError(self, "wrong number of arguments for '%s'", action);
 
+  bool create = false;
+  if (a->edit && nargs > 0 && strcmp(args[0], "--create") == 0 && action[0] == 's') {
+    create = true;
+    ++args;
+    --nargs;
+  }
+  if (nargs < a->minArgs || nargs > a->maxArgs)
+    return usageError(self, "wrong number of arguments for '%s'", action);
+  if (action[0] == 's') {
+    const char* names[] = {"stanza name", "entry name", "value"};
+    for (int k = 0; k < 3; ++k) {
+      if (const char* why = unwritable(args[k], "sev"[k]))
+        return usageError(self, "the %s '%s' %s", names[k], args[k], why);
+    }
+  }
   // The user's locale (names and values are in its code page), the program
   // name of the records, and the components that log the library's messages.
   zarmsg_init("zar", 0);
@@ -138,7 +177,7 @@ int run(const Command& self, int argc, char** argv) {
     case 'g':
       return get(path, f, arg0, arg1);
     case 's':
-      return set(path, f, arg0, arg1, args[2]);
+      return set(path, f, arg0, arg1, args[2], create);
     case 'd':
       return remove(path, f, arg0, arg1);
     default:
@@ -148,9 +187,10 @@ int run(const Command& self, int argc, char** argv) {
 
 }  // namespace
 
-ZAR_TOOL_COMMAND("stanza",
-                 "[--nowait] FILE list [STANZA] | get STANZA ENTRY | set STANZA ENTRY VALUE | "
-                 "delete STANZA [ENTRY] | validate",
-                 "read and edit stanza configuration files", run);
+ZAR_TOOL_COMMAND(
+    "stanza",
+    "[--nowait] FILE list [STANZA] | get STANZA ENTRY | set [--create] STANZA ENTRY VALUE | "
+    "delete STANZA [ENTRY] | validate",
+    "read and edit stanza configuration files", run);
 
 }  // namespace zar::tool

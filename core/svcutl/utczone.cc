@@ -22,6 +22,7 @@
 #include "core/svcutl/utcapi.h"
 #include "core/zarlock.h"
 #include "core/zarmem.h"
+#include "platform/secenv.h"
 #include "platform/sysio.h"
 
 namespace zar::utc {
@@ -522,7 +523,7 @@ __attribute__((noinline)) void rebuildZone(const char* tz) {
 
 // Brings the state up to date with TZ. REQUIRES: gZone.mu.
 void updateZone() {
-  const char* tz = getenv("TZ");
+  const char* tz = zar::env::get("TZ");
   if (tz != nullptr) {
     if (gZone.prevTz != nullptr && strcmp(tz, gZone.prevTz) == 0) return;
   } else if (gZone.lclIsSet && !gZone.fromTz) {

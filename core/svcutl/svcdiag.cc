@@ -9,6 +9,7 @@
 
 #include "core/rawlog.h"
 #include "core/svcutl/svcint.h"
+#include "core/zarmem.h"
 #include "platform/secenv.h"
 
 namespace zar::svc {
@@ -19,6 +20,14 @@ namespace {
 // often its empty list is filled in again.
 uint32_t gReportedSeverities = 0;  // guarded by the serviceability mutex
 std::atomic<bool> gReportedRoutingFile{false};
+
+// The routes made from a setting of the environment or the routing file.
+// Route records are never freed, so their addresses identify them for good.
+struct Marked {
+  const zar_svc_route_s** routes = nullptr;  // guarded by the serviceability mutex
+  size_t count = 0;                          // guarded by the serviceability mutex
+};
+Marked gMarked;
 
 bool isFileKindWord(const char* word, size_t len) {
   for (const char* k : {"TEXTFILE", "UTF8FILE", "XMLFILE", "FILE"}) {
@@ -69,6 +78,24 @@ int badRoutePosition(const char* text) {
     while (*p == ';') ++p;
   }
   return 0;
+}
+
+void markRoutesFromSetting(const svc_route_list* list) {
+  for (int32_t i = 0; i < list->count; ++i) {
+    if (!isFileKind(list->routes[i]->kind) || fromSetting(list->routes[i])) continue;
+    auto grown = static_cast<const zar_svc_route_s**>(
+        mem::realloc(gMarked.routes, (gMarked.count + 1) * sizeof(zar_svc_route_s*)));
+    if (grown == nullptr) return;  // only a notice is lost
+    gMarked.routes = grown;
+    gMarked.routes[gMarked.count++] = list->routes[i];
+  }
+}
+
+bool fromSetting(const zar_svc_route_s* route) {
+  for (size_t i = 0; i < gMarked.count; ++i) {
+    if (gMarked.routes[i] == route) return true;
+  }
+  return false;
 }
 
 void reportUnreadableRoutingFile(const char* path, int err) {

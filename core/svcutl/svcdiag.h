@@ -14,6 +14,8 @@
 
 #include <stdint.h>
 
+#include "zar/svc.h"
+
 namespace zar::svc {
 
 // Where a setting came from: an environment variable, or a line of the
@@ -46,6 +48,12 @@ void reportBadSeverityRoutes(int severity, const SettingSource& src, const char*
 // 1-based in text. Mutex held.
 void reportBadDebugSetting(const char* component, const SettingSource& src, const char* text,
                            const char* what, int position);
+
+// Marks the routes of list as made from a setting of the environment or the
+// routing file: a log file of theirs that cannot be opened is reported.
+// Mutex held.
+void markRoutesFromSetting(const svc_route_list* list);
+bool fromSetting(const struct zar_svc_route_s* route);  // mutex held
 
 // A log file could not be opened (err is the errno; refusedLink when it is a
 // symbolic link planted by another user): the route writes to standard error

@@ -340,7 +340,8 @@ void zar_svc__check_open(svc_route* route) {
         // The file cannot be had: the route writes as its fallback kind from
         // now on, and the record is stripped of its name for good. Where that
         // loses the messages, or a planted link was refused, it is said.
-        if (record->name != nullptr && (refused || route->fallback == kRouteDiscard))
+        if (record->name != nullptr &&
+            (refused || (route->fallback == kRouteDiscard && fromSetting(route))))
           reportLogFileUnusable(record->name, err, refused, route->fallback == kRouteDiscard);
         zar::mem::free(record->name);
         zar::mem::free(record->nameFormat);

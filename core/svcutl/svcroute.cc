@@ -359,6 +359,7 @@ void zar_svc__fillin(uint32_t attributes, unsigned long* status) {
   if (text == nullptr) text = sev <= 2 ? "STDERR:" : "DISCARD:";
   svc_route_list* list = &gSvc.routes[sev];
   zar_svc__open_routes(list, zar::svc::kRouteDiscard, text, status);
+  if (source.known()) zar::svc::markRoutesFromSetting(list);
   if (status != nullptr && zar::statusCode(*status) == ZAR_S_SVC_BAD_ROUTE)
     zar::svc::reportBadSeverityRoutes(sev, source, text, list->count);
 }

@@ -10,12 +10,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-
+#include "core/svcutl/svcprod.h"
 #include "core/zarlock.h"
 #include "core/zarmem.h"
 #include "core/zarstatus.h"
 #include "core/zarstzjournal.h"
-#include "core/svcutl/svcprod.h"
 #include "platform/sysio.h"
 #include "zar/nls.h"
 #include "zar/status.h"
@@ -33,7 +32,6 @@ constexpr char kRecordName[] = "core/zarstanza";
 #define ZAR_STZ_LOG(code, argTypes, ...)                                                       \
   zar_svc_printf_withfile(::zar::svc::clientHandle(), kRecordName, __LINE__, argTypes, 0, \
                           svc_c_sev_error, code, __VA_ARGS__)
-
 
 // ---- Record helpers --------------------------------------------------------
 

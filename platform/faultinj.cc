@@ -73,7 +73,9 @@ void armCrash(int opMask, long k) noexcept {
   internal::gArmedMask.fetch_or(opMask);
 }
 
-void setSyncHook(void (*hook)(int fd)) noexcept { gSyncHook.store(hook); }
+void setSyncHook(void (*hook)(int fd)) noexcept {
+  gSyncHook.store(hook);
+}
 
 void synced(int fd) noexcept {
   if (auto hook = gSyncHook.load(std::memory_order_relaxed)) hook(fd);

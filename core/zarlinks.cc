@@ -6,7 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "core/zarmem.h"
+#include "base/zarmem.h"
 #include "platform/sysio.h"
 
 namespace zar::links {

@@ -7,8 +7,8 @@
 
 #include <atomic>
 
-#include "core/zarlock.h"
-#include "core/zarmem.h"
+#include "base/zarlock.h"
+#include "base/zarmem.h"
 #include "platform/nlz.h"
 #include "platform/qumbra.h"
 #include "platform/secenv.h"

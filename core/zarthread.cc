@@ -12,8 +12,8 @@
 #include <sys/time.h>
 #include <time.h>
 
-#include "core/zarlock.h"
-#include "core/zarmem.h"
+#include "base/zarlock.h"
+#include "base/zarmem.h"
 #include "zar/thread.h"
 
 namespace zar::thread {

@@ -24,8 +24,8 @@
 
 #include <algorithm>
 
-#include "core/zarlock.h"
-#include "core/zarmem.h"
+#include "base/zarlock.h"
+#include "base/zarmem.h"
 #include "platform/nlz.h"
 #include "platform/nlzint.h"
 #include "platform/secenv.h"

@@ -17,9 +17,9 @@
 #include <pthread.h>
 #include <string.h>
 
-#include "core/zarlock.h"
-#include "core/zarmem.h"
-#include "platform/faultinj.h"
+#include "base/faultinj.h"
+#include "base/zarlock.h"
+#include "base/zarmem.h"
 #include "platform/nlz.h"
 
 namespace {

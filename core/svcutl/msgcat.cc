@@ -16,11 +16,11 @@
 
 #include <atomic>
 
+#include "base/zarlock.h"
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/msgint.h"
 #include "core/svcutl/svcnls.h"
-#include "core/zarlock.h"
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
 #include "platform/nlz.h"
 #include "zar/status.h"
 

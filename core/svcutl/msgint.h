@@ -38,7 +38,7 @@ void zar__error_inq_isv(uint32_t code, char* buffer, int* status);
 // KPSVC_DEBUG_MSG, the UTF-8 handle, the catalog data directory).
 void zar_msg__init_mutex(void);
 // Release the message lock or the catalog lock (for callers that hold them
-// without the guards of core/zarlock.h).
+// without the guards of base/zarlock.h).
 void zar_msg__cleanup_mutex(void);
 void zar_msg__cleanup_cat_mutex(void);
 

@@ -6,11 +6,11 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "base/zarlock.h"
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/msgint.h"
 #include "core/svcutl/svcnls.h"
-#include "core/zarlock.h"
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
 #include "platform/nlz.h"
 #include "platform/qumbra.h"
 #include "platform/secenv.h"

@@ -5,10 +5,10 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/svcdiag.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
 #include "platform/secenv.h"
 #include "zar/status.h"
 

@@ -7,9 +7,9 @@
 
 #include <atomic>
 
-#include "core/rawlog.h"
+#include "base/rawlog.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarmem.h"
+#include "base/zarmem.h"
 #include "platform/secenv.h"
 
 namespace zar::svc {

@@ -15,10 +15,10 @@
 
 #include <atomic>
 
+#include "base/zarlock.h"
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarlock.h"
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
 #include "zar/status.h"
 
 namespace zar::svc {

@@ -10,13 +10,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "core/rawlog.h"
+#include "base/rawlog.h"
+#include "base/zarlock.h"
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/svcdiag.h"
 #include "core/svcutl/svcint.h"
 #include "core/zarlinks.h"
-#include "core/zarlock.h"
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
 #include "platform/sysio.h"
 #include "zar/status.h"
 

@@ -10,9 +10,9 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "base/zarlock.h"
+#include "base/zarmem.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarlock.h"
-#include "core/zarmem.h"
 #include "platform/sysio.h"
 
 namespace zar::svc {

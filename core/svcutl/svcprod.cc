@@ -3,8 +3,8 @@
 // tables are generated from messages/*.msg.
 #include "core/svcutl/svcprod.h"
 
+#include "base/zarstatus.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarstatus.h"
 
 extern "C" {
 

@@ -4,10 +4,10 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "base/zarlock.h"
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarlock.h"
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
 #include "platform/secenv.h"
 #include "zar/msg.h"
 #include "zar/status.h"

@@ -8,12 +8,12 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "base/zarlock.h"
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/dceassert.h"
 #include "core/svcutl/svcdiag.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarlock.h"
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
 #include "platform/secenv.h"
 #include "platform/sysio.h"
 #include "zar/status.h"

@@ -7,8 +7,8 @@
 #include <stdarg.h>
 #include <string.h>
 
+#include "base/zarmem.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarmem.h"
 #include "zar/status.h"
 
 namespace zar::svc {

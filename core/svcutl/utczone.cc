@@ -19,9 +19,9 @@
 
 #include <algorithm>
 
+#include "base/zarlock.h"
+#include "base/zarmem.h"
 #include "core/svcutl/utcapi.h"
-#include "core/zarlock.h"
-#include "core/zarmem.h"
 #include "platform/secenv.h"
 #include "platform/sysio.h"
 

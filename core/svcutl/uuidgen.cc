@@ -27,9 +27,9 @@
 
 #include <atomic>
 
+#include "base/zarlock.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/uuidgen.h"
-#include "core/zarlock.h"
-#include "core/zarstatus.h"
 #include "platform/sysio.h"
 #include "zar/status.h"
 #include "zar/utc.h"

@@ -12,7 +12,7 @@
 #include <string.h>
 #include <atomic>
 
-#include "platform/faultinj.h"
+#include "base/faultinj.h"
 #include "tests/stress/driver.h"
 #include "tests/testutil/testutil.h"
 #include "zar/stanza.h"

@@ -13,8 +13,8 @@
 //   frame ends the process).
 // - Destructors never reach a cancellation point. Where one must close a file
 //   or stream, it disables cancellation first (CancelDisabled).
-#ifndef ZAR_CORE_ZARLOCK_H_
-#define ZAR_CORE_ZARLOCK_H_
+#ifndef ZAR_BASE_ZARLOCK_H_
+#define ZAR_BASE_ZARLOCK_H_
 
 #include <pthread.h>
 
@@ -93,4 +93,4 @@ class CancelDisabled {
 
 }  // namespace zar
 
-#endif  // ZAR_CORE_ZARLOCK_H_
+#endif  // ZAR_BASE_ZARLOCK_H_

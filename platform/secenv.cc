@@ -6,6 +6,8 @@
 #include <sys/auxv.h>
 #include <unistd.h>
 
+#include "base/rawlog.h"
+
 extern char** environ;
 
 namespace zar::env {
@@ -68,8 +70,8 @@ bool zoneOutside(const char* value) {
   return value[0] == '/' && !startsWith(value, kZoneDir);
 }
 
-// Writes the notice naming the ignored variables. Raw write(2): this layer
-// sits below the library's logging.
+// Writes the notice naming the ignored variables, through the raw path: this
+// layer sits below the library's logging.
 void sayIgnored() {
   if (environ == nullptr) return;
   char line[1024];
@@ -98,14 +100,8 @@ void sayIgnored() {
     put(name, len);
   }
   if (!any) return;
-  line[n++] = '\n';
-  const char* p = line;
-  while (n > 0) {
-    ssize_t w = ::write(STDERR_FILENO, p, n);
-    if (w <= 0) break;
-    p += w;
-    n -= static_cast<size_t>(w);
-  }
+  line[n] = '\0';
+  rawLog("%s\n", line);
 }
 
 pthread_once_t gNoticeOnce = PTHREAD_ONCE_INIT;

@@ -21,8 +21,8 @@
 const zar_msg_table* zar_msg_g_curr_table = zar_msg_g_compiled_table;
 uint32_t zar_msg_g_table_size = 3;
 uint32_t zar_msg_g_noxpgcat = 0;
-pthread_mutex_t zar_msg_g_mutex = PTHREAD_MUTEX_INITIALIZER;
-pthread_mutex_t zar_msgcat_g_mutex = PTHREAD_MUTEX_INITIALIZER;
+zar::Mutex zar_msg_g_mutex = PTHREAD_MUTEX_INITIALIZER;
+zar::Mutex zar_msgcat_g_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
@@ -125,7 +125,7 @@ void zar_msg_define_msg_table(const zar_msg_entry* entries, uint32_t count,
     zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
     return;
   }
-  zar::MutexLock lock(&zar_msg_g_mutex);
+  zar::MutexLock lock(zar_msg_g_mutex);
   // Each array starts with a link to the one it replaces, so that replaced
   // arrays stay reachable (they are never freed; see below).
   void* block = zar::mem::allocZero(1, sizeof(void*) + (zar_msg_g_table_size + 1) * sizeof(zar_msg_table));
@@ -193,7 +193,7 @@ char* zar_msg_get_msg(uint32_t code, unsigned long* status) {
     zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
     return nullptr;
   }
-  zar::MutexLock lock(&zar_msg_g_mutex);
+  zar::MutexLock lock(zar_msg_g_mutex);
   unsigned long st = ZAR_S_OK;
   char* text = zar::msg::copyCatalogText(code, &st);
   if (text != nullptr) {
@@ -226,7 +226,7 @@ char* zar_msg_get_msg_utf8(uint32_t code, unsigned long* status) {
     zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
     return nullptr;
   }
-  zar::MutexLock lock(&zar_msg_g_mutex);
+  zar::MutexLock lock(zar_msg_g_mutex);
   const char* found = zar_msg_get_default_msg(code, &st);
   zar::setStatus(status, static_cast<uint32_t>(st));
   return copyOrUnknown(found, code, status);

@@ -42,7 +42,7 @@ class LevelTeller {
   LevelTeller& operator=(const LevelTeller&) = delete;
 
   // Mutex held. Takes the callbacks of the moment; false when memory is short.
-  bool snapshotCallbacks() {
+  bool snapshotCallbacks() ZAR_REQUIRES(zar::svc::gSvc.mutex) {
     if (!collect_ || gSvc.nCallbacks == 0) return true;
     callbacks_ = static_cast<zar_svc_level_fn*>(
         mem::alloc(gSvc.nCallbacks * sizeof(zar_svc_level_fn)));
@@ -63,7 +63,8 @@ class LevelTeller {
     return true;
   }
   // Mutex held; after reserve().
-  void levelSet(const char* component, const zar_svc_subcomp& entry, uint32_t level) {
+  void levelSet(const char* component, const zar_svc_subcomp& entry, uint32_t level)
+      ZAR_REQUIRES(zar::svc::gSvc.mutex) {
     if (collect_) {
       if (nCallbacks_ != 0) notes_[count_++] = LevelNote{entry.name, entry.description_id, level};
       return;
@@ -105,8 +106,8 @@ int readLevel(const char* text) {
 
 // Mutex held. Sets one entry's level and tells it; false when memory is
 // short for the note (nothing is set then).
-bool setLevel(zar_svc_handle handle, zar_svc_subcomp* entry, uint32_t level,
-              LevelTeller* teller, bool callbacks) {
+bool setLevel(zar_svc_handle handle, zar_svc_subcomp* entry, uint32_t level, LevelTeller* teller,
+              bool callbacks) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   if (callbacks && !teller->reserve()) return false;
   entry->level = (entry->level & kKeptLevelBits) | level;
   if (callbacks) teller->levelSet(handle->component, *entry, level);
@@ -115,8 +116,8 @@ bool setLevel(zar_svc_handle handle, zar_svc_subcomp* entry, uint32_t level,
 
 // Mutex held. Applies a level list item by item; returns the status (the
 // items before a bad one stay applied).
-uint32_t applyLevels(zar_svc_handle handle, const char* levels, bool callbacks,
-                     LevelTeller* teller) {
+uint32_t applyLevels(zar_svc_handle handle, const char* levels, bool callbacks, LevelTeller* teller)
+    ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   if (levels == nullptr || *levels == '\0') return 0;
   mem::Unique<char> copy(mem::strDup(levels));
   if (!copy) return ZAR_S_SVC_NO_MEMORY;

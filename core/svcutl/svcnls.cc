@@ -50,7 +50,7 @@ struct NlsState {
   pthread_key_t codePageKey;        // thread's CodePageCell
   bool codePageKeyMade = false;     // written in codePageOnce only
 
-  pthread_mutex_t utf8Mu = PTHREAD_MUTEX_INITIALIZER;
+  zar::Mutex utf8Mu = PTHREAD_MUTEX_INITIALIZER;
   std::atomic<bool> utf8Done{false};  // set under utf8Mu once the handle exists
 };
 
@@ -155,7 +155,7 @@ void zar_svc_nls_init(unsigned long* status) {
     zar::setStatus(status, ZAR_S_OK);
     return;
   }
-  zar::MutexLock lock(&gNls.utf8Mu);
+  zar::MutexLock lock(gNls.utf8Mu);
   if (zar_svc_cs_utf8 == nullptr) {
     nlz_cs_t cs = nlz_cs_new(zar_svc_utf8_cs);
     if (cs == nullptr) {

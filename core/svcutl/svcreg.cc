@@ -71,7 +71,7 @@ void ensureInit() {
   if (!gSvc.setup.load(std::memory_order_acquire)) pthread_once(&gOnce, zar_svc__init_mutex);
 }
 
-SvcLock::SvcLock() {
+SvcLock::SvcLock() ZAR_NO_THREAD_SAFETY_ANALYSIS {
   ensureInit();
   pthread_mutex_lock(&gSvc.mutex);
   gSvc.owner.store(pthread_self(), std::memory_order_relaxed);
@@ -113,7 +113,7 @@ void zar_svc__init_mutex(void) {
   zar_svc_nls_init(nullptr);
 }
 
-void zar_svc__cleanup_mutex(void) {
+void zar_svc__cleanup_mutex(void) ZAR_NO_THREAD_SAFETY_ANALYSIS {
   gSvc.owner.store(0, std::memory_order_relaxed);
   pthread_mutex_unlock(&gSvc.mutex);
 }
@@ -190,7 +190,7 @@ ZAR_API zar_svc_handle zar_svc_register(zar_svc_subcomp* table, const char* comp
 }
 
 ZAR_API zar_svc_handle zar_svc_register2(zar_svc_subcomp* table, const char* component,
-                                         unsigned long* status) {
+                                         unsigned long* status) ZAR_NO_THREAD_SAFETY_ANALYSIS {
   zar::svc::ensureInit();
   return zar::svc::registerLocked(table, component, status);
 }

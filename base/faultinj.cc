@@ -1,5 +1,7 @@
 #include "base/faultinj.h"
 
+#include <unistd.h>
+
 namespace zar::fault {
 namespace internal {
 std::atomic<int> gArmedMask{0};
@@ -19,9 +21,22 @@ struct Plan {
 
 Plan gPlans[static_cast<int>(Op::kCount)];
 
+// The crash plan: the operations it counts, and the call that ends the
+// process. Set up in a crash test's child before its scenario runs.
+struct CrashPlan {
+  std::atomic<int> mask{0};
+  std::atomic<long> calls{0};
+  long at = 0;
+};
+CrashPlan gCrash;
+std::atomic<void (*)(int)> gSyncHook{nullptr};
+
 }  // namespace
 
 int internal::checkSlow(Op op) noexcept {
+  if ((gCrash.mask.load(std::memory_order_relaxed) & (1 << static_cast<int>(op))) != 0 &&
+      gCrash.calls.fetch_add(1, std::memory_order_relaxed) + 1 == gCrash.at)
+    _exit(kCrashExit);
   Plan& p = gPlans[static_cast<int>(op)];
   long n = p.calls.fetch_add(1, std::memory_order_relaxed) + 1;
   if (p.failAt == 0) return 0;
@@ -46,7 +61,25 @@ void disarm(Op op) noexcept {
   internal::gArmedMask.fetch_and(~(1 << static_cast<int>(op)));
 }
 
-void disarmAll() noexcept { internal::gArmedMask.store(0); }
+void disarmAll() noexcept {
+  internal::gArmedMask.store(0);
+  gCrash.mask.store(0);
+}
+
+void armCrash(int opMask, long k) noexcept {
+  gCrash.calls.store(0);
+  gCrash.at = k;
+  gCrash.mask.store(opMask);
+  internal::gArmedMask.fetch_or(opMask);
+}
+
+void setSyncHook(void (*hook)(int fd)) noexcept {
+  gSyncHook.store(hook);
+}
+
+void synced(int fd) noexcept {
+  if (auto hook = gSyncHook.load(std::memory_order_relaxed)) hook(fd);
+}
 
 long calls(Op op) noexcept { return gPlans[static_cast<int>(op)].calls.load(); }
 

@@ -27,6 +27,9 @@ enum class Op : int {
   kFcntl,      // fcntl(2) record locks
   kIconv,      // code-set conversion
   kRandom,     // random-byte source
+  kFsync,      // fsync(2) of a file or a directory
+  kTruncate,   // ftruncate(2)
+  kUnlink,     // unlink(2) and link(2): names made and removed in a directory
   kCount
 };
 
@@ -48,6 +51,17 @@ inline int check(Op op) noexcept {
 void arm(Op op, long failAt, bool sticky, int err) noexcept;
 void disarm(Op op) noexcept;
 void disarmAll() noexcept;
+// Crash tests. armCrash ends the process with _exit(kCrashExit) just before
+// the k-th call (from now, 1-based) of any operation whose bit (1 << op) is
+// in opMask: what a SIGKILL or a power cut at that point leaves behind.
+// The hook, when set, is called after every fsync that succeeded, so that a
+// test can keep what a power cut would not lose.
+constexpr int kCrashExit = 86;
+void armCrash(int opMask, long k) noexcept;
+void setSyncHook(void (*hook)(int fd)) noexcept;
+// Called by the fsync wrapper after a successful fsync.
+void synced(int fd) noexcept;
+
 // Calls of op seen since it was armed.
 long calls(Op op) noexcept;
 // Calls of op that were made to fail since it was armed.

@@ -11,6 +11,7 @@
 #include "base/zarmem.h"
 #include "platform/nlz.h"
 #include "platform/qumbra.h"
+#include "platform/secenv.h"
 #include "zar/paths.h"
 
 namespace zar::paths {
@@ -53,7 +54,7 @@ int checkLocaleDir(char** out, const char* base, const char* sub) {
 }
 
 const char* envNonEmpty(const char* name) {
-  const char* v = getenv(name);
+  const char* v = zar::env::get(name);
   return v != nullptr && *v != '\0' ? v : nullptr;
 }
 

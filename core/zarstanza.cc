@@ -5,19 +5,16 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <pthread.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
-
-#include <atomic>
 
 #include "base/zarlock.h"
 #include "base/zarmem.h"
 #include "base/zarstatus.h"
 #include "core/svcutl/svcprod.h"
+#include "core/zarstzjournal.h"
 #include "platform/sysio.h"
 #include "zar/nls.h"
 #include "zar/status.h"
@@ -35,20 +32,6 @@ constexpr char kRecordName[] = "core/zarstanza";
 #define ZAR_STZ_LOG(code, argTypes, ...)                                                       \
   zar_svc_printf_withfile(::zar::svc::clientHandle(), kRecordName, __LINE__, argTypes, 0, \
                           svc_c_sev_error, code, __VA_ARGS__)
-
-// Temporary files of the rewrite are named "/tmp/stzlink<pid>.<suffix>"; the
-// suffix makes names of concurrent edits differ and hard to guess. Creation
-// is exclusive, so a guessed name only costs a retry.
-//
-// Invariants: seq only grows; it is mixed into every suffix so that two
-// attempts of one process never draw the same name.
-struct TempNameState {
-  std::atomic<uint64_t> seq{0};  // atomic; no lock
-};
-TempNameState gTempNames;
-
-constexpr int kTempAttempts = 100;
-constexpr size_t kCopyChunk = 64 * 1024;
 
 // ---- Record helpers --------------------------------------------------------
 
@@ -134,6 +117,35 @@ bool validFlags(uint32_t flags) {
   return true;
 }
 
+// A reader settles an interrupted edit under the exclusive lock, which its
+// read-only descriptor cannot take; closing a second descriptor of the file
+// would drop the process's locks, so the record's stream is traded for a
+// read-write descriptor that keeps a shared lock once the file is settled.
+// 0, or an errno value (EAGAIN: the lock is held elsewhere and the open must
+// not wait).
+int reopenToRecover(zarStzFile* f, const char* path, uint32_t flags) {
+  int fd = sys::open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) return errno;
+  {
+    CancelDisabled noCancel;
+    fclose(f->stream);  // and with it the shared lock
+    f->stream = nullptr;
+  }
+  struct stat st;
+  int err = 0;
+  if (fstat(fd, &st) != 0 || fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0)
+    err = errno;
+  else if (!S_ISREG(st.st_mode))
+    err = EINVAL;
+  else if (sys::fileLock(fd, F_WRLCK, (flags & ZAR_STZ_NOWAIT) == 0) != 0)
+    err = errno;
+  else if ((err = recoverJournal(fd, path)) == 0 && sys::fileLock(fd, F_RDLCK, true) != 0)
+    err = errno;  // turning an exclusive lock into a shared one never waits
+  if (err == 0 && (f->stream = fdopen(fd, "r")) == nullptr) err = errno;
+  if (err != 0) closeQuietly(fd);
+  return err;
+}
+
 // Opens and locks path; the record has no cursor yet. Null with *status set
 // on failure (messages logged as the status requires).
 zarStzFile* openLocked(const char* path, uint32_t flags, uint32_t* status) {
@@ -189,6 +201,22 @@ zarStzFile* openLocked(const char* path, uint32_t flags, uint32_t* status) {
       *status = ZAR_S_STZ_OPEN_FAILED;
     }
     return nullptr;
+  }
+  // An edit that was interrupted left its journal: the file is settled
+  // before anything of it is read.
+  if (journalPresent(path)) {
+    err = readOnly ? reopenToRecover(f, path, flags) : recoverJournal(fileno(f->stream), path);
+    if (err != 0) {
+      if (err == EAGAIN || err == EACCES) {
+        *status = ZAR_S_STZ_WOULD_BLOCK;
+      } else if (err == ENOMEM) {
+        *status = ZAR_S_NO_MEMORY;
+      } else {
+        ZAR_STZ_LOG(ZAR_S_FILE_OPEN_FAILED, "%s%d", path, err);
+        *status = ZAR_S_STZ_OPEN_FAILED;
+      }
+      return nullptr;
+    }
   }
   *status = 0;
   return guard.release();
@@ -461,79 +489,6 @@ int validateStream(zarStzFile* f) {
   }
 }
 
-// ---- The rewrite ---------------------------------------------------------------
-
-// Creates a fresh temporary file exclusively (never through an existing file
-// or link) with mode 0600 and removes its name at once, so nothing is left
-// behind whatever happens next. The name tried last is left in name.
-int createTemp(char* name, size_t nameLen) {
-  static const char kDigits[] = "abcdefghijklmnopqrstuvwxyz012345";
-  for (int attempt = 0; attempt < kTempAttempts; ++attempt) {
-    struct timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
-    uint64_t mix = gTempNames.seq.fetch_add(1, std::memory_order_relaxed) * 0x9E3779B97F4A7C15ull;
-    mix ^= static_cast<uint64_t>(ts.tv_nsec) * 0xC2B2AE3D27D4EB4Full;
-    mix ^= static_cast<uint64_t>(pthread_self()) + static_cast<uint64_t>(ts.tv_sec);
-    mix ^= mix >> 29;
-    char suffix[9];
-    for (int k = 0; k < 8; ++k) suffix[k] = kDigits[(mix >> (5 * k)) & 31];
-    suffix[8] = '\0';
-    snprintf(name, nameLen, "/tmp/stzlink%ld.%s", static_cast<long>(getpid()), suffix);
-    int fd = sys::open(name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd >= 0) {
-      ::unlink(name);
-      return fd;
-    }
-    if (errno != EEXIST) return -1;
-  }
-  errno = EEXIST;
-  return -1;
-}
-
-// Owns the temporary file's descriptor and the copy buffer of one rewrite.
-class Scratch {
- public:
-  Scratch() : heap_(static_cast<char*>(mem::alloc(kCopyChunk))) {}
-  ~Scratch() {
-    if (fd_ >= 0) closeQuietly(fd_);
-    mem::free(heap_);
-  }
-  Scratch(const Scratch&) = delete;
-  Scratch& operator=(const Scratch&) = delete;
-
-  int fd_ = -1;
-  // The copy buffer: a large one when memory allows, else the small one.
-  char* buf() { return heap_ != nullptr ? heap_ : small_; }
-  size_t bufLen() const { return heap_ != nullptr ? kCopyChunk : sizeof(small_); }
-
- private:
-  char* heap_;
-  char small_[kLineBytes];
-};
-
-bool writeAt(int fd, int64_t off, const char* data, int64_t len) {
-  if (len == 0) return true;
-  if (lseek(fd, off, SEEK_SET) != off) return false;
-  return sys::writeAll(fd, data, static_cast<size_t>(len));
-}
-
-// Copies len bytes from offset srcOff of src to offset dstOff of dst.
-bool copyRange(Scratch& scratch, int src, int64_t srcOff, int dst, int64_t dstOff, int64_t len) {
-  while (len > 0) {
-    size_t want = len < static_cast<int64_t>(scratch.bufLen()) ? static_cast<size_t>(len)
-                                                                 : scratch.bufLen();
-    if (lseek(src, srcOff, SEEK_SET) != srcOff) return false;
-    ssize_t got = sys::read(src, scratch.buf(), want);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return false;  // an error, or the file shrank under us
-    if (!writeAt(dst, dstOff, scratch.buf(), got)) return false;
-    srcOff += got;
-    dstOff += got;
-    len -= got;
-  }
-  return true;
-}
-
 }  // namespace
 
 // ---- Internal interface ------------------------------------------------------------
@@ -619,52 +574,22 @@ void zar_zFileCloseDescriptor(zarStzFile* file) {
   file->stream = nullptr;
 }
 
-int zar_zReplaceText(FILE* stream, int64_t from, int64_t to, const char* text) {
-  return zar_zReplaceText(stream, from, to, text, text != nullptr ? strlen(text) : 0);
-}
-
-int zar_zReplaceText(FILE* stream, int64_t from, int64_t to, const char* text, int64_t textLen) {
+int zar_zReplaceText(FILE* stream, const char* path, int64_t from, int64_t to, const char* text,
+                     int64_t textLen) {
   CancelDisabled noCancel;
-  if (stream == nullptr || from < 0 || to < from || textLen < 0 ||
+  if (stream == nullptr || path == nullptr || from < 0 || to < from || textLen < 0 ||
       (textLen > 0 && text == nullptr))
     return 0;
-  // Every write below goes to the descriptor; the stream's read-ahead is
-  // dropped first and the stream is set anew afterwards.
+  // Every write goes to the descriptor; the stream's read-ahead is dropped
+  // first and the stream is set anew afterwards.
   if (sys::fflush(stream) != 0) return 0;
   const int fd = fileno(stream);
   struct stat st;
   if (fstat(fd, &st) != 0) return 0;
-  const int64_t oldLen = st.st_size;
-  if (to > oldLen) return 0;  // the file shrank under the cursor
-
-  // The replaced bytes and everything after them wait in the temporary file:
-  // the tail to be put back after the new text, the rest to undo a failure.
-  Scratch scratch;
-  const int64_t savedLen = oldLen - from;
-  if (savedLen > 0) {
-    char name[64];
-    scratch.fd_ = createTemp(name, sizeof(name));
-    if (scratch.fd_ < 0) {
-      ZAR_STZ_LOG(ZAR_S_FILE_OPEN_FAILED, "%s%d", name, errno);
-      return 0;
-    }
-    if (!copyRange(scratch, fd, from, scratch.fd_, 0, savedLen)) return 0;
-  }
-
-  const int64_t tailLen = oldLen - to;
-  const int64_t newLen = from + textLen + tailLen;
-  bool ok = writeAt(fd, from, text, textLen) &&
-            copyRange(scratch, scratch.fd_, to - from, fd, from + textLen, tailLen) &&
-            ftruncate(fd, newLen) == 0;
-  if (!ok) {
-    // Put the old text back; it needs no more room than the file had.
-    if (savedLen > 0) copyRange(scratch, scratch.fd_, 0, fd, from, savedLen);
-    if (ftruncate(fd, oldLen) != 0) {
-      // Nothing more can be done; the caller reports the failed update.
-    }
-  }
+  const bool ok = journaledReplace(fd, path, from, to, text, textLen);
+  struct stat now;
   ::fflush(stream);
-  if (fseeko(stream, ok ? newLen : oldLen, SEEK_SET) != 0) return 0;
+  if (fstat(fd, &now) != 0 || fseeko(stream, now.st_size, SEEK_SET) != 0) return 0;
   return ok ? 1 : 0;
 }
 

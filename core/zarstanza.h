@@ -50,14 +50,13 @@ void zar_zSetError(zarStzFile* file, uint32_t status);
 // disabled: a descriptor is never left half closed.
 void zar_zFileCloseDescriptor(zarStzFile* file);
 
-// Replaces the bytes from..to of the file open as stream (read-write) by
-// textLen bytes of text, in place: the part after `to` waits in an
-// exclusively created temporary file meanwhile. 1 on success, the stream
-// standing at the new end of the file; 0 when the file could not be updated,
-// in which case it holds its old text (restored when a write failed
-// half-way). Runs with cancellation disabled.
-int zar_zReplaceText(FILE* stream, int64_t from, int64_t to, const char* text, int64_t textLen);
-int zar_zReplaceText(FILE* stream, int64_t from, int64_t to, const char* text);
+// Replaces the bytes from..to of the file at path, open as stream
+// (read-write, locked exclusively), by textLen bytes of text, in place and
+// crash-safe (core/zarstzjournal.h). 1 on success; 0 when the file could not
+// be updated, in which case it holds its old text. Either way the stream
+// stands at the file's end. Runs with cancellation disabled.
+int zar_zReplaceText(FILE* stream, const char* path, int64_t from, int64_t to, const char* text,
+                     int64_t textLen);
 
 // Reads one line piece (at most bufLen - 1 bytes, up to and including a line
 // feed) from the stream's position into buf, NUL-terminated. Returns the

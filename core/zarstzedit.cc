@@ -121,7 +121,7 @@ bool takeEntryStrings(zarStzFile* f, const char* name, const char* value) {
 // Replaces from..to by text, then reads the line at entryOffset back so that
 // the stream stands after it. False (status set) on failure.
 bool rewriteEntryLine(zarStzFile* f, int64_t from, int64_t to, const char* text, int len) {
-  if (!zar_zReplaceText(f->stream, from, to, text, len)) {
+  if (!zar_zReplaceText(f->stream, f->fileName, from, to, text, len)) {
     zar_zSetError(f, ZAR_S_STZ_UPDATE_FAILED);
     return false;
   }
@@ -161,15 +161,15 @@ void changeValue(zarStzFile* f, const char* value) {
 int deleteCurrentLine(zarStzFile* f) {
   int len = 0;
   if (!readCurrentEntry(f, &len)) return 0;
-  if (!zar_zReplaceText(f->stream, f->entryOffset, f->entryOffset + len, "", 0)) {
+  if (!zar_zReplaceText(f->stream, f->fileName, f->entryOffset, f->entryOffset + len, "", 0)) {
     zar_zSetError(f, ZAR_S_STZ_UPDATE_FAILED);
     return 0;
   }
-  // The entry is gone: it is no longer current (an edit by its name must not
-  // land on the line that took its place). The stanza stays current, and
-  // entryOffset, where the line was, is its insertion point.
-  replaceOwned(&f->entryName, nullptr);
-  replaceOwned(&f->value, nullptr);
+  // The cursor strings still name the deleted entry and the stream stands at
+  // the end of the file, so the next entry move finds no further entry. An
+  // edit of the current entry now finds another line where it was and fails
+  // with ZAR_S_STZ_READ_FAILED rather than change it; callers re-position
+  // first.
   return 1;
 }
 
@@ -332,7 +332,7 @@ void zarStzAddStanzaWithComment(zarStzFile* file, const char* name, const char* 
     zar_zSetError(file, ZAR_S_NO_MEMORY);
     return;
   }
-  if (!zar_zReplaceText(file->stream, end, end, text, len)) {
+  if (!zar_zReplaceText(file->stream, file->fileName, end, end, text, len)) {
     zar::mem::free(copy);
     zar_zSetError(file, ZAR_S_STZ_UPDATE_FAILED);
     return;
@@ -355,7 +355,7 @@ int zarStzDeleteStanza(zarStzFile* file, const char* name) {
   if (!zar_zMoveNextLine(file, 1, 1)) return 0;
   const int64_t end = file->stanzaOffset;
   if (start == end) return 1;  // no such stanza: nothing to remove
-  if (!zar_zReplaceText(file->stream, start, end, "", 0)) {
+  if (!zar_zReplaceText(file->stream, file->fileName, start, end, "", 0)) {
     zar_zSetError(file, ZAR_S_STZ_UPDATE_FAILED);
     return 0;
   }

@@ -28,6 +28,7 @@
 #include "base/zarmem.h"
 #include "platform/nlz.h"
 #include "platform/nlzint.h"
+#include "platform/secenv.h"
 #include "platform/sysio.h"
 
 namespace {
@@ -425,7 +426,7 @@ nlz_cat_t nlz_catopen(const char* name, int flags, nlz_loc_t loc) {
       locCs = nlz_cs_name(nullptr);
     }
   } else {
-    locName = getenv("LANG");
+    locName = zar::env::get("LANG");
     locCs = nlz_cs_name(nullptr);
   }
   if (locName == nullptr || *locName == '\0') locName = "C";
@@ -435,7 +436,7 @@ nlz_cat_t nlz_catopen(const char* name, int flags, nlz_loc_t loc) {
   LocaleForm forms[kMaxForms];
   int nForms = localeForms(locName, csNorm, flags, forms);
 
-  const char* nlspath = getenv("NLSPATH");
+  const char* nlspath = zar::env::get("NLSPATH");
   const char* dir = (flags & NLZ_CAT_NO_DATADIR) != 0 ? "" : nlz_get_dir();
   // The data directory's templates, expanded like NLSPATH elements.
   char dirTemplates[4 * PATH_MAX + 32];

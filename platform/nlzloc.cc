@@ -14,6 +14,7 @@
 #include "base/zarmem.h"
 #include "platform/nlz.h"
 #include "platform/nlzint.h"
+#include "platform/secenv.h"
 
 namespace {
 
@@ -202,7 +203,7 @@ Kept* keep(const char* text, nlz_cs_t cs) {
 }
 
 void initDir() {
-  const char* env = getenv("QVNLZDIR");
+  const char* env = zar::env::get("QVNLZDIR");
   if (env == nullptr || *env == '\0') return;
   zar::MutexLock lock(gSettingsMu);
   if (Kept* k = keep(env, nullptr)) gDir.store(k->text, std::memory_order_release);
@@ -210,7 +211,9 @@ void initDir() {
 
 }  // namespace
 
-const char* nlz_get_nlspath(void) { return getenv("NLSPATH"); }
+const char* nlz_get_nlspath(void) {
+  return zar::env::get("NLSPATH");
+}
 
 const char* nlz_get_dir(void) {
   pthread_once(&gDirOnce, initDir);

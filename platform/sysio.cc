@@ -73,6 +73,33 @@ int rename(const char* from, const char* to) {
   return ::rename(from, to);
 }
 
+int fsync(int fd) {
+  if (injected(fault::Op::kFsync)) return -1;
+  int rc = ::fsync(fd);
+  if (rc == 0) fault::synced(fd);
+  return rc;
+}
+
+int ftruncate(int fd, off_t len) {
+  if (injected(fault::Op::kTruncate)) return -1;
+  return ::ftruncate(fd, len);
+}
+
+int link(const char* from, const char* to) {
+  if (injected(fault::Op::kUnlink)) return -1;
+  return ::link(from, to);
+}
+
+int linkAt(const char* from, const char* to, int flags) {
+  if (injected(fault::Op::kUnlink)) return -1;
+  return ::linkat(AT_FDCWD, from, AT_FDCWD, to, flags);
+}
+
+int unlink(const char* path) {
+  if (injected(fault::Op::kUnlink)) return -1;
+  return ::unlink(path);
+}
+
 int fileLock(int fd, short type, bool wait) {
   if (injected(fault::Op::kFcntl)) return -1;
   struct flock fl = {};

@@ -28,6 +28,12 @@ size_t fwrite(const void* buf, size_t size, size_t count, FILE* stream);
 size_t fwriteUnlocked(const void* buf, size_t size, size_t count, FILE* stream);
 int fflush(FILE* stream);
 int rename(const char* from, const char* to);
+int fsync(int fd);
+int ftruncate(int fd, off_t len);
+int link(const char* from, const char* to);
+// linkat(AT_FDCWD, from, AT_FDCWD, to, flags).
+int linkAt(const char* from, const char* to, int flags);
+int unlink(const char* path);
 
 // Whole-file advisory record lock (start 0, length 0, whence SEEK_SET) of the
 // given type (F_RDLCK, F_WRLCK or F_UNLCK). wait selects F_SETLKW over F_SETLK;

@@ -13,6 +13,7 @@
 #include "core/svcutl/svcnls.h"
 #include "platform/nlz.h"
 #include "platform/qumbra.h"
+#include "platform/secenv.h"
 #include "zar/status.h"
 
 // Invariants: zar_msg_g_curr_table points at zar_msg_g_compiled_table or at
@@ -38,9 +39,9 @@ std::atomic<bool> zar::msg::gReady{false};
 bool zar::msg::gDebugMsg = false;  // written once inside gOnce
 
 void zar_msg__init_mutex(void) {
-  const char* nox = getenv("SVC_NOXPGCAT");
+  const char* nox = zar::env::get("SVC_NOXPGCAT");
   if (nox != nullptr) zar_msg_g_noxpgcat = static_cast<uint32_t>(strtol(nox, nullptr, 10));
-  zar::msg::gDebugMsg = getenv("KPSVC_DEBUG_MSG") != nullptr;
+  zar::msg::gDebugMsg = zar::env::get("KPSVC_DEBUG_MSG") != nullptr;
   zar_svc_nls_init(nullptr);
   // Settles the catalog data directory so that installed catalogs are found
   // even when NLSPATH does not name them.

@@ -7,7 +7,9 @@
 
 #include "base/zarmem.h"
 #include "base/zarstatus.h"
+#include "core/svcutl/svcdiag.h"
 #include "core/svcutl/svcint.h"
+#include "platform/secenv.h"
 #include "zar/status.h"
 
 namespace zar::svc {
@@ -165,7 +167,7 @@ const char* debugVariable(const char* component, bool* noMemory) {
     n[4 + i] = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
   }
   memcpy(n + 4 + len, "_DBG", 5);
-  return getenv(n);
+  return zar::env::get(n);
 }
 
 // ASCII letters compared without case, over len bytes.
@@ -250,6 +252,9 @@ bool zar_svc__debug_fillin(zar_svc_handle handle, unsigned long* status) {
 
   const char* component = handle->component;
   zar::mem::Unique<char> text;
+  SettingSource source;
+  char variable[64];
+  const char* whole = nullptr;  // the setting as written, for a notice
   if (const char* saved = zar_svc__get(component)) {
     text.reset(zar::mem::strDup(saved));
     if (!text) {
@@ -267,29 +272,51 @@ bool zar_svc__debug_fillin(zar_svc_handle handle, unsigned long* status) {
       // "COMPONENT:LEVELS:ROUTES", the name in any case; another
       // component's setting is refused, and the routing file is not read.
       size_t len = strlen(component);
-      if (strlen(value) <= len || !sameWordNoCase(value, component, len) || value[len] != ':')
+      snprintf(variable, sizeof variable, "SVC_%s_DBG", component);
+      source.variable = variable;
+      whole = value;
+      if (strlen(value) <= len || !sameWordNoCase(value, component, len) || value[len] != ':') {
+        reportBadDebugSetting(component, source, value, "another component's name", 1);
         return false;
+      }
       text.reset(zar::mem::strDup(value + len + 1));
       if (!text) {
         setStatus(status, ZAR_S_SVC_NO_MEMORY);
         return false;
       }
     } else {
-      text.reset(zar_svc__linefor(component));
+      text.reset(lineFor(component, &source.line));
+      whole = text.get();
     }
   }
   if (!text) return true;  // nothing anywhere: the levels of the table, no routes
 
+  // Positions in a notice count in the setting as written.
+  const int skipped = whole != nullptr ? static_cast<int>(strlen(whole) - strlen(text.get())) : 0;
+  zar::mem::Unique<char> shown(whole != nullptr ? zar::mem::strDup(whole) : nullptr);
+  const char* setting = shown ? shown.get() : "";
   char* colon = strchr(text.get(), ':');
-  if (colon == nullptr) return false;
+  if (colon == nullptr) {
+    reportBadDebugSetting(component, source, setting, "no ':' after its level list", skipped + 1);
+    return false;
+  }
   *colon = '\0';
   LevelTeller teller(false);
   uint32_t st = applyLevels(handle, text.get(), true, &teller);
   if (st != 0) {
+    reportBadDebugSetting(component, source, setting, "a level list that cannot be applied",
+                          skipped + 1);
     setStatus(status, st);
     return false;
   }
-  zar_svc__open_routes(&handle->debug_routes, kRouteStderr, colon + 1, status);
+  unsigned long openStatus = 0;
+  zar_svc__open_routes(&handle->debug_routes, kRouteStderr, colon + 1, &openStatus);
+  if (openStatus == ZAR_S_SVC_BAD_ROUTE) {
+    int at = badRoutePosition(colon + 1);
+    reportBadDebugSetting(component, source, setting, "routes that cannot be parsed",
+                          skipped + static_cast<int>(colon + 1 - text.get()) + at);
+  }
+  setStatus(status, openStatus);
   return true;
 }
 

@@ -2,6 +2,7 @@
 // numbered generations, archiving, closing routes, and the fork handlers
 // that give a child of fork its own per-process files.
 #include <errno.h>
+#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <stdlib.h>
@@ -9,10 +10,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/rawlog.h"
 #include "base/zarlock.h"
 #include "base/zarmem.h"
 #include "base/zarstatus.h"
+#include "core/svcutl/svcdiag.h"
 #include "core/svcutl/svcint.h"
+#include "core/zarlinks.h"
 #include "platform/sysio.h"
 #include "zar/status.h"
 
@@ -54,6 +58,20 @@ int32_t lookUpGroup(const char* name) {
   struct group* found = nullptr;
   if (getgrnam_r(name, &gr, buf, sizeof buf, &found) != 0 || found == nullptr) return -1;
   return static_cast<int32_t>(found->gr_gid);
+}
+
+// Opens a record's file for writing (truncated with a limit, else appended),
+// never through a link another user planted in a shared directory. "e": the
+// descriptor is not inherited by programs the process runs.
+FILE* openLogFile(svc_file_route* record, bool* refused, int* err) {
+  const bool truncate = record->limit != 0;
+  int fd = links::openUnplanted(record->name,
+                                O_WRONLY | O_CREAT | O_CLOEXEC | (truncate ? O_TRUNC : O_APPEND),
+                                0666, refused);
+  FILE* f = fd >= 0 ? fdopen(fd, truncate ? "w" : "a") : nullptr;
+  *err = errno;
+  if (f == nullptr && fd >= 0) close(fd);
+  return f;
 }
 
 bool olderThan(const struct timespec& a, const struct timespec& b) {
@@ -269,9 +287,19 @@ void archiveLogFile(svc_file_route* record) {
     record->nextGeneration = 1;
   }
   snprintf(archive.get(), room, "%s.%d", record->name, record->nextGeneration);
+  ++record->nextGeneration;
+  // A planted link is neither moved nor replaced; the open that follows
+  // refuses a planted file name in its turn.
+  if (links::planted(record->name)) return;
+  if (links::planted(archive.get())) {
+    rawLog(
+        "libzar: log generation %s is a symbolic link that another user made in a shared "
+        "directory; refused, %s is not archived\n",
+        archive.get(), record->name);
+    return;
+  }
   ::unlink(archive.get());
   sys::rename(record->name, archive.get());
-  ++record->nextGeneration;
 }
 
 }  // namespace zar::svc
@@ -293,10 +321,9 @@ void zar_svc__check_open(svc_route* route) {
       }
     }
     if (record->stream == nullptr) {
-      // "e": the descriptor is not inherited by programs the process runs.
-      FILE* f = record->name != nullptr
-                    ? zar::sys::fopen(record->name, record->limit != 0 ? "we" : "ae")
-                    : nullptr;
+      bool refused = false;
+      int err = 0;
+      FILE* f = record->name != nullptr ? openLogFile(record, &refused, &err) : nullptr;
       if (f != nullptr) {
         if (record->owner != -1 || record->group != -1) {
           if (fchown(fileno(f), static_cast<uid_t>(record->owner),
@@ -311,7 +338,11 @@ void zar_svc__check_open(svc_route* route) {
         record->cutShort = 0;
       } else {
         // The file cannot be had: the route writes as its fallback kind from
-        // now on, and the record is stripped of its name for good.
+        // now on, and the record is stripped of its name for good. Where that
+        // loses the messages, or a planted link was refused, it is said.
+        if (record->name != nullptr &&
+            (refused || (route->fallback == kRouteDiscard && fromSetting(route))))
+          reportLogFileUnusable(record->name, err, refused, route->fallback == kRouteDiscard);
         zar::mem::free(record->name);
         zar::mem::free(record->nameFormat);
         record->name = nullptr;

@@ -8,6 +8,7 @@
 #include "base/zarmem.h"
 #include "base/zarstatus.h"
 #include "core/svcutl/svcint.h"
+#include "platform/secenv.h"
 #include "zar/msg.h"
 #include "zar/status.h"
 
@@ -105,7 +106,7 @@ void zar_svc__init_mutex(void) {
   if (pthread_mutex_init(&gSvc.mutex, nullptr) != 0) return;
   // Without the key threads cannot save messages; everything else works.
   gSvc.msgsaveKeyMade = pthread_key_create(&gSvc.msgsaveKey, zar_svc_msgsave_destructor) == 0;
-  if (const char* brief = getenv("SVC_BRIEF")) {
+  if (const char* brief = zar::env::get("SVC_BRIEF")) {
     gSvc.brief = static_cast<int32_t>(strtol(brief, nullptr, 10));
   }
   gSvc.setup.store(true, std::memory_order_release);

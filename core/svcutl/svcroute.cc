@@ -12,7 +12,9 @@
 #include "base/zarmem.h"
 #include "base/zarstatus.h"
 #include "core/svcutl/dceassert.h"
+#include "core/svcutl/svcdiag.h"
 #include "core/svcutl/svcint.h"
+#include "platform/secenv.h"
 #include "platform/sysio.h"
 #include "zar/status.h"
 
@@ -265,6 +267,49 @@ svc_route_list* goestoList(const char* name) {
 
 }  // namespace zar::svc
 
+char* zar::svc::lineFor(const char* name, int* lineNo) {
+  const char* path = zar::env::get("KP_SVC_ROUTING_FILE");
+  if (path == nullptr || *path == '\0' || name == nullptr) return nullptr;
+  // No cancellation while the file is open, so a cancelled thread never
+  // leaves the descriptor behind.
+  zar::CancelDisabled noCancel;
+  int fd = zar::sys::open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    reportUnreadableRoutingFile(path, errno);
+    return nullptr;
+  }
+  bool severity = severityByName(name) >= 0;
+  size_t nameLen = strlen(name);
+  LineReader reader(fd);
+  char line[512];
+  char* result = nullptr;
+  int number = 0;
+  bool lineStart = true;  // the piece read next begins a line
+  while (reader.next(line)) {
+    size_t len = strlen(line);
+    if (lineStart) ++number;
+    lineStart = len > 0 && line[len - 1] == '\n';
+    if (len > 0 && line[len - 1] == '\n') line[len - 1] = '\0';
+    const char* s = line;
+    while (*s == ' ' || *s == '\t') ++s;
+    if (*s == '\0' || *s == '#') continue;
+    const char* colon = strchr(s, ':');
+    if (colon == nullptr) continue;
+    size_t keyLen = static_cast<size_t>(colon - s);
+    const char* value = colon + 1;
+    bool match = keyLen == nameLen && memcmp(s, name, nameLen) == 0;
+    if (!match && keyLen == 1 && *s == '*')
+      match = severity ? checkWildCardLogRoute(value) : checkWildCardTraceRoute(value);
+    if (match) {
+      result = zar::mem::strDup(value);
+      if (lineNo != nullptr) *lineNo = number;
+      break;
+    }
+  }
+  ::close(fd);
+  return result;
+}
+
 using zar::setStatus;
 using zar::svc::gSvc;
 
@@ -301,17 +346,23 @@ void zar_svc__fillin(uint32_t attributes, unsigned long* status) {
   const char* name = zar::svc::kCodeTable[sev];
   const char* text = zar_svc__get(name);
   zar::mem::Unique<char> fromFile;
+  char var[32] = "SVC_";
+  zar::svc::SettingSource source;
   if (text == nullptr) {
-    char var[32] = "SVC_";
     strcat(var, name);  // severity names are upper case already
-    text = getenv(var);
+    text = zar::env::get(var);
+    if (text != nullptr) source.variable = var;
   }
   if (text == nullptr) {
-    fromFile.reset(zar_svc__linefor(name));
+    fromFile.reset(zar::svc::lineFor(name, &source.line));
     text = fromFile.get();
   }
   if (text == nullptr) text = sev <= 2 ? "STDERR:" : "DISCARD:";
-  zar_svc__open_routes(&gSvc.routes[sev], zar::svc::kRouteDiscard, text, status);
+  svc_route_list* list = &gSvc.routes[sev];
+  zar_svc__open_routes(list, zar::svc::kRouteDiscard, text, status);
+  if (source.known()) zar::svc::markRoutesFromSetting(list);
+  if (status != nullptr && zar::statusCode(*status) == ZAR_S_SVC_BAD_ROUTE)
+    zar::svc::reportBadSeverityRoutes(sev, source, text, list->count);
 }
 
 svc_route** zar_svc__goesto(const char* name, int32_t* count) {
@@ -336,38 +387,7 @@ bool checkWildCardTraceRoute(const char* value) {
 }
 
 char* zar_svc__linefor(const char* name) {
-  const char* path = getenv("KP_SVC_ROUTING_FILE");
-  if (path == nullptr || *path == '\0' || name == nullptr) return nullptr;
-  // No cancellation while the file is open, so a cancelled thread never
-  // leaves the descriptor behind.
-  zar::CancelDisabled noCancel;
-  int fd = zar::sys::open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return nullptr;
-  bool severity = zar::svc::severityByName(name) >= 0;
-  size_t nameLen = strlen(name);
-  zar::svc::LineReader reader(fd);
-  char line[512];
-  char* result = nullptr;
-  while (reader.next(line)) {
-    size_t len = strlen(line);
-    if (len > 0 && line[len - 1] == '\n') line[len - 1] = '\0';
-    const char* s = line;
-    while (*s == ' ' || *s == '\t') ++s;
-    if (*s == '\0' || *s == '#') continue;
-    const char* colon = strchr(s, ':');
-    if (colon == nullptr) continue;
-    size_t keyLen = static_cast<size_t>(colon - s);
-    const char* value = colon + 1;
-    bool match = keyLen == nameLen && memcmp(s, name, nameLen) == 0;
-    if (!match && keyLen == 1 && *s == '*')
-      match = severity ? checkWildCardLogRoute(value) : checkWildCardTraceRoute(value);
-    if (match) {
-      result = zar::mem::strDup(value);
-      break;
-    }
-  }
-  ::close(fd);
-  return result;
+  return zar::svc::lineFor(name, nullptr);
 }
 
 const char* zar_svc__get(const char* name) {

@@ -22,6 +22,7 @@
 #include "base/zarlock.h"
 #include "base/zarmem.h"
 #include "core/svcutl/utcapi.h"
+#include "platform/secenv.h"
 #include "platform/sysio.h"
 
 namespace zar::utc {
@@ -523,7 +524,7 @@ __attribute__((noinline)) void rebuildZone(const char* tz) ZAR_REQUIRES(gZone.mu
 
 // Brings the state up to date with TZ.
 void updateZone() ZAR_REQUIRES(gZone.mu) {
-  const char* tz = getenv("TZ");
+  const char* tz = zar::env::get("TZ");
   if (tz != nullptr) {
     if (gZone.prevTz != nullptr && strcmp(tz, gZone.prevTz) == 0) return;
   } else if (gZone.lclIsSet && !gZone.fromTz) {

@@ -179,10 +179,12 @@ ZAR_API void zarStzInsertEntry(zarStzFile* file, const char* name, const char* v
 ZAR_API void zarStzChangeValue(zarStzFile* file, const char* value);
 /* Removes the entry called entry from the stanza called stanza: 1, or 0 with
  * ZAR_S_STZ_BAD_FORMAT when it does not exist. Needs a current stanza (any).
- * The stanza stays current, with no current entry. */
+ * Afterwards stanzaName, entryName and value still name what was deleted; the
+ * next entry move reports no further entry. Re-position (by name, or with
+ * zarStzMoveFirstStanza) before editing again. */
 ZAR_API int zarStzDeleteEntry(zarStzFile* file, const char* stanza, const char* entry);
 /* Removes the current entry's line: 1, or 0 (ZAR_S_STZ_BAD_ARGUMENT without a
- * current entry). The stanza stays current, with no current entry. */
+ * current entry). The cursor is then as after zarStzDeleteEntry. */
 ZAR_API int zarStzDeleteCurrentEntry(zarStzFile* file);
 
 ZAR_EXTERN_C_END

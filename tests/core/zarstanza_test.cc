@@ -297,10 +297,16 @@ TEST_F(StanzaTest, EditsGiveTheFileTextAndStatus) {
       {kTwo, [](F f) { EXPECT_EQ(0, zarStzDeleteEntry(f, "b", "q")); }, kTwo, ZAR_S_STZ_BAD_FORMAT},
       {kTwo, [](F f) { zarStzMoveNextEntry(f); EXPECT_EQ(0, zarStzDeleteCurrentEntry(f)); }, kTwo,
        ZAR_S_STZ_BAD_ARGUMENT},
-      // The deleted entry is no longer current: re-adding it must not
+      // The cursor still names the deleted entry; an edit of it must not
       // overwrite the header that took its line.
-      {"[s]\nk = 1\n[t]\n", [](F f) { zarStzDeleteEntry(f, "s", "k"); zarStzAddEntry(f, "k", "2"); },
-       "[s]\nk = 2\n[t]\n"},
+      {"[s]\nk = 1\n[t]\n",
+       [](F f) {
+         zarStzDeleteEntry(f, "s", "k");
+         EXPECT_STREQ("k", f->entryName);
+         EXPECT_STREQ("1", f->value);
+         zarStzAddEntry(f, "k", "2");
+       },
+       "[s]\n[t]\n", ZAR_S_STZ_READ_FAILED},
       {kTwo, [](F f) { zarStzDeleteStanza(f, "a"); addEntry(f, "b", "z", "3"); }, "[b]\ny = 2\nz = 3\n"},
       {kTwo, [](F f) { zarStzAddEntry(f, "k", "v"); }, kTwo, ZAR_S_STZ_READ_ONLY, ZAR_STZ_READ},
       {kTwo, [](F f) { zarStzDeleteStanza(f, "a"); }, kTwo, ZAR_S_STZ_NOT_OPEN,

@@ -64,7 +64,7 @@ bool readsWhole(zarStzFile* f, bool memory, long* counter) {
 
 Scenario stanzaFile("stanza", [](Run& run) {
   int writers = run.size("writers", 4, 8);
-  long increments = run.size("per_writer", 2000, 20000);
+  long increments = run.size("per_writer", 60, 20000);
   constexpr int kReaders = 4;
   std::string path = run.file("counters.conf");
   zar::test::writeFile(path, kFile);

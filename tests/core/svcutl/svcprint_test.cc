@@ -236,7 +236,94 @@ TEST_F(SvcPrint, SavedSettingComesFirstAndAVariablesBadFileWritesNowhere) {
       printError(kWarning);
     });
     EXPECT_EQ(saved ? 1u : 0u, records("saved"));
-    EXPECT_EQ("", o.out + o.err + file("from-file"));
+    EXPECT_EQ("", o.out + file("from-file"));
+    EXPECT_EQ(saved ? ""
+                    : "libzar: log file " + at("@/missing/x.log") +
+                          " cannot be opened (No such file or directory); its messages now "
+                          "go nowhere\n",
+              o.err);
+  }
+}
+
+TEST_F(SvcPrint, SettingsThatRouteNothingSaySoOnce) {
+  // Each setting from the environment or the routing file that loses a
+  // severity's or a component's records says so in one line on standard
+  // error, however many records follow; good settings say nothing.
+  const struct {
+    const char* variable;
+    const char* value;   // "@" is the test directory
+    const char* notice;  // a part of the one line; null: no line
+  } kCases[] = {
+      {"SVC_ERROR", "TEXTFILE.5:@/x",
+       "SVC_ERROR: route setting \"TEXTFILE.5:@/x\" cannot be "
+       "parsed at position 1; ERROR messages now go nowhere"},
+      {"SVC_ERROR", "STDOUT:;FILE", "at position 9; ERROR messages go only to the 1 route(s)"},
+      {"SVC_ERROR", "TEXTFILE:@/none/x.log", "@/none/x.log cannot be opened"},
+      {"KP_SVC_ROUTING_FILE", "@/routing", "@/routing line 2: route setting \"STDERR\" cannot"},
+      {"KP_SVC_ROUTING_FILE", "@/none", "KP_SVC_ROUTING_FILE: cannot read @/none"},
+      {"SVC_WSC_DBG", "xyz:*.9:STDOUT:", "has another component's name at position 1"},
+      {"SVC_WSC_DBG", "wsc:*.x:STDOUT:", "has a level list that cannot be applied at position 5"},
+      {"SVC_WSC_DBG", "wsc:*.1:STDOUT",
+       "has routes that cannot be parsed at position 9; debug "
+       "messages of wsc now go nowhere"},
+      {"SVC_WSC_DBG", "wsc:*.1", "has no ':' after its level list at position 5"},
+      {"SVC_ERROR", "TEXTFILE:@/ok.log;STDOUT:", nullptr},
+      {"SVC_WSC_DBG", "wsc:*.1:STDOUT:", nullptr},
+  };
+  writeFile(dir_.file("routing"), "# severities\nERROR:STDERR\nwsc:*.1:STDOUT:\n");
+  for (const auto& c : kCases) {
+    Output o = inChild([&] {
+      setenv(c.variable, at(c.value).c_str(), 1);
+      for (int i = 0; i < 2; ++i) {
+        printError();
+        zar_svc__debug(zarsv_client_svc_handle, 0, 1, "trace");
+      }
+    });
+    std::vector<std::string> notices;
+    for (const std::string& line : splitLines(o.err))
+      if (line.rfind("libzar: ", 0) == 0) notices.push_back(line);
+    ASSERT_EQ(c.notice != nullptr ? 1u : 0u, notices.size()) << c.value << "\n" << o.err;
+    if (c.notice != nullptr) {
+      EXPECT_TRUE(has(notices[0], at(c.notice))) << notices[0];
+    }
+  }
+}
+
+TEST_F(SvcPrint, LinksPlantedInASharedDirectoryAreNotFollowed) {
+  // A sticky directory that everyone may write, as /tmp; links there made
+  // by another user (nobody) are refused for log files and generations, the
+  // route falling back; a link of the process's own user is followed.
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to make links owned by another user";
+  std::string shared = dir_.file("shared");
+  ASSERT_EQ(0, mkdir(shared.c_str(), 0777));
+  ASSERT_EQ(0, chmod(shared.c_str(), 01777));
+  const struct {
+    const char* link;    // made in the shared directory, to @/victim
+    bool planted;        // owned by nobody, else by the process's user
+    const char* routes;  // for ERROR; "@" is the test directory
+    const char* onStderr;
+  } kCases[] = {
+      {"t.log", true, "TEXTFILE:@/shared/t.log", "symbolic link that another user made"},
+      {"g.log.1", true, "TEXTFILE.1.1:@/shared/g.log", "generation @/shared/g.log.1 is a symbolic"},
+      {"o.log", false, "TEXTFILE:@/shared/o.log", nullptr},
+  };
+  for (const auto& c : kCases) {
+    writeFile(dir_.file("victim"), "");
+    writeFile(shared + "/g.log", "old\n");
+    std::string link = shared + "/" + c.link;
+    unlink(link.c_str());
+    ASSERT_EQ(0, symlink(dir_.file("victim").c_str(), link.c_str()));
+    if (c.planted) {
+      ASSERT_EQ(0, lchown(link.c_str(), 65534, 65534));
+    }
+    Output o = inChild([&] {
+      route(std::string("ERROR:") + c.routes);
+      printError();
+    });
+    struct stat st;
+    EXPECT_EQ(0, lstat(link.c_str(), &st)) << "the link is gone: " << c.link;
+    EXPECT_EQ(c.planted ? 0u : 1u, records("victim")) << c.link;
+    EXPECT_EQ(c.onStderr != nullptr, has(o.err, c.onStderr ? at(c.onStderr) : "libzar")) << o.err;
   }
 }
 

@@ -28,6 +28,7 @@
 #include "base/zarmem.h"
 #include "base/zarstatus.h"
 #include "core/svcutl/svcint.h"
+#include "platform/secenv.h"
 #include "zar/collect.h"
 #include "zar/printf.h"
 #include "zar/status.h"
@@ -103,7 +104,7 @@ CollectState gCol;
 uint64_t queueLimit() {
   if (gCol.queueLimit == 0) {
     gCol.queueLimit = kDefaultQueueLimit;
-    if (const char* text = getenv("SVC_COLLECTOR_QUEUE")) {
+    if (const char* text = zar::env::get("SVC_COLLECTOR_QUEUE")) {
       char* end = nullptr;
       errno = 0;
       unsigned long long v = strtoull(text, &end, 10);

@@ -9,6 +9,7 @@
 #include "base/zarmem.h"
 #include "base/zarstatus.h"
 #include "core/svcutl/svcint.h"
+#include "platform/secenv.h"
 #include "zar/status.h"
 #include "zar/svc.h"
 
@@ -26,7 +27,7 @@ const char* fromEnvironment(const char* name, bool severity) {
     var[4 + i] = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
   }
   strcpy(var + 4 + len, severity ? "" : "_DBG");
-  const char* value = getenv(var);
+  const char* value = zar::env::get(var);
   if (value == nullptr || severity) return value;
   // The debug variable repeats the component's name (any case) and a ':'.
   if (strncasecmp(value, name, len) != 0 || value[len] == '\0') return "";

@@ -2,7 +2,6 @@
 // the code sets of the calling thread), and the reporting hook through which
 // the layers below the serviceability have their failures printed.
 #include <pthread.h>
-#include <stdio.h>
 #include <string.h>
 
 #include "base/rawlog.h"
@@ -41,22 +40,19 @@ void componentName(uint32_t code, char name[4]) { zar_msg__inq_comp(code, name);
 namespace {
 
 // A report made while this thread holds the mutex (inside a print call, a
-// record may be half written) goes to standard error on the raw path, in the
-// record's text form when the compiled text takes only plain arguments.
+// record may be half written) goes to standard error on the raw path. It takes
+// no lock: the report may come from inside a message or catalog lookup, which
+// holds the message lock. A failed system routine keeps its record's text.
 void rawReport(const char* recordFile, int line, uint32_t code, const char* argTypes,
                va_list args) {
-  unsigned long st = 0;
-  const char* text = zar_msg_get_default_msg(code, &st);
-  if (text == nullptr || strstr(text, "%S") != nullptr) {
+  if (code != ZAR_S_SYSCALL_FAILED_CODE || strcmp(argTypes, "%s%d") != 0) {
     report::rawError(recordFile, line, code, argTypes, args);
     return;
   }
-  char line1[1024];
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-  vsnprintf(line1, sizeof line1, text, args);
-#pragma GCC diagnostic pop
-  rawLog("%s: %s\n", recordFile, line1);
+  const char* routine = va_arg(args, const char*);
+  int error = va_arg(args, int);
+  rawLog("%s: XKJSC0156E   The %s system routine failed: system error code: %d\n", recordFile,
+         routine, error);
 }
 
 void reportError(const char* recordFile, int line, uint32_t code, const char* argTypes,
@@ -65,7 +61,11 @@ void reportError(const char* recordFile, int line, uint32_t code, const char* ar
     rawReport(recordFile, line, code, argTypes, args);
     return;
   }
-  zar_svc_handle handle = clientHandle();
+  // The code-set set-up may report from inside a message lookup, which holds
+  // the message lock that registering the product needs: its reports go raw
+  // until the program has registered the product.
+  bool fromCodeSets = strcmp(recordFile, "core/svcutl/svcnls") == 0;
+  zar_svc_handle handle = fromCodeSets ? zarsv_client_svc_handle : clientHandle();
   if (handle == nullptr) {
     rawReport(recordFile, line, code, argTypes, args);
     return;

@@ -48,6 +48,40 @@ inline int32_t readNumber(const char** p) {
   return n > INT_MAX ? INT_MAX : static_cast<int32_t>(n);
 }
 
+// Copies n >= 1 bytes. Most pieces of a format (the text between two
+// conversions, a number, a short string) are a few bytes long: those are
+// copied in two overlapping moves of fixed size instead of a call.
+inline void copyBytes(char* dst, const char* src, size_t n) {
+  if (n > 16) {
+    memcpy(dst, src, n);
+  } else if (n >= 8) {
+    uint64_t head, tail;
+    memcpy(&head, src, 8);
+    memcpy(&tail, src + n - 8, 8);
+    memcpy(dst, &head, 8);
+    memcpy(dst + n - 8, &tail, 8);
+  } else if (n >= 4) {
+    uint32_t head, tail;
+    memcpy(&head, src, 4);
+    memcpy(&tail, src + n - 4, 4);
+    memcpy(dst, &head, 4);
+    memcpy(dst + n - 4, &tail, 4);
+  } else {
+    dst[0] = src[0];
+    dst[n / 2] = src[n / 2];
+    dst[n - 1] = src[n - 1];
+  }
+}
+
+// The next '%' at or after p, or the terminator. The text between two
+// conversions is usually short: a few bytes are looked at here before
+// handing a longer text to strchrnul.
+inline const char* nextPercent(const char* p) {
+  for (int i = 0; i < 8; ++i, ++p)
+    if (*p == '%' || *p == '\0') return p;
+  return strchrnul(p, '%');
+}
+
 // ---- Sinks ---------------------------------------------------------------------
 
 // A bounded buffer. room() bytes may still be written; when the buffer had a
@@ -64,7 +98,7 @@ class BufferSink {
   void put(const char* s, size_t n) {
     if (n > room_) n = room_;
     if (n == 0) return;
-    memcpy(pos_, s, n);
+    copyBytes(pos_, s, n);
     pos_ += n;
     room_ -= n;
   }
@@ -240,7 +274,7 @@ template <class Sink>
 int64_t renderWideChar(nlz_cs_t cs, const Conversion& c, const Argument* args, Sink& out) {
   char mb[kMaxCharBytes];
   int n = nlz_wctomb(cs, mb, static_cast<uint16_t>(args[c.argIndex].value.u));
-  if (n < 0) {
+  if (n < 0 || n > static_cast<int>(sizeof mb)) {
     errno = EILSEQ;
     return -1;
   }
@@ -670,6 +704,59 @@ constexpr Renderer<Sink> kRenderers[kTypeCount] = {
     renderChar<Sink>,      // 19 %%
 };
 
+// What shapes a conversion's output beyond its value.
+constexpr uint32_t kShapeFlags = kFlagAlt | kFlagLeft | kFlagZero | kFlagSpace | kFlagPlus |
+                                 kFlagGroup | kFlagWidthDigits | kFlagWidthArg | kFlagPrecDigits |
+                                 kFlagPrecArg | kFlagOctal | kFlagHex | kFlagHexUpper;
+
+// The conversions most formats are made of, without padding, sign, prefix or
+// precision: a byte string, or an integer in decimal. Gives the same bytes as
+// renderString, renderSigned and renderUnsigned would, without building the
+// field; returns -1 for any other conversion, which the renderer table then
+// takes.
+template <class Sink>
+inline int64_t renderPlain(const Conversion& c, const Argument* args, Sink& out) {
+  if (c.flags & kShapeFlags) return -1;
+  const Argument& a = args[c.argIndex];
+  uint64_t v;
+  bool negative = false;
+  switch (c.type) {
+    case kString: {
+      const char* s = static_cast<const char*>(a.value.p);
+      if (s == nullptr) return 0;
+      size_t len = strlen(s);
+      out.put(s, len);
+      return static_cast<int64_t>(len);
+    }
+    case kInt:
+      negative = static_cast<int32_t>(a.value.i) < 0;
+      v = negative ? 0 - static_cast<uint64_t>(static_cast<int32_t>(a.value.i))
+                   : static_cast<uint32_t>(a.value.i);
+      break;
+    case kLong:
+    case kLongLong:
+      negative = a.value.i < 0;
+      v = negative ? 0 - static_cast<uint64_t>(a.value.i) : static_cast<uint64_t>(a.value.i);
+      break;
+    case kUInt:
+      v = static_cast<uint32_t>(a.value.u);
+      break;
+    case kULong:
+    case kULongLong:
+      v = a.value.u;
+      break;
+    default:
+      return -1;
+  }
+  char buf[24];
+  char* end = buf + sizeof buf;
+  char* digits = decimalDigits(v, end);
+  if (negative) *--digits = '-';
+  size_t len = static_cast<size_t>(end - digits);
+  out.put(digits, len);
+  return static_cast<int64_t>(len);
+}
+
 // Renders the whole format: the text between conversions and each
 // conversion. Returns the whole length, or -1.
 template <class Sink>
@@ -681,7 +768,8 @@ int64_t renderAll(const Context* ctx, Sink& out) {
   for (; c != last; ++c) {
     size_t text = static_cast<size_t>(c->start - prev);
     out.put(prev, text);
-    int64_t r = kRenderers<Sink>[c->type](ctx->cs, *c, ctx->arguments, out);
+    int64_t r = renderPlain(*c, ctx->arguments, out);
+    if (r < 0) r = kRenderers<Sink>[c->type](ctx->cs, *c, ctx->arguments, out);
     if (r < 0) return -1;
     total += static_cast<int64_t>(text) + r;
     prev = c->end;
@@ -715,9 +803,49 @@ Conversion* appendConversion(Context* ctx) {
   return &ctx->conversions[ctx->conversionCount++];
 }
 
+// Type and flags of a conversion character written right after its '%'
+// (no index, flags, width, precision or length): the usual conversion, read
+// in one step. type -1: anything else, read by the full grammar.
+struct BareConversion {
+  int8_t type;
+  uint32_t flags;
+};
+constexpr auto kBare = [] {
+  struct Table {
+    BareConversion at[256];
+  } t{};
+  for (BareConversion& b : t.at) b = {-1, 0};
+  t.at['c'] = {kChar, 0};
+  t.at['C'] = {kWideChar, 0};
+  t.at['s'] = {kString, 0};
+  t.at['S'] = {kWideString, 0};
+  t.at['d'] = t.at['i'] = {kInt, 0};
+  t.at['u'] = {kUInt, 0};
+  t.at['o'] = {kUInt, kFlagOctal};
+  t.at['x'] = {kUInt, kFlagHex};
+  t.at['X'] = {kUInt, kFlagHexUpper};
+  t.at['p'] = {kPointer, kFlagHex | kFlagAlt};
+  t.at['e'] = {kDoubleE, 0};
+  t.at['E'] = {kDoubleE, kFlagUpper};
+  t.at['f'] = {kDoubleF, 0};
+  t.at['g'] = {kDoubleG, 0};
+  t.at['G'] = {kDoubleG, kFlagUpper};
+  t.at['%'] = {kPercent, kFlagPercent};
+  return t;
+}();
+
 // Parses one conversion starting after its '%' at q into c; returns the
 // position past its conversion character, or null when it is malformed.
 const char* parseConversion(const char* q, Conversion* c) {
+  const BareConversion& bare = kBare.at[static_cast<unsigned char>(*q)];
+  if (bare.type >= 0) {
+    c->type = bare.type;
+    c->flags = bare.flags;
+    c->argIndex = 0;
+    c->width = 0;
+    c->precision = 0;
+    return q + 1;
+  }
   uint32_t flags = 0;
   int32_t argIndex = 0;
   int32_t width = 0;
@@ -991,7 +1119,7 @@ int zar_vsnprintf_parse(Context* ctx, nlz_cs_t cs, const char* fmt, va_list ap) 
   };
   const char* p = fmt;
   for (;;) {
-    p = strchrnul(p, '%');
+    p = f::nextPercent(p);
     if (*p == '\0') break;
     Conversion* c = f::appendConversion(ctx);
     if (c == nullptr) {

@@ -10,6 +10,7 @@
 #include "core/zarprintf.h"
 
 #include <errno.h>
+#include <fenv.h>
 #include <limits.h>
 #include <string.h>
 
@@ -570,6 +571,72 @@ inline int floatDigits(char* buf, size_t len, char conv, bool hasPrec, int prec,
   return n >= 0 && static_cast<size_t>(n) < len ? n : -1;
 }
 
+// Digits of a double under "%.<prec>f" without '#' and '\'', made here
+// when that is exact and cheap: a finite value below 2^63, a precision of at
+// most 17, rounding to nearest (the default mode) and a one-byte decimal
+// point. The value is m * 2^-s exactly, so the digits are an integer
+// quotient, and the remainder decides the rounding, with ties to even as the
+// C library rounds. Writes the digits ending at end, with '-' before them
+// for a negative value (a negative zero included, as printf writes it);
+// returns the first, or null when the C library must format the value.
+char* fixedDigits(double value, int prec, char* end) {
+  static constexpr auto kPow10 = [] {
+    struct Powers {
+      uint64_t at[18];
+    } t{};
+    uint64_t v = 1;
+    for (uint64_t& p : t.at) p = v, v *= 10;
+    return t;
+  }();
+  if (prec < 0 || prec > 17) return nullptr;
+  uint64_t bits;
+  memcpy(&bits, &value, sizeof bits);
+  const int exponent = static_cast<int>((bits >> 52) & 0x7FF);
+  if (exponent == 0x7FF) return nullptr;  // infinity or NaN
+  uint64_t m = bits & ((uint64_t{1} << 52) - 1);
+  int s = 1074;  // subnormal: m * 2^-1074
+  if (exponent != 0) {
+    m |= uint64_t{1} << 52;
+    s = 1075 - exponent;
+  }
+  uint64_t whole = 0;
+  uint64_t frac = 0;
+  if (s <= 0) {
+    if (s < -10) return nullptr;  // 2^63 or more
+    whole = m << -s;
+  } else {
+    const uint64_t fracBits = s < 64 ? m & ((uint64_t{1} << s) - 1) : m;
+    whole = s < 64 ? m >> s : 0;
+    // Beyond 2^-127 the scaled fraction (below 2^53 * 10^17 < 2^117) stays
+    // under half a unit of the last digit: every digit is 0, nothing rounds.
+    if (s < 128) {
+      using U128 = unsigned __int128;
+      const U128 n = static_cast<U128>(fracBits) * kPow10.at[prec];
+      const U128 q = n >> s;
+      const U128 rem = n - (q << s);
+      const U128 half = static_cast<U128>(1) << (s - 1);
+      frac = static_cast<uint64_t>(q);
+      const bool odd = ((prec > 0 ? frac : whole) & 1) != 0;
+      if ((rem > half || (rem == half && odd)) && ++frac == kPow10.at[prec]) {
+        frac = 0;
+        ++whole;
+      }
+    }
+  }
+  if (fegetround() != FE_TONEAREST) return nullptr;
+  char point = nlz_decimal_point();
+  if (point == '\0') return nullptr;
+  char* p = end;
+  if (prec > 0) {
+    p = decimalDigits(frac, p);
+    while (end - p < prec) *--p = '0';
+    *--p = point;
+  }
+  p = decimalDigits(whole, p);
+  if (bits >> 63) *--p = '-';
+  return p;
+}
+
 // Types 13 to 18 (e E f g G, with or without L): formatted by the C library.
 // Without '#' and '\'' the digits come from strfromd and the sign and the
 // padding are added here exactly as printf adds them (spaces, not zeros,
@@ -604,9 +671,19 @@ int64_t renderFloat(nlz_cs_t, const Conversion& c, const Argument* args, Sink& o
   const Argument& a = args[c.argIndex];
   if (!(c.flags & (kFlagAlt | kFlagGroup)) && width != INT_MIN && (!hasPrec || prec < 40)) {
     char digits[72];
-    int n = floatDigits(digits, sizeof digits, conv, hasPrec, prec, isLong, a);
+    char* const digitsEnd = digits + sizeof digits;
+    const char* text = conv == 'f' && !isLong
+                           ? fixedDigits(a.value.d, hasPrec && prec >= 0 ? prec : 6, digitsEnd)
+                           : nullptr;
+    int n;
+    if (text != nullptr) {
+      n = static_cast<int>(digitsEnd - text);
+    } else {
+      text = digits;
+      n = floatDigits(digits, sizeof digits, conv, hasPrec, prec, isLong, a);
+    }
     if (n > 0) {
-      const char* body = digits;
+      const char* body = text;
       const char* sign = "";
       if (*body == '-') {
         sign = "-";
@@ -616,7 +693,7 @@ int64_t renderFloat(nlz_cs_t, const Conversion& c, const Argument* args, Sink& o
       } else if (c.flags & kFlagSpace) {
         sign = " ";
       }
-      const size_t bodyLen = static_cast<size_t>(n - (body - digits));
+      const size_t bodyLen = static_cast<size_t>(n - (body - text));
       uint32_t flags = c.flags;
       if (width < 0) flags |= kFlagLeft;  // printf's reading of a negative width
       const bool finite = isDigit(*body);

@@ -105,6 +105,9 @@ int nlz_canonical_lang(const char* name, char* buf, int len);
 nlz_cs_t nlz_cs_shared(const char* name);
 // 1 when the two handles name the same code set (null: the thread's).
 int nlz_cs_same(nlz_cs_t a, nlz_cs_t b);
+// 1 when the bytes 0x01..0x7F of cs (null: the thread's) are the ASCII
+// characters, so that 7-bit text converts to the same units and back.
+int nlz_cs_ascii_transparent(nlz_cs_t cs);
 
 // ---- Settings of the layer -----------------------------------------------------
 

@@ -49,31 +49,6 @@ inline int32_t readNumber(const char** p) {
   return n > INT_MAX ? INT_MAX : static_cast<int32_t>(n);
 }
 
-// Copies n >= 1 bytes. Most pieces of a format (the text between two
-// conversions, a number, a short string) are a few bytes long: those are
-// copied in two overlapping moves of fixed size instead of a call.
-inline void copyBytes(char* dst, const char* src, size_t n) {
-  if (n > 16) {
-    memcpy(dst, src, n);
-  } else if (n >= 8) {
-    uint64_t head, tail;
-    memcpy(&head, src, 8);
-    memcpy(&tail, src + n - 8, 8);
-    memcpy(dst, &head, 8);
-    memcpy(dst + n - 8, &tail, 8);
-  } else if (n >= 4) {
-    uint32_t head, tail;
-    memcpy(&head, src, 4);
-    memcpy(&tail, src + n - 4, 4);
-    memcpy(dst, &head, 4);
-    memcpy(dst + n - 4, &tail, 4);
-  } else {
-    dst[0] = src[0];
-    dst[n / 2] = src[n / 2];
-    dst[n - 1] = src[n - 1];
-  }
-}
-
 // The next '%' at or after p, or the terminator. The text between two
 // conversions is usually short: a few bytes are looked at here before
 // handing a longer text to strchrnul.
@@ -99,7 +74,7 @@ class BufferSink {
   void put(const char* s, size_t n) {
     if (n > room_) n = room_;
     if (n == 0) return;
-    copyBytes(pos_, s, n);
+    mem::moveBytes(pos_, s, n);  // most pieces of a format are a few bytes long
     pos_ += n;
     room_ -= n;
   }

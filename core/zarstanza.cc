@@ -330,7 +330,8 @@ Step streamMove(zarStzFile* f, bool toStanza, bool crossStanzas) {
     // Its faults are reported from the wide text, as any other line's.
     int len = 0;
     bool narrow = asciiCs;
-    while (line[len] != '\0') narrow = narrow && (line[len++] & 0x80) == 0;
+    for (; line[len] != '\0'; ++len)
+      if (line[len] & 0x80) narrow = false;
     Line l{LineKind::kSkip};
     if (narrow) {
       if (len > 0 && line[len - 1] == '\n') line[--len] = '\0';

@@ -253,8 +253,9 @@ bool ZARString::append(const ZARStringRef& r) {
 bool ZARString::append(const ZARString& o) { return append(o.data_, o.len_, CONVERT_NONE); }
 
 bool ZARString::set(const char* s, int len, conversion_e conv) {
-  // A short value as it is goes into the inline buffer, as append() would
-  // put it there; a held heap block stays held.
+  // A value as it is goes where append() would put it: a short one into the
+  // inline buffer (a held heap block stays held), a longer one into a held
+  // block that is large enough.
   if (conv == CONVERT_NONE) {
     const char* text = s == nullptr ? "" : s;
     int n = textLen(text, len);
@@ -262,6 +263,13 @@ bool ZARString::set(const char* s, int len, conversion_e conv) {
       zar::mem::moveBytes(inline_, text, static_cast<size_t>(n));  // text may lie in inline_
       inline_[n] = '\0';
       data_ = inline_;
+      len_ = n;
+      return true;
+    }
+    if (static_cast<int64_t>(n) + 1 <= heapCap_) {  // a held block that is large enough
+      memmove(heap_, text, static_cast<size_t>(n));  // text may lie in heap_
+      heap_[n] = '\0';
+      data_ = heap_;
       len_ = n;
       return true;
     }

@@ -8,8 +8,8 @@
 
 #include <atomic>
 
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "platform/nlz.h"
 #include "zar/msginit.h"
 #include "zar/nls.h"

@@ -6,8 +6,8 @@
 
 #include <memory>
 
+#include "base/zarmem.h"
 #include "core/svcutl/svcprod.h"
-#include "core/zarmem.h"
 #include "zar/stanza.h"
 #include "zar/status.h"
 #include "zar/svc.h"

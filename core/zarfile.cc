@@ -12,13 +12,12 @@
 
 #include <memory>
 
-#include "core/svcutl/svcprod.h"
-#include "core/zarlock.h"
-#include "core/zarmem.h"
+#include "base/report.h"
+#include "base/zarlock.h"
+#include "base/zarmem.h"
 #include "platform/sysio.h"
 #include "zar/file.h"
 #include "zar/status.h"
-#include "zar/svc.h"
 
 namespace zar::file {
 namespace {
@@ -45,8 +44,7 @@ uint32_t sysStatus(int err) {
     case EINVAL:
       return ZAR_S_INVALID_INPUT;
     default:
-      zar_svc_printf_withfile(zar::svc::clientHandle(), kRecordName, __LINE__, "%s%d", 0,
-                              svc_c_sev_error, ZAR_S_SYSCALL_FAILED_CODE, "<unknown>", err);
+      report::error(kRecordName, __LINE__, ZAR_S_SYSCALL_FAILED_CODE, "%s%d", "<unknown>", err);
       return ZAR_S_SYSCALL_FAILED;
   }
 }

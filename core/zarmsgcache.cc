@@ -9,8 +9,8 @@
 
 #include <new>
 
-#include "core/zarlock.h"
-#include "core/zarmem.h"
+#include "base/zarlock.h"
+#include "base/zarmem.h"
 #include "zar/msg.h"
 #include "zar/msgcache.hpp"
 

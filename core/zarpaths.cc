@@ -7,8 +7,8 @@
 
 #include <atomic>
 
-#include "core/zarlock.h"
-#include "core/zarmem.h"
+#include "base/zarlock.h"
+#include "base/zarmem.h"
 #include "platform/nlz.h"
 #include "platform/qumbra.h"
 #include "zar/paths.h"
@@ -27,7 +27,7 @@ const char* const kDefaults[ZAR_PATH_COUNT] = {
     "/opt/kpsrv/sbin/", "/opt/kpsrv/lib/", "/opt/kpsrv/nls/msg/", "/opt/kpsrv/nls/NLZ/",
     "/var/kpsrv/log/",  "/opt/Brantholm/"};
 std::atomic<const char*> gNlzDir{kDefaults[ZAR_PATH_NLZ_DIR]};
-pthread_mutex_t gLoadMutex = PTHREAD_MUTEX_INITIALIZER;  // serialises zar_load_paths
+zar::Mutex gLoadMutex = PTHREAD_MUTEX_INITIALIZER;  // serialises zar_load_paths
 pthread_once_t gPathOnce = PTHREAD_ONCE_INIT;
 
 // 0 and *out = base/sub when that exists (of any kind); otherwise non-zero
@@ -64,7 +64,7 @@ extern "C" {
 
 ZAR_API const char* zar_load_paths(void) {
   using namespace zar::paths;
-  zar::MutexLock lock(&gLoadMutex);
+  zar::MutexLock lock(gLoadMutex);
   nlz_get_dir();
   qumbra_initialize();
   const char* dir = nlz_get_dir();

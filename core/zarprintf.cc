@@ -14,8 +14,8 @@
 #include <limits.h>
 #include <string.h>
 
-#include "core/zarlock.h"
-#include "core/zarmem.h"
+#include "base/zarlock.h"
+#include "base/zarmem.h"
 #include "platform/sysio.h"
 
 namespace zar::format {

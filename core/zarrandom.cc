@@ -8,10 +8,9 @@
 #include <pthread.h>
 #include <string.h>
 
-#include "core/svcutl/svcprod.h"
+#include "base/report.h"
 #include "platform/kry.h"
 #include "zar/status.h"
-#include "zar/svc.h"
 #include "zar/util.h"
 
 namespace zar::random {
@@ -52,11 +51,10 @@ extern "C" ZAR_API uint32_t zar_get_random_bytes(void* buffer, uint32_t count) {
   if (err != 0) {
     char text[KRY_ERROR_STRING_LEN];
     KRY_ERR_error_string(err, text);
-    zar_svc_printf_withfile(zar::svc::clientHandle(), kRecordName, __LINE__, "%s%s", 0,
-                            svc_c_sev_error, ZAR_S_KRY_FAILURE_DETAIL, "KRY_RAND_bytes", text);
+    zar::report::error(kRecordName, __LINE__, ZAR_S_KRY_FAILURE_DETAIL, "%s%s", "KRY_RAND_bytes",
+                       text);
   } else {
-    zar_svc_printf_withfile(zar::svc::clientHandle(), kRecordName, __LINE__, "%s", 0,
-                            svc_c_sev_error, ZAR_S_KRY_FAILURE_NO_DETAIL, "KRY_RAND_bytes");
+    zar::report::error(kRecordName, __LINE__, ZAR_S_KRY_FAILURE_NO_DETAIL, "%s", "KRY_RAND_bytes");
   }
   return ZAR_S_KRY_FAILURE;
 }

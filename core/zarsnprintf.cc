@@ -8,7 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "core/zarmem.h"
+#include "base/zarmem.h"
 #include "core/zarprintf.h"
 #include "zar/nls.h"
 

@@ -14,9 +14,9 @@
 
 #include <atomic>
 
-#include "core/zarlock.h"
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
+#include "base/zarlock.h"
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/svcprod.h"
 #include "platform/sysio.h"
 #include "zar/nls.h"

@@ -11,7 +11,7 @@
 
 #include <new>
 
-#include "core/zarmem.h"
+#include "base/zarmem.h"
 #include "platform/nlz.h"
 #include "zar/nls.h"
 #include "zar/string.hpp"

@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "core/zarmem.h"
+#include "base/zarmem.h"
 #include "core/zarstanza.h"
 #include "zar/stanza.h"
 #include "zar/status.h"

@@ -12,8 +12,8 @@
 #include <sys/time.h>
 #include <time.h>
 
-#include "core/zarlock.h"
-#include "core/zarmem.h"
+#include "base/zarlock.h"
+#include "base/zarmem.h"
 #include "zar/thread.h"
 
 namespace zar::thread {
@@ -32,7 +32,7 @@ struct StartRecord {
 // The delay machinery: a process-wide mutex and a condition that nobody
 // signals; it exists only to wait with a deadline.
 // Invariants: waitMutex is a leaf lock, held only around the timed wait.
-pthread_mutex_t waitMutex = PTHREAD_MUTEX_INITIALIZER;
+zar::Mutex waitMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t waitCV = PTHREAD_COND_INITIALIZER;  // guarded by waitMutex
 
 void* zarthreadStart(void* p) {

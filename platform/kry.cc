@@ -9,8 +9,8 @@
 
 #include <atomic>
 
-#include "core/zarmem.h"
-#include "platform/faultinj.h"
+#include "base/faultinj.h"
+#include "base/zarmem.h"
 
 struct kry_ctx_s {
   std::atomic<bool> nonBlocking{false};

@@ -24,8 +24,8 @@
 
 #include <algorithm>
 
-#include "core/zarlock.h"
-#include "core/zarmem.h"
+#include "base/zarlock.h"
+#include "base/zarmem.h"
 #include "platform/nlz.h"
 #include "platform/nlzint.h"
 #include "platform/sysio.h"
@@ -71,7 +71,7 @@ struct nlz_cat_s {
   uint32_t set1Len = 0;
   char* path = nullptr;
   nlz_cs_t cs = nullptr;  // shared handle of the catalog's code set, or null
-  pthread_mutex_t mu = PTHREAD_MUTEX_INITIALIZER;
+  zar::Mutex mu = PTHREAD_MUTEX_INITIALIZER;
   Converted** converted = nullptr;  // per index entry; guarded by mu
 };
 
@@ -537,7 +537,7 @@ const char* nlz_catgets_len(nlz_cat_t cat, int set, int num, const char* def, nl
     return text;
   const char* target = nlz_cs_name(cs);
   size_t i = static_cast<size_t>(e - cat->index);
-  zar::MutexLock lock(&cat->mu);
+  zar::MutexLock lock(cat->mu);
   if (cat->converted == nullptr) {
     cat->converted =
         static_cast<Converted**>(zar::mem::allocZero(cat->count, sizeof(Converted*)));

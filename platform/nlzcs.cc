@@ -17,9 +17,9 @@
 #include <pthread.h>
 #include <string.h>
 
-#include "core/zarlock.h"
-#include "core/zarmem.h"
-#include "platform/faultinj.h"
+#include "base/faultinj.h"
+#include "base/zarlock.h"
+#include "base/zarmem.h"
 #include "platform/nlz.h"
 
 namespace {
@@ -31,7 +31,7 @@ constexpr int kNameMax = 64;
 // Invariants: free_[0..count_) are open descriptors in the initial state or in
 // any state (they are reset before use); guarded by mu_.
 struct DescriptorPool {
-  pthread_mutex_t mu = PTHREAD_MUTEX_INITIALIZER;
+  zar::Mutex mu = PTHREAD_MUTEX_INITIALIZER;
   iconv_t free_[kPoolSize];  // guarded by mu
   int count_ = 0;            // guarded by mu
   const char* to = nullptr;  // iconv names, owned by the handle
@@ -39,14 +39,14 @@ struct DescriptorPool {
 
   iconv_t acquire() {
     {
-      zar::MutexLock lock(&mu);
+      zar::MutexLock lock(mu);
       if (count_ > 0) return free_[--count_];
     }
     return iconv_open(to, from);
   }
   void release(iconv_t cd) {
     {
-      zar::MutexLock lock(&mu);
+      zar::MutexLock lock(mu);
       if (count_ < kPoolSize) {
         free_[count_++] = cd;
         return;
@@ -319,13 +319,13 @@ bool probe(zar_codeset_s* cs) {
 // Normalised names are interned so that two handles of one code set compare
 // by pointer. Invariants: gNames[0..gNameCount) are never changed or freed.
 constexpr int kNamesMax = 128;
-pthread_mutex_t gNamesMu = PTHREAD_MUTEX_INITIALIZER;
+zar::Mutex gNamesMu = PTHREAD_MUTEX_INITIALIZER;
 char gNames[kNamesMax][kNameMax];  // guarded by gNamesMu
 int gNameCount = 0;                // guarded by gNamesMu
 
 // The interned copy of a normalised name, or null when the table is full.
 const char* intern(const char* name) {
-  zar::MutexLock lock(&gNamesMu);
+  zar::MutexLock lock(gNamesMu);
   for (int i = 0; i < gNameCount; ++i)
     if (strcmp(gNames[i], name) == 0) return gNames[i];
   if (gNameCount == kNamesMax) return nullptr;
@@ -338,7 +338,7 @@ const char* intern(const char* name) {
 // Invariants: gShared[0..gSharedCount) are handles made by nlz_cs_new, never
 // freed; a handle is published only after it is complete.
 constexpr int kSharedMax = 64;
-pthread_mutex_t gSharedMu = PTHREAD_MUTEX_INITIALIZER;
+zar::Mutex gSharedMu = PTHREAD_MUTEX_INITIALIZER;
 nlz_cs_t gShared[kSharedMax];  // guarded by gSharedMu
 int gSharedCount = 0;          // guarded by gSharedMu
 
@@ -449,13 +449,13 @@ nlz_cs_t nlz_cs_shared(const char* name) {
     return nullptr;
   }
   {
-    zar::MutexLock lock(&gSharedMu);
+    zar::MutexLock lock(gSharedMu);
     for (int i = 0; i < gSharedCount; ++i)
       if (strcmp(gShared[i]->name, norm) == 0) return gShared[i];
   }
   nlz_cs_t made = nlz_cs_new(name);
   if (made == nullptr) return nullptr;
-  zar::MutexLock lock(&gSharedMu);
+  zar::MutexLock lock(gSharedMu);
   for (int i = 0; i < gSharedCount; ++i) {
     if (strcmp(gShared[i]->name, norm) == 0) {  // another thread was first
       nlz_cs_free(made);

@@ -10,8 +10,8 @@
 
 #include <atomic>
 
-#include "core/zarlock.h"
-#include "core/zarmem.h"
+#include "base/zarlock.h"
+#include "base/zarmem.h"
 #include "platform/nlz.h"
 #include "platform/nlzint.h"
 
@@ -188,7 +188,7 @@ struct Kept {
   nlz_cs_t cs;
   char text[1];
 };
-pthread_mutex_t gSettingsMu = PTHREAD_MUTEX_INITIALIZER;
+zar::Mutex gSettingsMu = PTHREAD_MUTEX_INITIALIZER;
 pthread_once_t gDirOnce = PTHREAD_ONCE_INIT;
 std::atomic<const char*> gDir{""};
 std::atomic<nlz_cs_t> gDefCs{nullptr};
@@ -209,7 +209,7 @@ Kept* keep(const char* text, nlz_cs_t cs) {
 void initDir() {
   const char* env = getenv("QVNLZDIR");
   if (env == nullptr || *env == '\0') return;
-  zar::MutexLock lock(&gSettingsMu);
+  zar::MutexLock lock(gSettingsMu);
   if (Kept* k = keep(env, nullptr)) gDir.store(k->text, std::memory_order_release);
 }
 
@@ -225,7 +225,7 @@ const char* nlz_get_dir(void) {
 int nlz_set_dir(const char* dir) {
   pthread_once(&gDirOnce, initDir);
   if (dir == nullptr) dir = "";
-  zar::MutexLock lock(&gSettingsMu);
+  zar::MutexLock lock(gSettingsMu);
   if (strcmp(gDir.load(std::memory_order_relaxed), dir) == 0) return 0;
   Kept* k = keep(dir, nullptr);
   if (k == nullptr) return -1;
@@ -234,7 +234,7 @@ int nlz_set_dir(const char* dir) {
 }
 
 int nlz_set_def_cs(nlz_cs_t cs) {
-  zar::MutexLock lock(&gSettingsMu);
+  zar::MutexLock lock(gSettingsMu);
   if (cs != nullptr && keep("", cs) == nullptr) return -1;
   gDefCs.store(cs, std::memory_order_release);
   return 0;

@@ -4,7 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "platform/faultinj.h"
+#include "base/faultinj.h"
 
 namespace zar::sys {
 namespace {

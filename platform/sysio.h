@@ -1,5 +1,5 @@
 // Thin wrappers over the system calls whose failures the library must handle:
-// each asks the fault-injection seam first (platform/faultinj.h) and otherwise
+// each asks the fault-injection seam first (base/faultinj.h) and otherwise
 // behaves exactly as the call it wraps (same results, errno on failure).
 // Library code uses these instead of calling the system directly, so that the
 // reliability tests can make any of them fail.

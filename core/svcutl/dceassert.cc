@@ -23,7 +23,7 @@ zar_svc_subcomp gAssertTable[] = {{"assert", "DCE assertion failures", 0, 0},
 zar_svc_handle gAssertHandle = nullptr;
 pthread_once_t gAssertOnce = PTHREAD_ONCE_INIT;
 
-void registerAssertComponent() {
+void registerAssertComponent() ZAR_NO_THREAD_SAFETY_ANALYSIS {
   unsigned long st = 0;
   gAssertHandle = zar::svc::heldByThisThread()
                       ? zar::svc::registerLocked(gAssertTable, "dce", &st)
@@ -33,7 +33,7 @@ void registerAssertComponent() {
 }  // namespace
 
 extern "C" void zar___assert(struct zar_svc_handle_s* handle, const char* expr, const char* file,
-                             int line) {
+                             int line) ZAR_NO_THREAD_SAFETY_ANALYSIS {
   if (handle == nullptr) {
     pthread_once(&gAssertOnce, registerAssertComponent);
     handle = gAssertHandle;

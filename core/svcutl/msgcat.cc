@@ -16,11 +16,11 @@
 
 #include <atomic>
 
+#include "base/zarlock.h"
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/msgint.h"
 #include "core/svcutl/svcnls.h"
-#include "core/zarlock.h"
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
 #include "platform/nlz.h"
 #include "zar/status.h"
 
@@ -220,7 +220,7 @@ zar_msg_cat_s* openCatalog(uint32_t code, const char* locale, int flags, unsigne
   char debugName[40];
   debugName[0] = '\0';
   {
-    zar::MutexLock lock(&zar_msgcat_g_mutex);
+    zar::MutexLock lock(zar_msgcat_g_mutex);
     zar_msg_cat_s** row = catCache[(flags & 7) >> 1];
     for (int k = 0; k < kSlots && row[k] != nullptr; ++k) {
       zar_msg_cat_s* e = row[k];
@@ -377,7 +377,7 @@ char* zar_msg_get_locale_cat_msg(uint32_t code, const char* locale, const char* 
   if (openType < 0 || openType > 4) {
     zar::setStatus(status, ZAR_S_MSG_BAD_OPEN_TYPE);
   } else {
-    zar::MutexLock lock(&zar_msg_g_mutex);
+    zar::MutexLock lock(zar_msg_g_mutex);
     Reader reader{cs, nullptr};
     openCatalog(code, locale, kFlags[openType], status, &reader);
     text = reader.text;

@@ -1,8 +1,7 @@
 // Internals of the message texts and catalogs, shared by msgtable.cc,
 // msgcat.cc, the generated tables and the serviceability printer.
 //
-// Process-wide state (lock order: serviceability mutex, then zar_msg_g_mutex,
-// then zar_msgcat_g_mutex; never the reverse):
+// Process-wide state (lock order: "Lock order" in core/svcutl/svcint.h):
 // - zar_msg_g_mutex guards the registered tables (zar_msg_g_curr_table,
 //   zar_msg_g_table_size) and every text lookup;
 // - zar_msgcat_g_mutex guards the catalog cache (msgcat.cc) only.
@@ -14,6 +13,7 @@
 
 #include <atomic>
 
+#include "base/zarlock.h"
 #include "zar/msg.h"
 #include "zar/nls.h"
 
@@ -25,8 +25,8 @@ extern zar_msg_table zar_msg_g_compiled_table[3];
 extern const zar_msg_table* zar_msg_g_curr_table;  // guarded by zar_msg_g_mutex
 extern uint32_t zar_msg_g_table_size;               // guarded by zar_msg_g_mutex
 extern uint32_t zar_msg_g_noxpgcat;                 // set once at initialisation
-extern pthread_mutex_t zar_msg_g_mutex;
-extern pthread_mutex_t zar_msgcat_g_mutex;
+extern zar::Mutex zar_msgcat_g_mutex;
+extern zar::Mutex zar_msg_g_mutex ZAR_ACQUIRED_BEFORE(zar_msgcat_g_mutex);
 
 // The technology tag ("dce", "dfs", "kp", "???"; empty for 4 and 5) and the
 // component name of code, each into a 4-byte buffer.
@@ -38,7 +38,7 @@ void zar__error_inq_isv(uint32_t code, char* buffer, int* status);
 // KPSVC_DEBUG_MSG, the UTF-8 handle, the catalog data directory).
 void zar_msg__init_mutex(void);
 // Release the message lock or the catalog lock (for callers that hold them
-// without the guards of core/zarlock.h).
+// without the guards of base/zarlock.h).
 void zar_msg__cleanup_mutex(void);
 void zar_msg__cleanup_cat_mutex(void);
 

@@ -9,8 +9,8 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "core/zarlock.h"
-#include "core/zarmem.h"
+#include "base/zarlock.h"
+#include "base/zarmem.h"
 #include "core/zarprintf.h"
 #include "platform/nlz.h"
 #include "zar/msg.h"

@@ -6,11 +6,11 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "base/zarlock.h"
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/msgint.h"
 #include "core/svcutl/svcnls.h"
-#include "core/zarlock.h"
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
 #include "platform/nlz.h"
 #include "platform/qumbra.h"
 #include "zar/status.h"
@@ -20,8 +20,8 @@
 const zar_msg_table* zar_msg_g_curr_table = zar_msg_g_compiled_table;
 uint32_t zar_msg_g_table_size = 3;
 uint32_t zar_msg_g_noxpgcat = 0;
-pthread_mutex_t zar_msg_g_mutex = PTHREAD_MUTEX_INITIALIZER;
-pthread_mutex_t zar_msgcat_g_mutex = PTHREAD_MUTEX_INITIALIZER;
+zar::Mutex zar_msg_g_mutex = PTHREAD_MUTEX_INITIALIZER;
+zar::Mutex zar_msgcat_g_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
@@ -124,7 +124,7 @@ void zar_msg_define_msg_table(const zar_msg_entry* entries, uint32_t count,
     zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
     return;
   }
-  zar::MutexLock lock(&zar_msg_g_mutex);
+  zar::MutexLock lock(zar_msg_g_mutex);
   // Each array starts with a link to the one it replaces, so that replaced
   // arrays stay reachable (they are never freed; see below).
   void* block = zar::mem::allocZero(1, sizeof(void*) + (zar_msg_g_table_size + 1) * sizeof(zar_msg_table));
@@ -192,7 +192,7 @@ char* zar_msg_get_msg(uint32_t code, unsigned long* status) {
     zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
     return nullptr;
   }
-  zar::MutexLock lock(&zar_msg_g_mutex);
+  zar::MutexLock lock(zar_msg_g_mutex);
   unsigned long st = ZAR_S_OK;
   char* text = zar::msg::copyCatalogText(code, &st);
   if (text != nullptr) {
@@ -225,7 +225,7 @@ char* zar_msg_get_msg_utf8(uint32_t code, unsigned long* status) {
     zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
     return nullptr;
   }
-  zar::MutexLock lock(&zar_msg_g_mutex);
+  zar::MutexLock lock(zar_msg_g_mutex);
   const char* found = zar_msg_get_default_msg(code, &st);
   zar::setStatus(status, static_cast<uint32_t>(st));
   return copyOrUnknown(found, code, status);

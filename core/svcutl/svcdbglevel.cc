@@ -5,9 +5,9 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
 #include "zar/status.h"
 
 namespace zar::svc {
@@ -40,7 +40,7 @@ class LevelTeller {
   LevelTeller& operator=(const LevelTeller&) = delete;
 
   // Mutex held. Takes the callbacks of the moment; false when memory is short.
-  bool snapshotCallbacks() {
+  bool snapshotCallbacks() ZAR_REQUIRES(zar::svc::gSvc.mutex) {
     if (!collect_ || gSvc.nCallbacks == 0) return true;
     callbacks_ = static_cast<zar_svc_level_fn*>(
         mem::alloc(gSvc.nCallbacks * sizeof(zar_svc_level_fn)));
@@ -61,7 +61,8 @@ class LevelTeller {
     return true;
   }
   // Mutex held; after reserve().
-  void levelSet(const char* component, const zar_svc_subcomp& entry, uint32_t level) {
+  void levelSet(const char* component, const zar_svc_subcomp& entry, uint32_t level)
+      ZAR_REQUIRES(zar::svc::gSvc.mutex) {
     if (collect_) {
       if (nCallbacks_ != 0) notes_[count_++] = LevelNote{entry.name, entry.description_id, level};
       return;
@@ -103,8 +104,8 @@ int readLevel(const char* text) {
 
 // Mutex held. Sets one entry's level and tells it; false when memory is
 // short for the note (nothing is set then).
-bool setLevel(zar_svc_handle handle, zar_svc_subcomp* entry, uint32_t level,
-              LevelTeller* teller, bool callbacks) {
+bool setLevel(zar_svc_handle handle, zar_svc_subcomp* entry, uint32_t level, LevelTeller* teller,
+              bool callbacks) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   if (callbacks && !teller->reserve()) return false;
   entry->level = (entry->level & kKeptLevelBits) | level;
   if (callbacks) teller->levelSet(handle->component, *entry, level);
@@ -113,8 +114,8 @@ bool setLevel(zar_svc_handle handle, zar_svc_subcomp* entry, uint32_t level,
 
 // Mutex held. Applies a level list item by item; returns the status (the
 // items before a bad one stay applied).
-uint32_t applyLevels(zar_svc_handle handle, const char* levels, bool callbacks,
-                     LevelTeller* teller) {
+uint32_t applyLevels(zar_svc_handle handle, const char* levels, bool callbacks, LevelTeller* teller)
+    ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   if (levels == nullptr || *levels == '\0') return 0;
   mem::Unique<char> copy(mem::strDup(levels));
   if (!copy) return ZAR_S_SVC_NO_MEMORY;

@@ -25,7 +25,7 @@ struct DebugCall {
 
 // The prolog of a debug record: the level alone as the attribute word, no
 // message id, the caller's format (not owned) and file as given.
-void debugFillProlog(zar_svc_record* record, void* context) {
+void debugFillProlog(zar_svc_record* record, void* context) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   auto c = static_cast<const DebugCall*>(context);
   zar_svc_prolog& p = record->prolog;
   p.handle = c->handle;
@@ -45,7 +45,8 @@ void debugFillProlog(zar_svc_record* record, void* context) {
 // Mutex held. True when the message is not to be printed: a level outside 1
 // to 9, a sub-component beyond the table, settings that cannot be settled,
 // or a sub-component level below the message's.
-bool debugTestLevel(zar_svc_handle handle, uint32_t subcomp, uint32_t level) {
+bool debugTestLevel(zar_svc_handle handle, uint32_t subcomp, uint32_t level)
+    ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   if (level < 1 || level > kMaxLevel || subcomp >= handle->table_size) return true;
   if (!handle->debug_filled) {
     unsigned long st = 0;

@@ -4,8 +4,8 @@
 // naming a type take it over when it is added (announce) and fall back when
 // it is removed (denounce).
 //
-// Lock order: the serviceability mutex before the dynamic-route lock. The
-// dynamic-route lock is never held while the mutex is taken (add and remove
+// Lock order: "Lock order" in core/svcutl/svcint.h. The dynamic-route lock is
+// never held while the mutex is taken (add and remove
 // release it before announcing or denouncing) and never while a callback
 // runs. Cancellation: the lock guard below is the clean-up of every holder,
 // and each callback or wait has a guard that puts its counters back and
@@ -15,10 +15,10 @@
 
 #include <atomic>
 
+#include "base/zarlock.h"
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarlock.h"
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
 #include "zar/status.h"
 
 namespace zar::svc {
@@ -30,10 +30,10 @@ namespace {
 struct DynRouteState {
   pthread_once_t once = PTHREAD_ONCE_INIT;
   std::atomic<bool> inited{false};  // lock and cond exist (set once by init)
-  pthread_mutex_t lock;             // the dynamic-route lock
+  zar::Mutex lock;                  // the dynamic-route lock
   pthread_cond_t cond;              // broadcast when an open, print or close ends
-  svc_dyn_route** types = nullptr;  // lock: the registered types
-  uint32_t count = 0;               // lock
+  svc_dyn_route** types ZAR_GUARDED_BY(lock) = nullptr;  // the registered types
+  uint32_t count ZAR_GUARDED_BY(lock) = 0;
 };
 
 DynRouteState gDyn;
@@ -51,20 +51,20 @@ void dynRouteInit() {
 // false when the lock cannot be had. The destructor is the cancellation
 // clean-up of the holder: glibc takes the lock back before a thread
 // cancelled in wait() unwinds.
-class DynLock {
+class ZAR_SCOPED_CAPABILITY DynLock {
  public:
-  DynLock() {
+  DynLock() ZAR_ACQUIRE(gDyn.lock) ZAR_NO_THREAD_SAFETY_ANALYSIS {
     pthread_once(&gDyn.once, dynRouteInit);
     held_ = gDyn.inited.load(std::memory_order_acquire) && pthread_mutex_lock(&gDyn.lock) == 0;
   }
-  ~DynLock() {
+  ~DynLock() ZAR_RELEASE() ZAR_NO_THREAD_SAFETY_ANALYSIS {
     if (held_) pthread_mutex_unlock(&gDyn.lock);
   }
   DynLock(const DynLock&) = delete;
   DynLock& operator=(const DynLock&) = delete;
 
   bool held() const { return held_; }
-  void unlock() {
+  void unlock() ZAR_RELEASE() ZAR_NO_THREAD_SAFETY_ANALYSIS {
     pthread_mutex_unlock(&gDyn.lock);
     held_ = false;
   }
@@ -108,7 +108,7 @@ void dropReferenceLocked(svc_dyn_route* type) {
 
 // Lock held. The type called name; while one is being removed a type of the
 // same name may have been added already, and that one is found first.
-svc_dyn_route* findType(const char* name) {
+svc_dyn_route* findType(const char* name) ZAR_REQUIRES(gDyn.lock) {
   svc_dyn_route* removed = nullptr;
   for (uint32_t i = 0; i < gDyn.count; ++i) {
     if (strcmp(gDyn.types[i]->name, name) != 0) continue;
@@ -131,7 +131,7 @@ bool removedNow(svc_dyn_route* type) {
 
 // Mutex held: tries to make a waiting route (its kind not DYNAMIC) a route of
 // the type its element names.
-void takeOver(svc_route* route) {
+void takeOver(svc_route* route) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   svc_dyn_route* type = nullptr;
   void* data = nullptr;
   unsigned long st = 0;
@@ -152,12 +152,12 @@ namespace {
 bool gLockedForFork = false;
 }  // namespace
 
-void dynRouteForkPrepare() {
+void dynRouteForkPrepare() ZAR_NO_THREAD_SAFETY_ANALYSIS {
   gLockedForFork = gDyn.inited.load(std::memory_order_acquire);
   if (gLockedForFork) pthread_mutex_lock(&gDyn.lock);
 }
 
-void dynRouteForkRelease() {
+void dynRouteForkRelease() ZAR_NO_THREAD_SAFETY_ANALYSIS {
   if (gLockedForFork) pthread_mutex_unlock(&gDyn.lock);
   gLockedForFork = false;
 }
@@ -282,7 +282,7 @@ void zar__svc_dyn_route_close(svc_dyn_route* type, void* routeData) {
 void zar_svc__routing_announce(const char* name, unsigned long* status) {
   setStatus(status, 0);
   zar::svc::SvcLock lock;
-  zar::svc::forEachRoute([name](svc_route* route, bool) {
+  zar::svc::forEachRoute([name](svc_route* route, bool) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
     if (route->kind == zar::svc::kRouteDynamic || route->dynName == nullptr ||
         strcmp(route->dynName, name) != 0)
       return;
@@ -293,7 +293,8 @@ void zar_svc__routing_announce(const char* name, unsigned long* status) {
 void zar_svc__routing_denounce(const char* name, unsigned long* status) {
   setStatus(status, 0);
   zar::svc::SvcLock lock;
-  zar::svc::forEachRoute([name](svc_route* route, bool inDebugList) {
+  zar::svc::forEachRoute([name](svc_route* route,
+                                bool inDebugList) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
     if (route->kind != zar::svc::kRouteDynamic || route->dynName == nullptr ||
         strcmp(route->dynName, name) != 0)
       return;

@@ -9,10 +9,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/zarlock.h"
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarlock.h"
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
 #include "platform/sysio.h"
 #include "zar/status.h"
 
@@ -68,7 +68,7 @@ void closeStream(svc_file_route* record) {
   record->stream = nullptr;
 }
 
-svc_file_route* findRecord(const char* name) {
+svc_file_route* findRecord(const char* name) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   for (uint32_t i = 0; i < gSvc.numFileroutes; ++i) {
     svc_file_route* r = gSvc.fileroutes[i];
     if (r->name != nullptr && strcmp(r->name, name) == 0) return r;
@@ -76,7 +76,7 @@ svc_file_route* findRecord(const char* name) {
   return nullptr;
 }
 
-svc_file_route* newRecord(const char* name) {
+svc_file_route* newRecord(const char* name) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   auto grown = static_cast<svc_file_route**>(
       mem::realloc(gSvc.fileroutes, (gSvc.numFileroutes + 1) * sizeof(svc_file_route*)));
   if (grown == nullptr) return nullptr;
@@ -118,7 +118,7 @@ void flushRoute(svc_route* route, bool) {
 
 // Before fork: no thread is in the middle of a record or a route change,
 // and nothing buffered is written twice (once by each process).
-void forkPrepare() {
+void forkPrepare() ZAR_NO_THREAD_SAFETY_ANALYSIS {
   ensureInit();
   pthread_mutex_lock(&gSvc.mutex);
   gSvc.owner.store(pthread_self(), std::memory_order_relaxed);
@@ -128,7 +128,7 @@ void forkPrepare() {
   forEachRoute(flushRoute);
 }
 
-void forkParent() {
+void forkParent() ZAR_NO_THREAD_SAFETY_ANALYSIS {
   dynRouteForkRelease();
   zar_svc__cleanup_mutex();
 }
@@ -136,10 +136,10 @@ void forkParent() {
 // In the child: the new process id, and a file of its own for every TEXTFILE
 // whose name holds the process id. The file opens under the new name with
 // the route's next message.
-void forkChild() {
+void forkChild() ZAR_NO_THREAD_SAFETY_ANALYSIS {
   gSvc.pid.store(getpid(), std::memory_order_relaxed);
   dynRouteForkRelease();
-  forEachRoute([](svc_route* route, bool) {
+  forEachRoute([](svc_route* route, bool) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
     if (route->kind != kRouteTextFile) return;
     auto record = static_cast<svc_file_route*>(route->target);
     if (record == nullptr || record->nameFormat == nullptr) return;

@@ -2,9 +2,7 @@
 // the process-wide state, routes and file records, and the internal steps of
 // registration, routing and log files. Not for any other module.
 //
-// Lock order (written once here, followed everywhere):
-//   serviceability mutex (gSvc.mutex) -> dynamic-route lock -> message lock
-//   -> catalog lock; the time-zone lock is a leaf.
+// The library's lock order is written once, below gSvc ("Lock order").
 // gSvc.mutex is plain and non-recursive, held for the whole of every print
 // call. Every holder takes it through SvcLock, whose destructor is the
 // cancellation clean-up that releases it.
@@ -18,6 +16,8 @@
 
 #include <atomic>
 
+#include "base/zarlock.h"
+#include "core/svcutl/msgint.h"
 #include "core/zarprintf.h"
 #include "platform/nlz.h"
 #include "zar/svc.h"
@@ -138,29 +138,30 @@ struct TimeTextCache {
 // held (the exceptions say so). Arrays grow by one slot at a time and never
 // shrink except map and callbacks, which shrink on removal.
 struct SvcState {
-  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // the serviceability mutex
+  // The serviceability mutex; first in the lock order (below).
+  zar::Mutex mutex ZAR_ACQUIRED_BEFORE(zar_msg_g_mutex) = PTHREAD_MUTEX_INITIALIZER;
   std::atomic<bool> setup{false};   // one-time set-up done (set once, then read freely)
   std::atomic<pthread_t> owner{0};  // thread holding mutex, 0 when none (for re-entry checks)
   int32_t brief = 0;                // SVC_BRIEF, read once at set-up, then read freely
 
-  zar_svc_handle* map = nullptr;    // mutex: registered handles in registration order
-  uint32_t mapSize = 0;             // mutex
-  svc_callbacks* callbacks = nullptr;  // mutex: callback sets in registration order
-  uint32_t nCallbacks = 0;          // mutex
+  zar_svc_handle* map ZAR_GUARDED_BY(mutex) = nullptr;  // registered handles in registration order
+  uint32_t mapSize ZAR_GUARDED_BY(mutex) = 0;
+  svc_callbacks* callbacks ZAR_GUARDED_BY(mutex) = nullptr;  // callback sets in registration order
+  uint32_t nCallbacks ZAR_GUARDED_BY(mutex) = 0;
   char progname[32] = {};           // mutex for writes; set once, read freely afterwards
 
-  svc_route_list routes[kNumSeverities] = {};  // mutex: FATAL .. NOTICE_VERBOSE
-  svc_route* routebase = nullptr;   // mutex: every route ever made, newest first
-  svc_saved_setting* memory = nullptr;  // mutex: saved settings, one per key
-  uint32_t memorySize = 0;          // mutex
-  svc_file_route** fileroutes = nullptr;  // mutex: every log file record
-  uint32_t numFileroutes = 0;       // mutex
+  svc_route_list routes[kNumSeverities] ZAR_GUARDED_BY(mutex) = {};  // FATAL .. NOTICE_VERBOSE
+  svc_route* routebase ZAR_GUARDED_BY(mutex) = nullptr;       // every route ever made, newest first
+  svc_saved_setting* memory ZAR_GUARDED_BY(mutex) = nullptr;  // saved settings, one per key
+  uint32_t memorySize ZAR_GUARDED_BY(mutex) = 0;
+  svc_file_route** fileroutes ZAR_GUARDED_BY(mutex) = nullptr;  // every log file record
+  uint32_t numFileroutes ZAR_GUARDED_BY(mutex) = 0;
 
   std::atomic<pid_t> pid{0};        // cached process id; refreshed in a fork child
 
-  TimeTextCache timeCache;          // mutex: local time text of the latest second printed
-  char pidName[32] = {};            // mutex: "PID#" and pidNameOf
-  pid_t pidNameOf = 0;              // mutex: the process id pidName was made for
+  TimeTextCache timeCache ZAR_GUARDED_BY(mutex);  // local time text of the latest second printed
+  char pidName[32] ZAR_GUARDED_BY(mutex) = {};    // "PID#" and pidNameOf
+  pid_t pidNameOf ZAR_GUARDED_BY(mutex) = 0;      // the process id pidName was made for
 
   pthread_key_t msgsaveKey = 0;     // the thread's message save; made at set-up
   bool msgsaveKeyMade = false;      // set at set-up, then read freely
@@ -168,16 +169,37 @@ struct SvcState {
 
 extern SvcState gSvc;
 
+}  // namespace zar::svc
+
+// ---- Lock order ----------------------------------------------------------------------------
+//
+// The order in which the library's process-wide locks are taken, never the
+// reverse:
+//   1. the serviceability mutex, gSvc.mutex (held for a whole print call)
+//   2. the dynamic-route lock (svcdynroute.cc; never held while 1 is taken,
+//      nor while a route type's callback runs)
+//   3. the message lock zar_msg_g_mutex, then the catalog lock
+//      zar_msgcat_g_mutex (msgtable.cc, msgcat.cc)
+//   4. the time-zone lock (utczone.cc), a leaf
+// Leaf locks, taken under none of the above and holding nothing else: the
+// code-set locks of platform/, the UTF-8 handle lock (svcnls.cc), the UUID
+// generator lock, the message-cache read-write lock, the delay mutex of the
+// thread helpers, the install-path lock.
+// clang checks the pairs annotated ACQUIRED_BEFORE at the locks' declarations
+// (gSvc.mutex above, the message lock in msgint.h).
+
+namespace zar::svc {
+
 // Runs the one-time set-up (mutex, SVC_BRIEF, code sets) once; cheap after
 // the first call.
 void ensureInit();
 
 // Holds the serviceability mutex for its scope (the cancellation clean-up of
 // every holder). Not recursive.
-class SvcLock {
+class ZAR_SCOPED_CAPABILITY SvcLock {
  public:
-  SvcLock();
-  ~SvcLock();
+  SvcLock() ZAR_ACQUIRE(gSvc.mutex);
+  ~SvcLock() ZAR_RELEASE();
   SvcLock(const SvcLock&) = delete;
   SvcLock& operator=(const SvcLock&) = delete;
 };
@@ -204,8 +226,8 @@ extern const uint32_t kAttrTable[kNumSeverities];
 extern const uint32_t kAttrMaskTable[kNumSeverities];
 
 // Registration without the mutex (the caller holds it).
-zar_svc_handle registerLocked(zar_svc_subcomp* table, const char* component,
-                              unsigned long* status);
+zar_svc_handle registerLocked(zar_svc_subcomp* table, const char* component, unsigned long* status)
+    ZAR_REQUIRES(zar::svc::gSvc.mutex);
 
 // Puts the process id into a route's where field: "%d", "%i", "%u" (with an
 // optional 'l', flags and width) become the pid, "%%" a '%'. Returns false
@@ -215,12 +237,12 @@ bool expandFileName(const char* format, pid_t pid, char* out);
 
 // The route list of a component's debug messages, its debug settings filled
 // in first when they are not settled yet; null when the fill-in fails.
-svc_route_list* debugRoutesOf(zar_svc_handle handle);
+svc_route_list* debugRoutesOf(zar_svc_handle handle) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 
 // Visits every route of the five severity lists, then of the debug list of
 // every registered component in map order, as fn(route, inDebugList).
 template <class Fn>
-void forEachRoute(Fn fn) {
+void forEachRoute(Fn fn) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   for (svc_route_list& list : gSvc.routes) {
     for (int32_t i = 0; i < list.count; ++i) fn(list.routes[i], false);
   }
@@ -238,7 +260,7 @@ bool isKindKeyword(const char* word);
 
 // The list that a GOESTO route names: a severity's (filled in first when it
 // is empty) or a registered component's debug list; null for unknown names.
-svc_route_list* goestoList(const char* name);
+svc_route_list* goestoList(const char* name) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 
 }  // namespace zar::svc
 
@@ -301,13 +323,13 @@ void componentName(uint32_t code, char name[4]);
 // Fills the prolog of a severity message (and the record's code sets and
 // message text). cs non-null: the text is UTF-8 from the catalog, else the
 // compiled text; null: the local text of zar_msg_get_msg. Mutex held.
-void buildProlog(zar_svc_record* record, zar_svc_handle handle, zar_codeset_t cs,
-                 const char* file, int line, const char* argtypes, uint32_t subcomp,
-                 uint32_t attributes, uint32_t msgid);
+void buildProlog(zar_svc_record* record, zar_svc_handle handle, zar_codeset_t cs, const char* file,
+                 int line, const char* argtypes, uint32_t subcomp, uint32_t attributes,
+                 uint32_t msgid) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 
 // The program name of a record (32 bytes): the one set, or "PID#" and the
 // process id. Mutex held.
-void copyProgname(char* out);
+void copyProgname(char* out) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 
 // Writes the record to every route of list, in order, as each route's kind
 // needs; GOESTO routes continue with the list they name (a list already
@@ -315,7 +337,7 @@ void copyProgname(char* out);
 // builder the first time a route writes. Mutex held.
 using PrologBuilder = void (*)(zar_svc_record* record, void* context);
 void writeRoutes(zar_svc_record* record, svc_route_list* list, PrologBuilder build,
-                 void* buildContext, va_list args);
+                 void* buildContext, va_list args) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 
 // Formats fmt with a fresh copy of args in code set cs into a new text
 // (length in *length); null (length 0) when it cannot be formatted, would be
@@ -325,7 +347,8 @@ char* localSprintf(nlz_cs_t cs, const char* fmt, int32_t* length, va_list args);
 // zar_svc_printf_withfile for code that already holds the mutex (an
 // assertion inside routing). Mutex held.
 void printHeld(zar_svc_handle handle, const char* file, int line, const char* argtypes,
-               uint32_t subcomp, uint32_t attributes, uint32_t msgid, ...);
+               uint32_t subcomp, uint32_t attributes, uint32_t msgid, ...)
+    ZAR_REQUIRES(zar::svc::gSvc.mutex);
 
 }  // namespace zar::svc
 
@@ -334,55 +357,63 @@ void printHeld(zar_svc_handle handle, const char* file, int line, const char* ar
 extern "C" {
 // Registration (svcreg.cc).
 void zar_svc__init_mutex(void);
-void zar_svc__cleanup_mutex(void);  // releases the mutex held by this thread
-bool zar_svc__add_to_table(zar_svc_handle handle, unsigned long* status);
-zar_svc_handle zar_svc__component_to_handle(const char* name);
-zar_svc_handle zar_svc__table_to_handle(zar_svc_subcomp* table);
+void zar_svc__cleanup_mutex(void) ZAR_RELEASE(zar::svc::gSvc.mutex);  // releases it for this thread
+bool zar_svc__add_to_table(zar_svc_handle handle, unsigned long* status)
+    ZAR_REQUIRES(zar::svc::gSvc.mutex);
+zar_svc_handle zar_svc__component_to_handle(const char* name) ZAR_REQUIRES(zar::svc::gSvc.mutex);
+zar_svc_handle zar_svc__table_to_handle(zar_svc_subcomp* table) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 unsigned long zar_svc__mapthreadid(const pthread_t* thread);
 // Takes the mutex itself; catalog texts for the descriptions, once per handle.
-void zar_svc__translate(zar_svc_handle handle, unsigned long* status);
+void zar_svc__translate(zar_svc_handle handle, unsigned long* status)
+    ZAR_EXCLUDES(zar::svc::gSvc.mutex);
 // Takes the mutex itself; closes every severity list and debug list.
-void zar_svc__shutdown(void);
+void zar_svc__shutdown(void) ZAR_EXCLUDES(zar::svc::gSvc.mutex);
 
 // Routing (svcroute.cc).
 void zar_svc__open_routes(svc_route_list* list, int32_t fallback, const char* routes,
-                          unsigned long* status);
-void zar_svc__fillin(uint32_t attributes, unsigned long* status);
-svc_route** zar_svc__goesto(const char* name, int32_t* count);
+                          unsigned long* status) ZAR_REQUIRES(zar::svc::gSvc.mutex);
+void zar_svc__fillin(uint32_t attributes, unsigned long* status) ZAR_REQUIRES(zar::svc::gSvc.mutex);
+svc_route** zar_svc__goesto(const char* name, int32_t* count) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 char* zar_svc__linefor(const char* name);  // no mutex needed; caller frees
-const char* zar_svc__get(const char* name);
-void zar_svc__store(const char* text, int32_t kind, unsigned long* status);
+const char* zar_svc__get(const char* name) ZAR_REQUIRES(zar::svc::gSvc.mutex);
+void zar_svc__store(const char* text, int32_t kind, unsigned long* status)
+    ZAR_REQUIRES(zar::svc::gSvc.mutex);
 bool checkWildCardLogRoute(const char* value);
 bool checkWildCardTraceRoute(const char* value);
 
 // Printing (svcprint.cc). newline 1 ends a text prefix with a line break
 // (standard streams), 0 with a blank (files). convert 1 makes the converting
 // printer write the text converted into the record's other code set.
-void zar_svc__vfprintf(FILE* stream, zar_svc_record* record, int newline, va_list args);
+void zar_svc__vfprintf(FILE* stream, zar_svc_record* record, int newline, va_list args)
+    ZAR_REQUIRES(zar::svc::gSvc.mutex);
 void zar_svc__vfprintf2(FILE* stream, zar_svc_record* record, int newline, int convert,
-                        va_list args);
+                        va_list args) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 // Whole-file write lock, then cancellation off; returns the previous
 // cancellation state. A lock that cannot be had (a pipe) stops nothing.
 int zar_svc__lock_for_write(int fd);
 void zar_svc__unlock_for_write(int fd, int previousCancelState);
 
 // Log files and fork (svcfile.cc).
-void zar_svc__check_open(svc_route* route);
-void zar_svc__close_routes(svc_route_list* list);
+void zar_svc__check_open(svc_route* route) ZAR_REQUIRES(zar::svc::gSvc.mutex);
+void zar_svc__close_routes(svc_route_list* list) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 pid_t zar_svc__get_pid(void);  // no mutex needed
 void zar_svc__register_fork_handler_once(void);
 
 // Dynamic routes (svcdynroute.cc). Open, print and close run their callback
 // without the dynamic-route lock; announce and denounce take the mutex.
 void zar__svc_dyn_route_open(const char* name, const char* where, svc_dyn_route** target,
-                             void** routeData, unsigned long* status);  // mutex held
+                             void** routeData, unsigned long* status)
+    ZAR_REQUIRES(zar::svc::gSvc.mutex);
 void zar__svc_dyn_route_print2(svc_dyn_route* target, void* routeData, zar_svc_prolog* prolog,
                                ...);
 void zar__svc_dyn_route_print(svc_dyn_route* target, void* routeData, zar_svc_prolog* prolog,
                               va_list args);
-void zar__svc_dyn_route_close(svc_dyn_route* target, void* routeData);  // mutex held
-void zar_svc__routing_announce(const char* name, unsigned long* status);
-void zar_svc__routing_denounce(const char* name, unsigned long* status);
+void zar__svc_dyn_route_close(svc_dyn_route* target, void* routeData)
+    ZAR_REQUIRES(zar::svc::gSvc.mutex);
+void zar_svc__routing_announce(const char* name, unsigned long* status)
+    ZAR_EXCLUDES(zar::svc::gSvc.mutex);
+void zar_svc__routing_denounce(const char* name, unsigned long* status)
+    ZAR_EXCLUDES(zar::svc::gSvc.mutex);
 
 // Message save (svcsave.cc). The destructor of the thread-specific slot.
 void zar_svc_msgsave_destructor(void* state);
@@ -390,8 +421,9 @@ void zar_svc_msgsave_destructor(void* state);
 // Debug levels (svcdbglevel.cc). Applies a level list to a handle (mutex
 // held); fills in a handle's debug settings (mutex held), true when settled.
 void zar_svc__really_debug_set_levels(zar_svc_handle handle, const char* levels, int callbacks,
-                                      unsigned long* status);
-bool zar_svc__debug_fillin(zar_svc_handle handle, unsigned long* status);
+                                      unsigned long* status) ZAR_REQUIRES(zar::svc::gSvc.mutex);
+bool zar_svc__debug_fillin(zar_svc_handle handle, unsigned long* status)
+    ZAR_REQUIRES(zar::svc::gSvc.mutex);
 }
 
 namespace zar::svc {
@@ -404,7 +436,8 @@ void dynRouteForkRelease();
 // record (its prolog built) and says whether it is still to be routed.
 struct MsgSaveState;
 MsgSaveState* activeMsgSave();
-bool doSaveMsg(MsgSaveState* state, zar_svc_record* record, va_list args);
+bool doSaveMsg(MsgSaveState* state, zar_svc_record* record, va_list args)
+    ZAR_REQUIRES(zar::svc::gSvc.mutex);
 
 // Attaches a new file route to the record of its file (made when there is
 // none) and sets the record up from the element when the route is its only
@@ -412,8 +445,8 @@ bool doSaveMsg(MsgSaveState* state, zar_svc_record* record, va_list args);
 // false with status 0x106521F4 when memory is short (nothing attached).
 bool attachFileRoute(svc_route* route, const char* name, const char* where, const char* gens,
                      const char* limit, const char* mode, const char* user, const char* group,
-                     unsigned long* status);
-void archiveLogFile(svc_file_route* record);
+                     unsigned long* status) ZAR_REQUIRES(zar::svc::gSvc.mutex);
+void archiveLogFile(svc_file_route* record) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 }  // namespace zar::svc
 
 #endif  // ZAR_CORE_SVCUTL_SVCINT_H_

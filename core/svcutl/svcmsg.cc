@@ -1,29 +1,22 @@
-// What the printer takes from the message and code-set layers: message texts,
-// the code sets of the calling thread, and the reports of failures of the
-// code-set set-up, which are themselves serviceability messages.
+// What the printer takes from the message and code-set layers (message texts,
+// the code sets of the calling thread), and the reporting hook through which
+// the layers below the serviceability have their failures printed.
 #include <pthread.h>
+#include <stdio.h>
+#include <string.h>
 
-#include "core/rawlog.h"
+#include "base/rawlog.h"
+#include "base/report.h"
+#include "base/zarmem.h"
+#include "core/svcutl/dceassert.h"
 #include "core/svcutl/msgint.h"
 #include "core/svcutl/svcint.h"
 #include "core/svcutl/svcnls.h"
-#include "core/zarmem.h"
+#include "core/svcutl/svcprod.h"
 #include "zar/msg.h"
 #include "zar/status.h"
 
 namespace zar::svc {
-namespace {
-
-// Failures of the code-set set-up are reported from the set-up itself; they
-// name the set-up's module.
-constexpr const char* kNlsRecordFile = "core/svcutl/svcnls";
-
-// Set while this thread prints such a report. The printer then does not ask
-// for the local code page again: the report may come from inside that
-// request's one-time set-up, which must not be entered twice.
-thread_local bool tReporting = false;
-
-}  // namespace
 
 char* messageText(uint32_t msgid) {
   unsigned long st = 0;
@@ -37,7 +30,7 @@ char* messageTextUtf8(uint32_t msgid) {
   return text;
 }
 
-nlz_cs_t localCodePage() { return tReporting ? nullptr : zarsvc_get_local_code_page(); }
+nlz_cs_t localCodePage() { return zarsvc_get_local_code_page(); }
 
 nlz_cs_t utf8CodeSet() { return zarsvc_get_utf8_code_page(); }
 
@@ -45,21 +38,50 @@ void techTag(uint32_t code, char tag[4]) { zar_msg__inq_tech(code, tag); }
 
 void componentName(uint32_t code, char name[4]) { zar_msg__inq_comp(code, name); }
 
-void reportSystemRoutineFailure(const char* routine, int code) {
-  // Inside a print call (the mutex is held, a record may be half written), in
-  // a report already, or before the client component exists, the record goes
-  // to standard error on the raw path instead.
-  if (tReporting || heldByThisThread() || zarsv_client_svc_handle == nullptr) {
-    rawLog("%s: XKJSC0156E   The %s system routine failed: system error code: %d\n",
-           kNlsRecordFile, routine, code);
+namespace {
+
+// A report made while this thread holds the mutex (inside a print call, a
+// record may be half written) goes to standard error on the raw path, in the
+// record's text form when the compiled text takes only plain arguments.
+void rawReport(const char* recordFile, int line, uint32_t code, const char* argTypes,
+               va_list args) {
+  unsigned long st = 0;
+  const char* text = zar_msg_get_default_msg(code, &st);
+  if (text == nullptr || strstr(text, "%S") != nullptr) {
+    report::rawError(recordFile, line, code, argTypes, args);
     return;
   }
-  struct Reporting {
-    Reporting() { tReporting = true; }
-    ~Reporting() { tReporting = false; }
-  } reporting;
-  zar_svc_printf_withfile(zarsv_client_svc_handle, kNlsRecordFile, __LINE__, "%s%d", 0,
-                          svc_c_sev_error, ZAR_S_SYSCALL_FAILED_CODE, routine, code);
+  char line1[1024];
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+  vsnprintf(line1, sizeof line1, text, args);
+#pragma GCC diagnostic pop
+  rawLog("%s: %s\n", recordFile, line1);
 }
+
+void reportError(const char* recordFile, int line, uint32_t code, const char* argTypes,
+                 va_list args) {
+  if (heldByThisThread()) {
+    rawReport(recordFile, line, code, argTypes, args);
+    return;
+  }
+  zar_svc_handle handle = clientHandle();
+  if (handle == nullptr) {
+    rawReport(recordFile, line, code, argTypes, args);
+    return;
+  }
+  zar_svc_vprintf_withfile(handle, recordFile, line, argTypes, 0, svc_c_sev_error, code, args);
+}
+
+void reportCheckFailed(const char* expr, const char* file, int line) {
+  zar___assert(nullptr, expr, file, line);
+}
+
+const report::Hook kHook = {reportError, reportCheckFailed};
+
+// Installed when the library is loaded, before any caller can report.
+[[gnu::constructor]] void installHook() { report::install(&kHook); }
+
+}  // namespace
 
 }  // namespace zar::svc

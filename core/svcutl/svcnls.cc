@@ -9,9 +9,10 @@
 
 #include <atomic>
 
-#include "core/zarlock.h"
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
+#include "base/report.h"
+#include "base/zarlock.h"
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "platform/nlz.h"
 #include "zar/status.h"
 
@@ -21,6 +22,17 @@ zar_codeset_t kp_zar_svc_utf8_cs = nullptr;
 
 namespace zar::svc {
 namespace {
+
+// Failures of the set-up are reported under this module's record name.
+constexpr char kRecordName[] = "core/svcutl/svcnls";
+
+// Reports that a system routine failed, as message 0x38C5209C ("The %s
+// system routine failed: system error code: %d"), through the reporting hook.
+// The report's record asks for the local code page again; inside a report
+// that request gets null (zarsvc_get_local_code_page), so it neither waits
+// for the one-time set-up that is reporting nor starts another attempt.
+#define ZAR_NLS_REPORT(routine, code) \
+  ::zar::report::error(kRecordName, __LINE__, ZAR_S_SYSCALL_FAILED_CODE, "%s%d", (routine), (code))
 
 // Invariants: localeName is written once, inside localeOnce, before the
 // locale key exists; codePageName and processCodePage likewise inside
@@ -38,7 +50,7 @@ struct NlsState {
   pthread_key_t codePageKey;        // thread's CodePageCell
   bool codePageKeyMade = false;     // written in codePageOnce only
 
-  pthread_mutex_t utf8Mu = PTHREAD_MUTEX_INITIALIZER;
+  zar::Mutex utf8Mu = PTHREAD_MUTEX_INITIALIZER;
   std::atomic<bool> utf8Done{false};  // set under utf8Mu once the handle exists
 };
 
@@ -47,21 +59,6 @@ NlsState gNls;
 // The calling thread's cell, also kept under the key (whose destructor frees
 // it); read first because it is cheaper than pthread_getspecific.
 thread_local struct CodePageCell* tCodePageCell = nullptr;
-
-// Set while this thread makes a local-code-page handle (the process-wide
-// one-time set-up, or its own handle) and reports a failure to make it. The
-// report is a message whose text lookup asks for the local code page again;
-// that request must neither wait for the one-time set-up it is part of nor
-// start another attempt, so it gets null (the code set of the thread's
-// locale) instead.
-thread_local bool tMakingCodePage = false;
-
-struct MakingCodePage {
-  MakingCodePage() { tMakingCodePage = true; }
-  ~MakingCodePage() { tMakingCodePage = false; }
-  MakingCodePage(const MakingCodePage&) = delete;
-  MakingCodePage& operator=(const MakingCodePage&) = delete;
-};
 
 // What a thread keeps under the code-page key: its handle, possibly null
 // (then the thread does not try again).
@@ -82,7 +79,7 @@ void initLocale() {
   if (gNls.localeName[0] == '\0') {
     if (nlz_os_lang_name(gNls.localeName, sizeof gNls.localeName) != 0) {
       gNls.localeName[0] = '\0';
-      reportSystemRoutineFailure("nlz_os_lang_name()", -1);
+      ZAR_NLS_REPORT("nlz_os_lang_name()", -1);
     } else {
       gNls.processLocale = nlz_loc_new(gNls.localeName);
     }
@@ -94,14 +91,13 @@ void initLocale() {
 void reportCsNewFailure(const char* name) {
   char routine[64];
   snprintf(routine, sizeof routine, "nlz_cs_new(%.44s)", name);
-  reportSystemRoutineFailure(routine, 0);
+  ZAR_NLS_REPORT(routine, 0);
 }
 
 void initCodePage() {
-  MakingCodePage making;
   char name[32];
   if (nlz_os_cs_name(name, sizeof name) != 0) {
-    reportSystemRoutineFailure("nlz_os_cs_nam()", -1);
+    ZAR_NLS_REPORT("nlz_os_cs_nam()", -1);
   } else {
     memcpy(gNls.codePageName, name, sizeof name);
     gNls.processCodePage = nlz_cs_new(name);
@@ -134,7 +130,7 @@ zar_locale_t zarsvc_get_locale(void) {
 
 zar_codeset_t zarsvc_get_local_code_page(void) {
   if (zar::svc::tCodePageCell != nullptr) return zar::svc::tCodePageCell->cs;
-  if (zar::svc::tMakingCodePage) return nullptr;
+  if (zar::report::active()) return nullptr;
   pthread_once(&gNls.codePageOnce, zar::svc::initCodePage);
   if (!gNls.codePageKeyMade) return nullptr;
   auto* cell = static_cast<zar::svc::CodePageCell*>(pthread_getspecific(gNls.codePageKey));
@@ -143,7 +139,6 @@ zar_codeset_t zarsvc_get_local_code_page(void) {
   if (cell == nullptr) return nullptr;  // not cached: tried again next time
   cell->cs = nullptr;
   if (gNls.codePageName[0] != '\0') {
-    zar::svc::MakingCodePage making;
     cell->cs = nlz_cs_new(gNls.codePageName);
     if (cell->cs == nullptr) zar::svc::reportCsNewFailure(gNls.codePageName);
   }
@@ -160,7 +155,7 @@ void zar_svc_nls_init(unsigned long* status) {
     zar::setStatus(status, ZAR_S_OK);
     return;
   }
-  zar::MutexLock lock(&gNls.utf8Mu);
+  zar::MutexLock lock(gNls.utf8Mu);
   if (zar_svc_cs_utf8 == nullptr) {
     nlz_cs_t cs = nlz_cs_new(zar_svc_utf8_cs);
     if (cs == nullptr) {

@@ -13,13 +13,4 @@ extern const char* const zar_svc_utf8_cs;
 // The process-wide UTF-8 handle made by zar_svc_nls_init (null before).
 extern zar_codeset_t zar_svc_cs_utf8;
 
-namespace zar::svc {
-
-// Reports that a system routine failed, as message 0x38C5209C (XKJSC0156E,
-// "The %s system routine failed: system error code: %d") with severity ERROR
-// on the client component. Safe under any library lock.
-void reportSystemRoutineFailure(const char* routine, int code);
-
-}  // namespace zar::svc
-
 #endif  // ZAR_CORE_SVCUTL_SVCNLS_H_

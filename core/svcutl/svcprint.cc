@@ -10,9 +10,9 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "base/zarlock.h"
+#include "base/zarmem.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarlock.h"
-#include "core/zarmem.h"
 #include "platform/sysio.h"
 
 namespace zar::svc {
@@ -304,7 +304,7 @@ format::Context* parsedFormat(zar_svc_record* record, va_list args) {
 // made once and kept; records within that second only put in their
 // milliseconds. (Zone offsets change at whole seconds, so the kept text is
 // right for the whole second; a changed TZ shows from the next second on.)
-const char* timeText(zar_svc_record* record) {
+const char* timeText(zar_svc_record* record) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   if (record->timeKnown) return record->timeText;
   record->timeKnown = true;
   struct timespec ts = {};
@@ -596,7 +596,7 @@ void putSourceProcessThread(OutBuf& out, const zar_svc_prolog& p) {
   out.put("</Thread>\n");
 }
 
-void putTimeElements(OutBuf& out, zar_svc_record* record) {
+void putTimeElements(OutBuf& out, zar_svc_record* record) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   struct timespec ts = {};
   zar_utc_bintime(&ts, nullptr, nullptr, &record->prolog.t);
   out.put(" <Time Millis=\"");
@@ -611,7 +611,8 @@ void putTimeElements(OutBuf& out, zar_svc_record* record) {
   out.put("</Time>\n");
 }
 
-void putXmlHead(OutBuf& out, zar_svc_record* record, bool convertStrings, va_list args) {
+void putXmlHead(OutBuf& out, zar_svc_record* record, bool convertStrings, va_list args)
+    ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   const zar_svc_prolog& p = record->prolog;
   const char* sub = p.handle->table[p.table_index].name;
   if (isDebug(p)) {
@@ -657,7 +658,7 @@ void putXmlHead(OutBuf& out, zar_svc_record* record, bool convertStrings, va_lis
 
 // The head of a record: the text prefix, or in XML mode the element's head.
 void printPrefix(OutBuf& out, zar_svc_record* record, int newline, bool convertStrings,
-                 va_list args) {
+                 va_list args) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   if (record->prolog.xml) {
     putXmlHead(out, record, convertStrings, args);
     return;
@@ -1021,7 +1022,7 @@ struct SeverityCall {
   uint32_t msgid;
 };
 
-void buildSeverityProlog(zar_svc_record* record, void* context) {
+void buildSeverityProlog(zar_svc_record* record, void* context) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   auto* c = static_cast<const SeverityCall*>(context);
   buildProlog(record, c->handle, c->cs, c->file, c->line, c->argtypes, c->subcomp,
               c->attributes, c->msgid);
@@ -1039,7 +1040,7 @@ bool printable(const SeverityCall& call) {
 }
 
 // One print call; the caller holds the mutex.
-void printBody(const SeverityCall& call, va_list args) {
+void printBody(const SeverityCall& call, va_list args) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   zar_svc_handle handle = call.handle;
   zar_svc_record record;
   void* context = const_cast<SeverityCall*>(&call);

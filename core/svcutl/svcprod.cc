@@ -3,8 +3,8 @@
 // tables are generated from messages/*.msg.
 #include "core/svcutl/svcprod.h"
 
+#include "base/zarstatus.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarstatus.h"
 
 extern "C" {
 
@@ -39,7 +39,7 @@ namespace {
 
 // Registers each product component whose handle is still null, in the order
 // client, deploy, interface; stops at the first failure. Mutex held.
-void registerProduct(unsigned long* status) {
+void registerProduct(unsigned long* status) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   struct Component {
     zar_svc_subcomp* table;
     const char* name;
@@ -61,7 +61,8 @@ void registerProduct(unsigned long* status) {
 
 }  // namespace
 
-ZAR_API void zar_svc_init(unsigned long magic, unsigned long* status) {
+ZAR_API void zar_svc_init(unsigned long magic,
+                          unsigned long* status) ZAR_NO_THREAD_SAFETY_ANALYSIS {
   if (magic == ZAR_SVC_INIT_MUTEX_HELD) {
     zar::svc::ensureInit();
     registerProduct(status);

@@ -4,10 +4,10 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "base/zarlock.h"
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarlock.h"
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
 #include "zar/msg.h"
 #include "zar/status.h"
 
@@ -70,7 +70,7 @@ void ensureInit() {
   if (!gSvc.setup.load(std::memory_order_acquire)) pthread_once(&gOnce, zar_svc__init_mutex);
 }
 
-SvcLock::SvcLock() {
+SvcLock::SvcLock() ZAR_NO_THREAD_SAFETY_ANALYSIS {
   ensureInit();
   pthread_mutex_lock(&gSvc.mutex);
   gSvc.owner.store(pthread_self(), std::memory_order_relaxed);
@@ -112,7 +112,7 @@ void zar_svc__init_mutex(void) {
   zar_svc_nls_init(nullptr);
 }
 
-void zar_svc__cleanup_mutex(void) {
+void zar_svc__cleanup_mutex(void) ZAR_NO_THREAD_SAFETY_ANALYSIS {
   gSvc.owner.store(0, std::memory_order_relaxed);
   pthread_mutex_unlock(&gSvc.mutex);
 }
@@ -189,7 +189,7 @@ ZAR_API zar_svc_handle zar_svc_register(zar_svc_subcomp* table, const char* comp
 }
 
 ZAR_API zar_svc_handle zar_svc_register2(zar_svc_subcomp* table, const char* component,
-                                         unsigned long* status) {
+                                         unsigned long* status) ZAR_NO_THREAD_SAFETY_ANALYSIS {
   zar::svc::ensureInit();
   return zar::svc::registerLocked(table, component, status);
 }

@@ -8,11 +8,11 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "base/zarlock.h"
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/dceassert.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarlock.h"
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
 #include "platform/sysio.h"
 #include "zar/status.h"
 
@@ -66,7 +66,8 @@ bool reserveSlot(svc_route_list* list) {
 
 // Parses one route element (modified in place) and appends its route to list.
 // Returns false when parsing must stop (the status says why).
-bool openElement(svc_route_list* list, int32_t fallback, char* element, unsigned long* status) {
+bool openElement(svc_route_list* list, int32_t fallback, char* element, unsigned long* status)
+    ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   char* kindWord = element;
   char* where = cutField(element);
   if (where == nullptr) {
@@ -411,7 +412,7 @@ namespace zar::svc {
 namespace {
 
 // The body of zar_svc_routing, mutex held; returns the status.
-unsigned long routeSeverities(const char* text) {
+unsigned long routeSeverities(const char* text) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   if (text == nullptr) return ZAR_S_SVC_BAD_ROUTE;
   mem::Unique<char> copy(mem::strDup(text));
   if (!copy) return ZAR_S_SVC_NO_MEMORY;

@@ -7,8 +7,8 @@
 #include <stdarg.h>
 #include <string.h>
 
+#include "base/zarmem.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarmem.h"
 #include "zar/status.h"
 
 namespace zar::svc {
@@ -71,7 +71,7 @@ void clearSavedMsgs(MsgSaveState* state) {
 
 // Mutex held. A handle may have been unregistered (and freed) since its
 // message was saved.
-bool stillRegistered(zar_svc_handle handle) {
+bool stillRegistered(zar_svc_handle handle) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   for (uint32_t i = 0; i < gSvc.mapSize; ++i) {
     if (gSvc.map[i] == handle) return true;
   }
@@ -79,7 +79,8 @@ bool stillRegistered(zar_svc_handle handle) {
 }
 
 // Mutex held. args is never read: a saved record has no format.
-void writeSaved(zar_svc_record* record, svc_route_list* list, ...) {
+void writeSaved(zar_svc_record* record, svc_route_list* list, ...)
+    ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   va_list args;
   va_start(args, list);
   writeRoutes(record, list, nullptr, nullptr, args);

@@ -9,7 +9,7 @@
 #include <string.h>
 #include <sys/time.h>
 
-#include "core/svcutl/dceassert.h"
+#include "base/report.h"
 
 namespace zar::utc {
 namespace {
@@ -65,7 +65,7 @@ char* putYear(char* p, int64_t year) {
 }  // namespace
 
 void mkcomptime(utc_t* utc, uint64_t time100, uint64_t inacc100, long tdf) {
-  ZAR_ASSERT(nullptr, utc != NULL, kRecordName);
+  ZAR_CHECK(utc != NULL, kRecordName);
   if (utc == nullptr) return;  // a filter suppressed the assertion
   unsigned char* b = utc->char_array;
   for (int i = 0; i < 8; ++i) b[i] = static_cast<unsigned char>(time100 >> (8 * i));
@@ -316,7 +316,7 @@ const int64_t FracCvtArray[10] = {
 ZAR_API int zar_utc_mkbintime(utc_t* utc, const struct timespec* time,
                               const struct timespec* inacc, long tdf) {
   if (time == nullptr) {
-    ZAR_ASSERT(nullptr, utc != NULL, kRecordName);
+    ZAR_CHECK(utc != NULL, kRecordName);
     return -1;
   }
   // 128-bit arithmetic: any tv_sec gives a defined (wrapped) count.
@@ -395,7 +395,7 @@ ZAR_API int zar_utc_ascgmtime(char* cp, size_t len, const utc_t* utc) {
 }
 
 ZAR_API int utc_settdf(utc_t* out, const utc_t* in, long tdf) {
-  ZAR_ASSERT(nullptr, out != NULL, kRecordName);
+  ZAR_CHECK(out != NULL, kRecordName);
   uint64_t time100;
   uint64_t inacc100;
   if (comptime(&time100, &inacc100, nullptr, in) != 0) return -1;

@@ -24,7 +24,7 @@ inline constexpr size_t kMaxTextLen = 64;
 
 // Writes a version-1 little-endian timestamp. An inaccuracy at or above
 // kInfiniteInacc is stored as unknown; only the low 12 bits of tdf / 60 are
-// kept. A null out is an internal consistency failure (ZAR_ASSERT).
+// kept. A null out is an internal consistency failure (ZAR_CHECK).
 void mkcomptime(utc_t* out, uint64_t time100, uint64_t inacc100, long tdf);
 
 // Reads a timestamp of either layout; a null utc reads the current time.

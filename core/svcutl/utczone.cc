@@ -19,9 +19,9 @@
 
 #include <algorithm>
 
+#include "base/zarlock.h"
+#include "base/zarmem.h"
 #include "core/svcutl/utcapi.h"
-#include "core/zarlock.h"
-#include "core/zarmem.h"
 #include "platform/sysio.h"
 
 namespace zar::utc {
@@ -459,11 +459,11 @@ namespace {
 // (null only when the copy could not be allocated: the next call rebuilds);
 // otherwise data is the default zone and prevTz is null.
 struct ZoneState {
-  pthread_mutex_t mu;
-  ZoneData data;   // guarded by mu
-  char* prevTz;    // guarded by mu
-  bool fromTz;     // guarded by mu
-  bool lclIsSet;   // guarded by mu
+  zar::Mutex mu;
+  ZoneData data ZAR_GUARDED_BY(mu);
+  char* prevTz ZAR_GUARDED_BY(mu);
+  bool fromTz ZAR_GUARDED_BY(mu);
+  bool lclIsSet ZAR_GUARDED_BY(mu);
 };
 
 ZoneState gZone = {PTHREAD_MUTEX_INITIALIZER, {}, nullptr, false, false};
@@ -471,8 +471,9 @@ pthread_once_t gForkOnce = PTHREAD_ONCE_INIT;
 
 // In a child of fork: when another thread of the parent held the zone lock,
 // the child gets a fresh lock and rebuilds the zone at its next call (the
-// kept TZ copy may have been changing; it is left behind).
-void forkChild() {
+// kept TZ copy may have been changing; it is left behind). The child has one
+// thread: no lock is needed to reset the state.
+void forkChild() ZAR_NO_THREAD_SAFETY_ANALYSIS {
   if (pthread_mutex_trylock(&gZone.mu) == 0) {
     pthread_mutex_unlock(&gZone.mu);
     return;
@@ -503,8 +504,8 @@ void loadZoneFromTz(ZoneData* sp, const char* tz) {
   setGmt(sp);  // not reached: the last-ditch zone always fits
 }
 
-// Builds the state again from tz (null: the default zone). REQUIRES: gZone.mu.
-__attribute__((noinline)) void rebuildZone(const char* tz) {
+// Builds the state again from tz (null: the default zone).
+__attribute__((noinline)) void rebuildZone(const char* tz) ZAR_REQUIRES(gZone.mu) {
   pthread_once(&gForkOnce, registerForkHandler);
   mem::free(gZone.prevTz);
   gZone.prevTz = nullptr;
@@ -520,8 +521,8 @@ __attribute__((noinline)) void rebuildZone(const char* tz) {
   assert(zoneIsValid(gZone.data));
 }
 
-// Brings the state up to date with TZ. REQUIRES: gZone.mu.
-void updateZone() {
+// Brings the state up to date with TZ.
+void updateZone() ZAR_REQUIRES(gZone.mu) {
   const char* tz = getenv("TZ");
   if (tz != nullptr) {
     if (gZone.prevTz != nullptr && strcmp(tz, gZone.prevTz) == 0) return;
@@ -555,7 +556,7 @@ ZAR_API int zar_utc_localzone(char* tzname, size_t len, long* tdf, int* isdst,
     return -1;
   }
   const int64_t t = lookupSeconds(time100);
-  zar::MutexLock lock(&gZone.mu);
+  zar::MutexLock lock(gZone.mu);
   updateZone();
   const ZoneType& tt = lookupType(gZone.data, t);
   if (tdf != nullptr) *tdf = tt.utOffset;
@@ -577,7 +578,7 @@ ZAR_API int zar_utc_asclocaltime(char* cp, size_t len, const utc_t* utc) {
   const int64_t t = lookupSeconds(time100);
   long offset;
   {
-    zar::MutexLock lock(&gZone.mu);
+    zar::MutexLock lock(gZone.mu);
     updateZone();
     offset = lookupType(gZone.data, t).utOffset;
   }

@@ -3,9 +3,9 @@
 #include <stdint.h>
 #include <string.h>
 
+#include "base/zarmem.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/uuidgen.h"
-#include "core/zarmem.h"
-#include "core/zarstatus.h"
 #include "zar/status.h"
 #include "zar/uuid.h"
 

@@ -27,9 +27,9 @@
 
 #include <atomic>
 
+#include "base/zarlock.h"
+#include "base/zarstatus.h"
 #include "core/svcutl/uuidgen.h"
-#include "core/zarlock.h"
-#include "core/zarstatus.h"
 #include "platform/sysio.h"
 #include "zar/status.h"
 #include "zar/utc.h"
@@ -47,7 +47,7 @@ constexpr uint16_t kMaxAdjust = 0x7FFF;
 // the last UUID handed out under clockSeq. gotAddress only goes from false to
 // true, after savedAddr is written; it is read without the lock as a hint.
 struct Generator {
-  pthread_mutex_t mu = PTHREAD_MUTEX_INITIALIZER;
+  zar::Mutex mu = PTHREAD_MUTEX_INITIALIZER;
   bool initDone = false;                // mu: the fields below are set up
   uint32_t randM = 0;                   // mu: clock-sequence random generator
   uint32_t randIa = 0;                  // mu
@@ -238,7 +238,7 @@ ZAR_API void kp_uuid_create(kp_uuid_t* uuid, uint64_t* status) {
     uint8_t node[6];
     uint32_t rc = zar::uuid::chooseNode(walked, zar::uuid::kAddressFile, node);
     if (rc != ZAR_S_OK) return zar::setStatus(status, rc);
-    zar::MutexLock lock(&gGen.mu);
+    zar::MutexLock lock(gGen.mu);
     if (!gGen.gotAddress.load(std::memory_order_relaxed)) {
       memcpy(gGen.savedAddr, node, 6);
       gGen.gotAddress.store(true, std::memory_order_release);
@@ -251,7 +251,7 @@ ZAR_API void kp_uuid_create(kp_uuid_t* uuid, uint64_t* status) {
 
   kp_uuid_t u;
   {
-    zar::MutexLock lock(&gGen.mu);
+    zar::MutexLock lock(gGen.mu);
     if (!gGen.initDone) zar::uuid::initLocked(gGen);
     if (gGen.forked.exchange(false, std::memory_order_relaxed)) {
       zar::uuid::renewClockSeqLocked(gGen, haveFresh, fresh);

@@ -13,7 +13,7 @@
 
 #include <algorithm>
 
-#include "platform/faultinj.h"
+#include "base/faultinj.h"
 #include "tests/stress/driver.h"
 #include "tests/testutil/testutil.h"
 #include "zar/cmdline.hpp"

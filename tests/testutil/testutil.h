@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/faultinj.h"
+#include "base/faultinj.h"
 
 namespace zar::test {
 
@@ -69,7 +69,7 @@ class CaptureFd {
   std::string path_;
 };
 
-// Arms one fault-injection plan for its scope (see platform/faultinj.h).
+// Arms one fault-injection plan for its scope (see base/faultinj.h).
 class FaultPlan {
  public:
   FaultPlan(fault::Op op, long failAt, bool sticky = false, int err = 12 /* ENOMEM */);

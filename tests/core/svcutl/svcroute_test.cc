@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "base/zarmem.h"
 #include "core/svcutl/svcint.h"
-#include "core/zarmem.h"
 #include "tests/testutil/testutil.h"
 #include "zar/status.h"
 

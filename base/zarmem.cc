@@ -1,11 +1,11 @@
-#include "core/zarmem.h"
+#include "base/zarmem.h"
 
 #include <errno.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include "platform/faultinj.h"
+#include "base/faultinj.h"
 
 namespace zar::mem {
 namespace {

@@ -13,19 +13,44 @@
 //   frame ends the process).
 // - Destructors never reach a cancellation point. Where one must close a file
 //   or stream, it disables cancellation first (CancelDisabled).
-#ifndef ZAR_CORE_ZARLOCK_H_
-#define ZAR_CORE_ZARLOCK_H_
+#ifndef ZAR_BASE_ZARLOCK_H_
+#define ZAR_BASE_ZARLOCK_H_
 
 #include <pthread.h>
 
+// Lock contracts that clang checks (-Wthread-safety; the thread-safety test
+// builds the library that way): state names the lock that guards it, and
+// functions name the locks they need held (REQUIRES) or must not hold
+// (EXCLUDES). Other compilers ignore them.
+#if defined(__clang__)
+#define ZAR_THREAD_ANNOTATION(x) __attribute__((x))
+#else
+#define ZAR_THREAD_ANNOTATION(x)
+#endif
+#define ZAR_CAPABILITY(name) ZAR_THREAD_ANNOTATION(capability(name))
+#define ZAR_SCOPED_CAPABILITY ZAR_THREAD_ANNOTATION(scoped_lockable)
+#define ZAR_GUARDED_BY(mu) ZAR_THREAD_ANNOTATION(guarded_by(mu))
+#define ZAR_PT_GUARDED_BY(mu) ZAR_THREAD_ANNOTATION(pt_guarded_by(mu))
+#define ZAR_ACQUIRED_BEFORE(...) ZAR_THREAD_ANNOTATION(acquired_before(__VA_ARGS__))
+#define ZAR_ACQUIRED_AFTER(...) ZAR_THREAD_ANNOTATION(acquired_after(__VA_ARGS__))
+#define ZAR_REQUIRES(...) ZAR_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
+#define ZAR_EXCLUDES(...) ZAR_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
+#define ZAR_ACQUIRE(...) ZAR_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
+#define ZAR_RELEASE(...) ZAR_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#define ZAR_NO_THREAD_SAFETY_ANALYSIS ZAR_THREAD_ANNOTATION(no_thread_safety_analysis)
+
 namespace zar {
+
+// A pthread mutex that the lock-contract analysis knows as a lock. The same
+// type as pthread_mutex_t: the pthread functions take its address.
+typedef pthread_mutex_t Mutex ZAR_CAPABILITY("mutex");
 
 // Holds a pthread mutex for its scope. Not recursive; the mutex must not be
 // held by the calling thread already.
-class MutexLock {
+class ZAR_SCOPED_CAPABILITY MutexLock {
  public:
-  explicit MutexLock(pthread_mutex_t* mu) : mu_(mu) { pthread_mutex_lock(mu_); }
-  ~MutexLock() { pthread_mutex_unlock(mu_); }
+  explicit MutexLock(Mutex& mu) ZAR_ACQUIRE(mu) : mu_(&mu) { pthread_mutex_lock(mu_); }
+  ~MutexLock() ZAR_RELEASE() { pthread_mutex_unlock(mu_); }
   MutexLock(const MutexLock&) = delete;
   MutexLock& operator=(const MutexLock&) = delete;
 
@@ -34,13 +59,13 @@ class MutexLock {
 };
 
 // Like MutexLock, but may be released early (and only once) with unlock().
-class ReleasableMutexLock {
+class ZAR_SCOPED_CAPABILITY ReleasableMutexLock {
  public:
-  explicit ReleasableMutexLock(pthread_mutex_t* mu) : mu_(mu) { pthread_mutex_lock(mu_); }
-  ~ReleasableMutexLock() {
+  explicit ReleasableMutexLock(Mutex& mu) ZAR_ACQUIRE(mu) : mu_(&mu) { pthread_mutex_lock(mu_); }
+  ~ReleasableMutexLock() ZAR_RELEASE() {
     if (mu_ != nullptr) pthread_mutex_unlock(mu_);
   }
-  void unlock() {
+  void unlock() ZAR_RELEASE() {
     pthread_mutex_unlock(mu_);
     mu_ = nullptr;
   }
@@ -93,4 +118,4 @@ class CancelDisabled {
 
 }  // namespace zar
 
-#endif  // ZAR_CORE_ZARLOCK_H_
+#endif  // ZAR_BASE_ZARLOCK_H_

@@ -2,7 +2,7 @@
 // block alone, make() returns null instead of throwing, products that
 // overflow are refused. (The fault plans themselves are exercised by every
 // allocation-failure sweep of the other tests.)
-#include "core/zarmem.h"
+#include "base/zarmem.h"
 
 #include <errno.h>
 #include <string.h>

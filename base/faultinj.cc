@@ -1,4 +1,4 @@
-#include "platform/faultinj.h"
+#include "base/faultinj.h"
 
 namespace zar::fault {
 namespace internal {

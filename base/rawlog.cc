@@ -1,11 +1,11 @@
-#include "core/rawlog.h"
+#include "base/rawlog.h"
 
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
-#include "core/zarlock.h"
+#include "base/zarlock.h"
 
 namespace zar {
 

@@ -6,8 +6,8 @@
 // unsigned 64-bit for UUIDs, signed int for the error-text functions); the
 // rule is the same for all: the status code fills the low 32 bits, the rest of
 // the word is 0, and a null pointer means the caller does not want it.
-#ifndef ZAR_CORE_ZARSTATUS_H_
-#define ZAR_CORE_ZARSTATUS_H_
+#ifndef ZAR_BASE_ZARSTATUS_H_
+#define ZAR_BASE_ZARSTATUS_H_
 
 #include <stdint.h>
 
@@ -31,4 +31,4 @@ inline uint32_t statusCode(unsigned long st) { return static_cast<uint32_t>(st);
 
 }  // namespace zar
 
-#endif  // ZAR_CORE_ZARSTATUS_H_
+#endif  // ZAR_BASE_ZARSTATUS_H_

@@ -2,15 +2,15 @@
 //
 // Every allocation of the library goes through these functions, so that
 // allocation failure is a status code everywhere (never an exception) and the
-// reliability tests can fail any single allocation (platform/faultinj.h).
+// reliability tests can fail any single allocation (base/faultinj.h).
 // Blocks come from malloc and may be handed to callers who release them with
 // free(3); blocks made here are released with zar::mem::free.
 //
 // Library code does not use the throwing operator new or the standard
 // containers on paths that must survive allocation failure; it uses these
 // functions and the owning helpers below. Everything here is thread-safe.
-#ifndef ZAR_CORE_ZARMEM_H_
-#define ZAR_CORE_ZARMEM_H_
+#ifndef ZAR_BASE_ZARMEM_H_
+#define ZAR_BASE_ZARMEM_H_
 
 #include <stddef.h>
 #include <stdint.h>
@@ -112,4 +112,4 @@ using UniqueObj = std::unique_ptr<T, DestroyDeleter>;
 
 }  // namespace zar::mem
 
-#endif  // ZAR_CORE_ZARMEM_H_
+#endif  // ZAR_BASE_ZARMEM_H_

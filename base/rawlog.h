@@ -4,8 +4,8 @@
 // allocates nothing and takes no lock, so it may be used from any state,
 // including allocation failure, inside the serviceability mutex, in a fork
 // child and in a signal-free abort path.
-#ifndef ZAR_CORE_RAWLOG_H_
-#define ZAR_CORE_RAWLOG_H_
+#ifndef ZAR_BASE_RAWLOG_H_
+#define ZAR_BASE_RAWLOG_H_
 
 #include <stdarg.h>
 
@@ -17,4 +17,4 @@ void rawLogV(const char* fmt, va_list ap);
 
 }  // namespace zar
 
-#endif  // ZAR_CORE_RAWLOG_H_
+#endif  // ZAR_BASE_RAWLOG_H_

@@ -10,8 +10,8 @@
 //
 // Thread safety: arming and disarming are meant for single-threaded test set-up;
 // check() may be called from any thread.
-#ifndef ZAR_PLATFORM_FAULTINJ_H_
-#define ZAR_PLATFORM_FAULTINJ_H_
+#ifndef ZAR_BASE_FAULTINJ_H_
+#define ZAR_BASE_FAULTINJ_H_
 
 #include <atomic>
 
@@ -55,4 +55,4 @@ long failures(Op op) noexcept;
 
 }  // namespace zar::fault
 
-#endif  // ZAR_PLATFORM_FAULTINJ_H_
+#endif  // ZAR_BASE_FAULTINJ_H_

@@ -13,6 +13,8 @@
 #define ZAR_BASE_ZARMEM_H_
 
 #include <stddef.h>
+#include <stdint.h>
+#include <string.h>
 
 #include <memory>
 #include <new>
@@ -29,6 +31,38 @@ char* strNDup(const char* s, size_t maxLen) noexcept; // at most maxLen bytes, t
 // A terminated copy of the first len bytes of s, whose length the caller
 // knows (no scan); null on failure.
 char* strDupLen(const char* s, size_t len) noexcept;
+
+// memmove of n bytes (the ranges may overlap). Runs of up to 32 bytes, the
+// usual size of a name, a number or a short value, are moved without a call:
+// every byte is loaded, in words of fixed size, before any is stored.
+inline void moveBytes(char* dst, const char* src, size_t n) noexcept {
+  if (n > 32) {
+    memmove(dst, src, n);
+  } else if (n >= 16) {
+    uint64_t w[4];
+    memcpy(&w[0], src, 16);
+    memcpy(&w[2], src + n - 16, 16);
+    memcpy(dst, &w[0], 16);
+    memcpy(dst + n - 16, &w[2], 16);
+  } else if (n >= 8) {
+    uint64_t head, tail;
+    memcpy(&head, src, 8);
+    memcpy(&tail, src + n - 8, 8);
+    memcpy(dst, &head, 8);
+    memcpy(dst + n - 8, &tail, 8);
+  } else if (n >= 4) {
+    uint32_t head, tail;
+    memcpy(&head, src, 4);
+    memcpy(&tail, src + n - 4, 4);
+    memcpy(dst, &head, 4);
+    memcpy(dst + n - 4, &tail, 4);
+  } else if (n > 0) {
+    const char first = src[0], middle = src[n / 2], last = src[n - 1];
+    dst[0] = first;
+    dst[n / 2] = middle;
+    dst[n - 1] = last;
+  }
+}
 
 // Allocates and constructs a T without throwing; null on allocation failure.
 // T's constructor must not throw.

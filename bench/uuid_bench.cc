@@ -3,6 +3,7 @@
 // "peer/<case>". The creation cases also run from two threads, which shows
 // the cost of the generator's lock.
 #include <benchmark/benchmark.h>
+#include <stdlib.h>
 #include <uuid/uuid.h>
 
 #include "zar/uuid.h"
@@ -49,12 +50,26 @@ void peerToString(benchmark::State& state) {
   }
 }
 
+// The floor that an allocated result sets: the peer's text into a new
+// allocation of the same size, freed again, as kp_uuid_to_string's caller does.
+void allocatedPeerToString(benchmark::State& state) {
+  uuid_t u;
+  uuid_generate_time(u);
+  for (auto _ : state) {
+    char* text = static_cast<char*>(malloc(37));
+    uuid_unparse(u, text);
+    benchmark::DoNotOptimize(text);
+    free(text);
+  }
+}
+
 BENCHMARK(zarCreate)->Name("zar/uuid_create");
 BENCHMARK(peerCreate)->Name("peer/uuid_create");
 BENCHMARK(zarCreate)->Name("zar/uuid_create_2threads")->Threads(2);
 BENCHMARK(peerCreate)->Name("peer/uuid_create_2threads")->Threads(2);
 BENCHMARK(zarToString)->Name("zar/uuid_to_string");
 BENCHMARK(peerToString)->Name("peer/uuid_to_string");
+BENCHMARK(allocatedPeerToString)->Name("peer_malloc/uuid_to_string");
 
 }  // namespace
 

@@ -10,6 +10,7 @@
 #include "core/zarprintf.h"
 
 #include <errno.h>
+#include <fenv.h>
 #include <limits.h>
 #include <string.h>
 
@@ -48,6 +49,15 @@ inline int32_t readNumber(const char** p) {
   return n > INT_MAX ? INT_MAX : static_cast<int32_t>(n);
 }
 
+// The next '%' at or after p, or the terminator. The text between two
+// conversions is usually short: a few bytes are looked at here before
+// handing a longer text to strchrnul.
+inline const char* nextPercent(const char* p) {
+  for (int i = 0; i < 8; ++i, ++p)
+    if (*p == '%' || *p == '\0') return p;
+  return strchrnul(p, '%');
+}
+
 // ---- Sinks ---------------------------------------------------------------------
 
 // A bounded buffer. room() bytes may still be written; when the buffer had a
@@ -64,7 +74,7 @@ class BufferSink {
   void put(const char* s, size_t n) {
     if (n > room_) n = room_;
     if (n == 0) return;
-    memcpy(pos_, s, n);
+    mem::moveBytes(pos_, s, n);  // most pieces of a format are a few bytes long
     pos_ += n;
     room_ -= n;
   }
@@ -240,7 +250,7 @@ template <class Sink>
 int64_t renderWideChar(nlz_cs_t cs, const Conversion& c, const Argument* args, Sink& out) {
   char mb[kMaxCharBytes];
   int n = nlz_wctomb(cs, mb, static_cast<uint16_t>(args[c.argIndex].value.u));
-  if (n < 0) {
+  if (n < 0 || n > static_cast<int>(sizeof mb)) {
     errno = EILSEQ;
     return -1;
   }
@@ -536,6 +546,72 @@ inline int floatDigits(char* buf, size_t len, char conv, bool hasPrec, int prec,
   return n >= 0 && static_cast<size_t>(n) < len ? n : -1;
 }
 
+// Digits of a double under "%.<prec>f" without '#' and '\'', made here
+// when that is exact and cheap: a finite value below 2^63, a precision of at
+// most 17, rounding to nearest (the default mode) and a one-byte decimal
+// point. The value is m * 2^-s exactly, so the digits are an integer
+// quotient, and the remainder decides the rounding, with ties to even as the
+// C library rounds. Writes the digits ending at end, with '-' before them
+// for a negative value (a negative zero included, as printf writes it);
+// returns the first, or null when the C library must format the value.
+char* fixedDigits(double value, int prec, char* end) {
+  static constexpr auto kPow10 = [] {
+    struct Powers {
+      uint64_t at[18];
+    } t{};
+    uint64_t v = 1;
+    for (uint64_t& p : t.at) p = v, v *= 10;
+    return t;
+  }();
+  if (prec < 0 || prec > 17) return nullptr;
+  uint64_t bits;
+  memcpy(&bits, &value, sizeof bits);
+  const int exponent = static_cast<int>((bits >> 52) & 0x7FF);
+  if (exponent == 0x7FF) return nullptr;  // infinity or NaN
+  uint64_t m = bits & ((uint64_t{1} << 52) - 1);
+  int s = 1074;  // subnormal: m * 2^-1074
+  if (exponent != 0) {
+    m |= uint64_t{1} << 52;
+    s = 1075 - exponent;
+  }
+  uint64_t whole = 0;
+  uint64_t frac = 0;
+  if (s <= 0) {
+    if (s < -10) return nullptr;  // 2^63 or more
+    whole = m << -s;
+  } else {
+    const uint64_t fracBits = s < 64 ? m & ((uint64_t{1} << s) - 1) : m;
+    whole = s < 64 ? m >> s : 0;
+    // Beyond 2^-127 the scaled fraction (below 2^53 * 10^17 < 2^117) stays
+    // under half a unit of the last digit: every digit is 0, nothing rounds.
+    if (s < 128) {
+      using U128 = unsigned __int128;
+      const U128 n = static_cast<U128>(fracBits) * kPow10.at[prec];
+      const U128 q = n >> s;
+      const U128 rem = n - (q << s);
+      const U128 half = static_cast<U128>(1) << (s - 1);
+      frac = static_cast<uint64_t>(q);
+      const bool odd = ((prec > 0 ? frac : whole) & 1) != 0;
+      if ((rem > half || (rem == half && odd)) && ++frac == kPow10.at[prec]) {
+        frac = 0;
+        ++whole;
+      }
+    }
+  }
+  if (fegetround() != FE_TONEAREST) return nullptr;
+  char point = nlz_decimal_point();
+  if (point == '\0') return nullptr;
+  char* p = end;
+  if (prec > 0) {
+    p = decimalDigits(frac, p);
+    while (end - p < prec) *--p = '0';
+    *--p = point;
+  }
+  p = decimalDigits(whole, p);
+  if (bits >> 63) *--p = '-';
+  return p;
+}
+
 // Types 13 to 18 (e E f g G, with or without L): formatted by the C library.
 // Without '#' and '\'' the digits come from strfromd and the sign and the
 // padding are added here exactly as printf adds them (spaces, not zeros,
@@ -570,9 +646,19 @@ int64_t renderFloat(nlz_cs_t, const Conversion& c, const Argument* args, Sink& o
   const Argument& a = args[c.argIndex];
   if (!(c.flags & (kFlagAlt | kFlagGroup)) && width != INT_MIN && (!hasPrec || prec < 40)) {
     char digits[72];
-    int n = floatDigits(digits, sizeof digits, conv, hasPrec, prec, isLong, a);
+    char* const digitsEnd = digits + sizeof digits;
+    const char* text = conv == 'f' && !isLong
+                           ? fixedDigits(a.value.d, hasPrec && prec >= 0 ? prec : 6, digitsEnd)
+                           : nullptr;
+    int n;
+    if (text != nullptr) {
+      n = static_cast<int>(digitsEnd - text);
+    } else {
+      text = digits;
+      n = floatDigits(digits, sizeof digits, conv, hasPrec, prec, isLong, a);
+    }
     if (n > 0) {
-      const char* body = digits;
+      const char* body = text;
       const char* sign = "";
       if (*body == '-') {
         sign = "-";
@@ -582,7 +668,7 @@ int64_t renderFloat(nlz_cs_t, const Conversion& c, const Argument* args, Sink& o
       } else if (c.flags & kFlagSpace) {
         sign = " ";
       }
-      const size_t bodyLen = static_cast<size_t>(n - (body - digits));
+      const size_t bodyLen = static_cast<size_t>(n - (body - text));
       uint32_t flags = c.flags;
       if (width < 0) flags |= kFlagLeft;  // printf's reading of a negative width
       const bool finite = isDigit(*body);
@@ -670,6 +756,59 @@ constexpr Renderer<Sink> kRenderers[kTypeCount] = {
     renderChar<Sink>,      // 19 %%
 };
 
+// What shapes a conversion's output beyond its value.
+constexpr uint32_t kShapeFlags = kFlagAlt | kFlagLeft | kFlagZero | kFlagSpace | kFlagPlus |
+                                 kFlagGroup | kFlagWidthDigits | kFlagWidthArg | kFlagPrecDigits |
+                                 kFlagPrecArg | kFlagOctal | kFlagHex | kFlagHexUpper;
+
+// The conversions most formats are made of, without padding, sign, prefix or
+// precision: a byte string, or an integer in decimal. Gives the same bytes as
+// renderString, renderSigned and renderUnsigned would, without building the
+// field; returns -1 for any other conversion, which the renderer table then
+// takes.
+template <class Sink>
+inline int64_t renderPlain(const Conversion& c, const Argument* args, Sink& out) {
+  if (c.flags & kShapeFlags) return -1;
+  const Argument& a = args[c.argIndex];
+  uint64_t v;
+  bool negative = false;
+  switch (c.type) {
+    case kString: {
+      const char* s = static_cast<const char*>(a.value.p);
+      if (s == nullptr) return 0;
+      size_t len = strlen(s);
+      out.put(s, len);
+      return static_cast<int64_t>(len);
+    }
+    case kInt:
+      negative = static_cast<int32_t>(a.value.i) < 0;
+      v = negative ? 0 - static_cast<uint64_t>(static_cast<int32_t>(a.value.i))
+                   : static_cast<uint32_t>(a.value.i);
+      break;
+    case kLong:
+    case kLongLong:
+      negative = a.value.i < 0;
+      v = negative ? 0 - static_cast<uint64_t>(a.value.i) : static_cast<uint64_t>(a.value.i);
+      break;
+    case kUInt:
+      v = static_cast<uint32_t>(a.value.u);
+      break;
+    case kULong:
+    case kULongLong:
+      v = a.value.u;
+      break;
+    default:
+      return -1;
+  }
+  char buf[24];
+  char* end = buf + sizeof buf;
+  char* digits = decimalDigits(v, end);
+  if (negative) *--digits = '-';
+  size_t len = static_cast<size_t>(end - digits);
+  out.put(digits, len);
+  return static_cast<int64_t>(len);
+}
+
 // Renders the whole format: the text between conversions and each
 // conversion. Returns the whole length, or -1.
 template <class Sink>
@@ -681,7 +820,8 @@ int64_t renderAll(const Context* ctx, Sink& out) {
   for (; c != last; ++c) {
     size_t text = static_cast<size_t>(c->start - prev);
     out.put(prev, text);
-    int64_t r = kRenderers<Sink>[c->type](ctx->cs, *c, ctx->arguments, out);
+    int64_t r = renderPlain(*c, ctx->arguments, out);
+    if (r < 0) r = kRenderers<Sink>[c->type](ctx->cs, *c, ctx->arguments, out);
     if (r < 0) return -1;
     total += static_cast<int64_t>(text) + r;
     prev = c->end;
@@ -715,9 +855,51 @@ Conversion* appendConversion(Context* ctx) {
   return &ctx->conversions[ctx->conversionCount++];
 }
 
+// Type and flags of a conversion character written right after its '%'
+// (no index, flags, width, precision or length): the usual conversion, read
+// in one step. type -1: anything else, read by the full grammar.
+struct BareConversion {
+  int8_t type;
+  uint32_t flags;
+};
+constexpr auto kBare = [] {
+  struct Table {
+    BareConversion at[256];
+  } t{};
+  for (BareConversion& b : t.at) b = {-1, 0};
+  auto set = [&t](unsigned char c, BareConversion b) { t.at[c] = b; };
+  set('c', {kChar, 0});
+  set('C', {kWideChar, 0});
+  set('s', {kString, 0});
+  set('S', {kWideString, 0});
+  set('d', {kInt, 0});
+  set('i', {kInt, 0});
+  set('u', {kUInt, 0});
+  set('o', {kUInt, kFlagOctal});
+  set('x', {kUInt, kFlagHex});
+  set('X', {kUInt, kFlagHexUpper});
+  set('p', {kPointer, kFlagHex | kFlagAlt});
+  set('e', {kDoubleE, 0});
+  set('E', {kDoubleE, kFlagUpper});
+  set('f', {kDoubleF, 0});
+  set('g', {kDoubleG, 0});
+  set('G', {kDoubleG, kFlagUpper});
+  set('%', {kPercent, kFlagPercent});
+  return t;
+}();
+
 // Parses one conversion starting after its '%' at q into c; returns the
 // position past its conversion character, or null when it is malformed.
 const char* parseConversion(const char* q, Conversion* c) {
+  const BareConversion& bare = kBare.at[static_cast<unsigned char>(*q)];
+  if (bare.type >= 0) {
+    c->type = bare.type;
+    c->flags = bare.flags;
+    c->argIndex = 0;
+    c->width = 0;
+    c->precision = 0;
+    return q + 1;
+  }
   uint32_t flags = 0;
   int32_t argIndex = 0;
   int32_t width = 0;
@@ -991,7 +1173,7 @@ int zar_vsnprintf_parse(Context* ctx, nlz_cs_t cs, const char* fmt, va_list ap) 
   };
   const char* p = fmt;
   for (;;) {
-    p = strchrnul(p, '%');
+    p = f::nextPercent(p);
     if (*p == '\0') break;
     Conversion* c = f::appendConversion(ctx);
     if (c == nullptr) {

@@ -228,18 +228,21 @@ zarStzFile* openLocked(const char* path, uint32_t flags, uint32_t* status) {
 bool loadTree(zarStzFile* f, zarStzMemory* m) {
   zarStzMoveFirstStanza(f);
   while (f->stanzaName != nullptr) {
-    auto* node = static_cast<zarStzStanzaNode*>(mem::allocZero(1, sizeof(zarStzStanzaNode)));
+    // Nodes are set field by field: calloc costs more than the whole node.
+    auto* node = static_cast<zarStzStanzaNode*>(mem::alloc(sizeof(zarStzStanzaNode)));
     if (node == nullptr) return false;
+    node->entries = nullptr;
     node->next = m->stanzas;
     m->stanzas = node;
     node->name = mem::strDup(f->stanzaName);
     if (node->name == nullptr) return false;
     zarStzEntryNode** tail = &node->entries;
     while (f->entryName != nullptr) {
-      auto* e = static_cast<zarStzEntryNode*>(mem::allocZero(1, sizeof(zarStzEntryNode)));
+      auto* e = static_cast<zarStzEntryNode*>(mem::alloc(sizeof(zarStzEntryNode)));
       if (e == nullptr) return false;
       e->name = f->entryName;
       e->value = f->value;
+      e->next = nullptr;
       f->entryName = nullptr;
       f->value = nullptr;
       *tail = e;
@@ -269,10 +272,15 @@ struct Line {
   int valueEnd = -1;
 };
 
-// Classifies one line of len wide units (line feed already removed).
-Line classify(const nlz_wchar_t* wide, int len) {
+inline bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }  // 7-bit only
+inline bool isSpace(nlz_wchar_t w) { return w < 0x80 ? isSpace(static_cast<char>(w)) : nlz_iswspace(w) != 0; }
+
+// Classifies one line of len units (line feed already removed): wide units,
+// or the bytes of a 7-bit line, which are the same characters.
+template <class Unit>
+Line classify(const Unit* wide, int len) {
   int i = 0;
-  while (i < len && nlz_iswspace(wide[i])) ++i;
+  while (i < len && isSpace(wide[i])) ++i;
   if (i == len || wide[i] == '#') return Line{LineKind::kSkip};
   if (wide[i] == '[') {
     int close = i + 1;
@@ -285,13 +293,13 @@ Line classify(const nlz_wchar_t* wide, int len) {
   while (eq < len && wide[eq] != '=') ++eq;
   if (eq == i || eq == len) return Line{LineKind::kNoSeparator, i, len};
   Line l{LineKind::kEntry, i, eq};
-  while (l.nameEnd > i && nlz_iswspace(wide[l.nameEnd - 1])) --l.nameEnd;
+  while (l.nameEnd > i && isSpace(wide[l.nameEnd - 1])) --l.nameEnd;
   int v = eq + 1;
-  while (v < len && nlz_iswspace(wide[v])) ++v;
+  while (v < len && isSpace(wide[v])) ++v;
   if (v < len && wide[v] != '#') {
     int end = v;
     while (end < len && wide[end] != '#') ++end;
-    while (end > v && nlz_iswspace(wide[end - 1])) --end;
+    while (end > v && isSpace(wide[end - 1])) --end;
     l.valueBegin = v;
     l.valueEnd = end;
   }
@@ -322,12 +330,13 @@ Step streamMove(zarStzFile* f, bool toStanza, bool crossStanzas) {
     return Step::kError;
   }
   const nlz_cs_t cs = localCodeSet();
+  const bool asciiCs = nlz_cs_ascii_transparent(cs) != 0;
   char line[kLineBytes];
   nlz_wchar_t wide[kWideUnits];
   int64_t pos = resume;
   for (;;) {
     const int64_t lineStart = pos;
-    const int n = readPiece(s, line, kLineBytes);
+    const int n = readPiece(s, pos, line, kLineBytes);
     if (n < 0) {
       zar_zSetError(f, ZAR_S_STZ_READ_FAILED);
       return Step::kError;
@@ -344,17 +353,43 @@ Step streamMove(zarStzFile* f, bool toStanza, bool crossStanzas) {
     }
     pos += n;
 
-    int len = nlz_mbstowcs(cs, wide, line, kWideUnits);
-    if (len < 0) {
-      size_t raw = strlen(line);
-      if (raw > 0 && line[raw - 1] == '\n') line[raw - 1] = '\0';
-      ZAR_STZ_LOG(ZAR_S_MBS_TO_WCS_FAILED, "%s", line);
-      zar_zSetError(f, ZAR_S_STZ_INTERNAL);
-      return Step::kError;
+    // A 7-bit line in a code set that keeps ASCII as it is would convert to
+    // the same characters and back to the same bytes: it is parsed as read.
+    // Its faults are reported from the wide text, as any other line's.
+    int len = 0;
+    bool narrow = asciiCs;
+    for (; line[len] != '\0'; ++len)
+      if (line[len] & 0x80) narrow = false;
+    Line l{LineKind::kSkip};
+    if (narrow) {
+      if (len > 0 && line[len - 1] == '\n') line[--len] = '\0';
+      l = classify(line, len);
+      narrow = l.kind != LineKind::kOpenHeader && l.kind != LineKind::kNoSeparator;
     }
-    if (len > 0 && wide[len - 1] == '\n') wide[--len] = 0;
-    Line l = classify(wide, len);
+    if (!narrow) {
+      len = nlz_mbstowcs(cs, wide, line, kWideUnits);
+      if (len < 0) {
+        size_t raw = strlen(line);
+        if (raw > 0 && line[raw - 1] == '\n') line[raw - 1] = '\0';
+        ZAR_STZ_LOG(ZAR_S_MBS_TO_WCS_FAILED, "%s", line);
+        zar_zSetError(f, ZAR_S_STZ_INTERNAL);
+        return Step::kError;
+      }
+      if (len > 0 && wide[len - 1] == '\n') wide[--len] = 0;
+      l = classify(wide, len);
+    }
     if (l.kind == LineKind::kSkip) continue;
+    // The text of units begin..end as a new string in the local code page.
+    auto take = [&](int begin, int end, char** out) {
+      if (!narrow) {
+        wide[end] = 0;
+        return narrowCopy(f, cs, &wide[begin], line, out);
+      }
+      *out = mem::strDupLen(line + begin, static_cast<size_t>(end - begin));
+      if (*out != nullptr) return true;
+      zar_zSetError(f, ZAR_S_NO_MEMORY);
+      return false;
+    };
 
     if (l.kind == LineKind::kHeader || l.kind == LineKind::kOpenHeader) {
       clearEntry(f);
@@ -373,9 +408,8 @@ Step streamMove(zarStzFile* f, bool toStanza, bool crossStanzas) {
         zar_zSetError(f, ZAR_S_STZ_BAD_FORMAT);
         return Step::kError;
       }
-      wide[l.nameEnd] = 0;
       char* name = nullptr;
-      if (!narrowCopy(f, cs, &wide[l.nameBegin], line, &name)) return Step::kError;
+      if (!take(l.nameBegin, l.nameEnd, &name)) return Step::kError;
       replaceOwned(&f->stanzaName, name);
       f->bodyOffset = pos;
       f->entryOffset = pos;
@@ -392,12 +426,10 @@ Step streamMove(zarStzFile* f, bool toStanza, bool crossStanzas) {
       zar_zSetError(f, ZAR_S_STZ_BAD_FORMAT);
       return Step::kError;
     }
-    wide[l.nameEnd] = 0;
-    if (l.valueBegin >= 0) wide[l.valueEnd] = 0;
     char* name = nullptr;
     char* value = nullptr;
-    if (!narrowCopy(f, cs, &wide[l.nameBegin], line, &name)) return Step::kError;
-    if (l.valueBegin >= 0 && !narrowCopy(f, cs, &wide[l.valueBegin], line, &value)) {
+    if (!take(l.nameBegin, l.nameEnd, &name)) return Step::kError;
+    if (l.valueBegin >= 0 && !take(l.valueBegin, l.valueEnd, &value)) {
       mem::free(name);
       return Step::kError;
     }
@@ -500,25 +532,26 @@ void replaceOwned(char** field, char* text) {
   *field = text;
 }
 
-int readPiece(FILE* stream, char* buf, int bufLen) {
+int readPiece(FILE* stream, int64_t start, char* buf, int bufLen) {
   clearerr_unlocked(stream);
-  int n = 0;
-  while (n < bufLen - 1) {
-    int c = getc_unlocked(stream);
-    if (c == EOF) break;
-    buf[n++] = static_cast<char>(c);
-    if (c == '\n') break;
+  if (fgets_unlocked(buf, bufLen, stream) == nullptr) {
+    buf[0] = '\0';
+    return ferror_unlocked(stream) ? -1 : 0;
   }
-  buf[n] = '\0';
-  if (n == 0 && ferror_unlocked(stream)) return -1;
-  return n;
+  const size_t n = strlen(buf);
+  if (n == static_cast<size_t>(bufLen) - 1 || (n > 0 && buf[n - 1] == '\n'))
+    return static_cast<int>(n);
+  // Short and without a line feed: the end of the file, or a NUL byte that
+  // ended the text early; the stream's position tells what was consumed.
+  const off_t end = ftello(stream);
+  return end < 0 ? -1 : static_cast<int>(end - start);
 }
 
 bool entryLineAt(FILE* stream, int64_t offset, const char* name, int* lineLen) {
   char line[kLineBytes];
   nlz_wchar_t wide[kWideUnits];
   if (fseeko(stream, offset, SEEK_SET) != 0) return false;
-  *lineLen = readPiece(stream, line, kLineBytes);
+  *lineLen = readPiece(stream, offset, line, kLineBytes);
   if (*lineLen <= 0) return false;
   const nlz_cs_t cs = localCodeSet();
   int len = nlz_mbstowcs(cs, wide, line, kWideUnits);

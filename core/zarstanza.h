@@ -59,10 +59,10 @@ int zar_zReplaceText(FILE* stream, const char* path, int64_t from, int64_t to, c
                      int64_t textLen);
 
 // Reads one line piece (at most bufLen - 1 bytes, up to and including a line
-// feed) from the stream's position into buf, NUL-terminated. Returns the
-// bytes consumed (a NUL byte read counts but ends the text early), 0 at the
-// end of the file, -1 on a read error.
-int readPiece(FILE* stream, char* buf, int bufLen);
+// feed) from the stream's position, which is the file offset start, into
+// buf, NUL-terminated. Returns the bytes consumed (a NUL byte read counts but
+// ends the text early), 0 at the end of the file, -1 on a read error.
+int readPiece(FILE* stream, int64_t start, char* buf, int bufLen);
 
 // Reads the line at offset and tells whether it is an entry line of that
 // name (the line's length in *lineLen; the stream then stands after it). An

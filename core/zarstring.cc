@@ -87,7 +87,9 @@ ZARString::ZARString(const ZARString& o) : ZARString() { append(o); }
 
 ZARString::ZARString(ZARString&& o) noexcept : ZARString() { moveFrom(o); }
 
-ZARString::~ZARString() { zar::mem::free(heap_); }
+ZARString::~ZARString() {
+  if (heap_ != nullptr) zar::mem::free(heap_);
+}
 
 ZARString& ZARString::operator=(const ZARString& o) {
   if (this != &o) set(o);
@@ -190,40 +192,53 @@ char* ZARString::assertBuffer(int len) {
 bool ZARString::append(const char* s, int len, conversion_e conv) {
   if (s == nullptr) return true;
   int n = textLen(s, len);
-  int64_t room = roomFor(conv, n);
-  int64_t total = len_ + room;
-  if (total > kMaxLen) return false;
-  // A converter must not read what it writes: a source inside this string's
-  // own buffers is converted from a private copy.
-  zar::mem::Unique<char> copy;
-  if (conv != CONVERT_NONE && n > 0 &&
-      (overlaps(s, static_cast<size_t>(n), inline_, sizeof inline_) ||
-       (heap_ != nullptr && overlaps(s, static_cast<size_t>(n), heap_, heapCap_)))) {
-    copy.reset(static_cast<char*>(zar::mem::alloc(static_cast<size_t>(n))));
-    if (copy == nullptr) return false;
-    memcpy(copy.get(), s, static_cast<size_t>(n));
-    s = copy.get();
+  // Bytes as they are that still fit the inline buffer in use: the usual
+  // short append, which needs none of the steps below.
+  if (conv == CONVERT_NONE && data_ == inline_ && n < kInline - len_) {
+    zar::mem::moveBytes(inline_ + len_, s, static_cast<size_t>(n));  // s may lie in inline_
+    len_ += n;
+    inline_[len_] = '\0';
+    return true;
   }
-  zar::mem::Unique<char> oldHeap;
-  if (total >= kInline) {
-    if (total + 1 > heapCap_) {
-      // Exact growth: a new block of exactly total + 1 bytes. The old block is
-      // freed only after the new bytes are written, since s may point into it.
-      char* block = static_cast<char*>(zar::mem::alloc(static_cast<size_t>(total) + 1));
-      if (block == nullptr) return false;
-      memcpy(block, data_, static_cast<size_t>(len_));
-      oldHeap.reset(heap_);
-      heap_ = block;
-      heapCap_ = static_cast<uint32_t>(total + 1);
-      data_ = block;
-    } else if (data_ != heap_) {
-      memcpy(heap_, data_, static_cast<size_t>(len_));
-      data_ = heap_;
+  // The general case stays out of line, so that the short append above
+  // costs no more than its own work.
+  auto general = [this](const char* s, int n, conversion_e conv) __attribute__((noinline)) {
+    int64_t room = roomFor(conv, n);
+    int64_t total = len_ + room;
+    if (total > kMaxLen) return false;
+    // A converter must not read what it writes: a source inside this string's
+    // own buffers is converted from a private copy.
+    zar::mem::Unique<char> copy;
+    if (conv != CONVERT_NONE && n > 0 &&
+        (overlaps(s, static_cast<size_t>(n), inline_, sizeof inline_) ||
+         (heap_ != nullptr && overlaps(s, static_cast<size_t>(n), heap_, heapCap_)))) {
+      copy.reset(static_cast<char*>(zar::mem::alloc(static_cast<size_t>(n))));
+      if (copy == nullptr) return false;
+      memcpy(copy.get(), s, static_cast<size_t>(n));
+      s = copy.get();
     }
-  }
-  len_ += writeConverted(conv, s, n, data_ + len_, static_cast<int>(room));
-  data_[len_] = '\0';
-  return true;
+    zar::mem::Unique<char> oldHeap;
+    if (total >= kInline) {
+      if (total + 1 > heapCap_) {
+        // Exact growth: a new block of exactly total + 1 bytes. The old block is
+        // freed only after the new bytes are written, since s may point into it.
+        char* block = static_cast<char*>(zar::mem::alloc(static_cast<size_t>(total) + 1));
+        if (block == nullptr) return false;
+        memcpy(block, data_, static_cast<size_t>(len_));
+        oldHeap.reset(heap_);
+        heap_ = block;
+        heapCap_ = static_cast<uint32_t>(total + 1);
+        data_ = block;
+      } else if (data_ != heap_) {
+        memcpy(heap_, data_, static_cast<size_t>(len_));
+        data_ = heap_;
+      }
+    }
+    len_ += writeConverted(conv, s, n, data_ + len_, static_cast<int>(room));
+    data_[len_] = '\0';
+    return true;
+  };
+  return general(s, n, conv);
 }
 
 bool ZARString::append(char c) {
@@ -238,6 +253,27 @@ bool ZARString::append(const ZARStringRef& r) {
 bool ZARString::append(const ZARString& o) { return append(o.data_, o.len_, CONVERT_NONE); }
 
 bool ZARString::set(const char* s, int len, conversion_e conv) {
+  // A value as it is goes where append() would put it: a short one into the
+  // inline buffer (a held heap block stays held), a longer one into a held
+  // block that is large enough.
+  if (conv == CONVERT_NONE) {
+    const char* text = s == nullptr ? "" : s;
+    int n = textLen(text, len);
+    if (n < kInline) {
+      zar::mem::moveBytes(inline_, text, static_cast<size_t>(n));  // text may lie in inline_
+      inline_[n] = '\0';
+      data_ = inline_;
+      len_ = n;
+      return true;
+    }
+    if (static_cast<int64_t>(n) + 1 <= heapCap_) {  // a held block that is large enough
+      memmove(heap_, text, static_cast<size_t>(n));  // text may lie in heap_
+      heap_[n] = '\0';
+      data_ = heap_;
+      len_ = n;
+      return true;
+    }
+  }
   char* oldData = data_;
   int32_t oldLen = len_;
   len_ = 0;

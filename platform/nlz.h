@@ -92,6 +92,9 @@ const char* nlz_loc_cs_name(nlz_loc_t loc);
 // cannot be had or do not fit.
 int nlz_os_lang_name(char* buf, int len);
 int nlz_os_cs_name(char* buf, int len);
+// The decimal point of the thread's locale (LC_NUMERIC), as the C library's
+// number formatting writes it: one byte, or 0 when it takes more than one.
+char nlz_decimal_point(void);
 // Canonical locale name (language_TERRITORY, e.g. "de_DE" from
 // "de_DE.ISO-8859-1@euro" or "de-de") and canonical language ("de"); 0 or -1.
 int nlz_canonical_loc(const char* name, char* buf, int len);
@@ -102,6 +105,9 @@ int nlz_canonical_lang(const char* name, char* buf, int len);
 nlz_cs_t nlz_cs_shared(const char* name);
 // 1 when the two handles name the same code set (null: the thread's).
 int nlz_cs_same(nlz_cs_t a, nlz_cs_t b);
+// 1 when the bytes 0x01..0x7F of cs (null: the thread's) are the ASCII
+// characters, so that 7-bit text converts to the same units and back.
+int nlz_cs_ascii_transparent(nlz_cs_t cs);
 
 // ---- Settings of the layer -----------------------------------------------------
 

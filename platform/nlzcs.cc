@@ -423,6 +423,11 @@ int nlz_cs_is_utf8(nlz_cs_t cs) {
   return cs != nullptr && cs->utf8 ? 1 : 0;
 }
 
+int nlz_cs_ascii_transparent(nlz_cs_t cs) {
+  cs = resolve(cs);
+  return cs != nullptr && cs->asciiTransparent ? 1 : 0;
+}
+
 int nlz_cs_same(nlz_cs_t a, nlz_cs_t b) {
   a = resolve(a);
   b = resolve(b);

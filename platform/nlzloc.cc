@@ -106,6 +106,11 @@ int nlz_os_cs_name(char* buf, int len) {
   return rc;
 }
 
+char nlz_decimal_point(void) {
+  const char* point = nl_langinfo(RADIXCHAR);
+  return point[0] != '\0' && point[1] == '\0' ? point[0] : '\0';
+}
+
 // ---- Canonical names ----------------------------------------------------------------
 
 namespace {

@@ -87,9 +87,19 @@ bool parseOld(const char* p, kp_uuid_t* u) {
   return true;
 }
 
-void putHex(char** p, uint32_t v, int digits) {
-  for (int i = digits - 1; i >= 0; --i) (*p)[i] = kHex[v & 0xF], v >>= 4;
-  *p += digits;
+// The two hex digits of every byte value, so that a byte takes one lookup.
+constexpr auto kHexPairs = [] {
+  struct Pairs {
+    char at[256][2];
+  } t{};
+  for (int b = 0; b < 256; ++b) t.at[b][0] = kHex[b >> 4], t.at[b][1] = kHex[b & 0xF];
+  return t;
+}();
+
+// Writes the bytes of v, most significant first, as 2 * bytes hex digits.
+void putHex(char** p, uint32_t v, int bytes) {
+  for (int i = bytes - 1; i >= 0; --i, v >>= 8) memcpy(*p + 2 * i, kHexPairs.at[v & 0xFF], 2);
+  *p += 2 * bytes;
 }
 
 int sign(uint32_t a, uint32_t b) {
@@ -100,16 +110,16 @@ int sign(uint32_t a, uint32_t b) {
 
 void format(const kp_uuid_t& u, char out[KP_UUID_STRING_LEN + 1]) {
   char* p = out;
-  putHex(&p, u.time_low, 8);
+  putHex(&p, u.time_low, 4);
   *p++ = '-';
-  putHex(&p, u.time_mid, 4);
+  putHex(&p, u.time_mid, 2);
   *p++ = '-';
-  putHex(&p, u.time_hi_and_version, 4);
+  putHex(&p, u.time_hi_and_version, 2);
   *p++ = '-';
-  putHex(&p, u.clock_seq_hi_and_reserved, 2);
-  putHex(&p, u.clock_seq_low, 2);
+  putHex(&p, u.clock_seq_hi_and_reserved, 1);
+  putHex(&p, u.clock_seq_low, 1);
   *p++ = '-';
-  for (uint8_t b : u.node) putHex(&p, b, 2);
+  for (uint8_t b : u.node) putHex(&p, b, 1);
   *p = '\0';
 }
 

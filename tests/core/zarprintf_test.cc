@@ -5,6 +5,7 @@
 #include "core/zarprintf.h"
 
 #include <errno.h>
+#include <fenv.h>
 #include <limits.h>
 #include <locale.h>
 #include <stdlib.h>
@@ -126,6 +127,32 @@ TEST(ZarPrintf, MalformedFormatsFailWithoutRendering) {
   }
   EXPECT_EQ(-1, zar_snprintf(nullptr, 0, nullptr));
   EXPECT_EQ(-1, zar_asprintf(nullptr, "x"));
+}
+
+// The engine makes the digits of %f itself where that is exact: ties, the
+// edges of that path, another decimal point and other rounding modes must
+// give glibc's bytes.
+TEST(ZarPrintf, FixedPointMatchesGlibc) {
+  const double values[] = {0.5,    1.5,     2.5,    0.125,   -0.375,    2.675,     -0.0,
+                           1e-7,   0.0005,  9.9995, 0x1p62,  0x1p63,    -9.5e18,   1e30,
+                           0x1p-1074, 0x1p-126, 0x1p-129, 4503599627370495.5, 1.0 / 0.0, 0.1};
+  locale_t de = newlocale(LC_ALL_MASK, "de_DE.UTF-8", nullptr);
+  ASSERT_NE(nullptr, de) << "generated locales are missing (LOCPATH)";
+  for (locale_t loc : {LC_GLOBAL_LOCALE, de}) {
+    locale_t old = uselocale(loc);
+    for (int mode : {FE_TONEAREST, FE_UPWARD, FE_DOWNWARD, FE_TOWARDZERO}) {
+      fesetround(mode);
+      for (double v : values) {
+        const char* fmt = "%.0f|%.1f|%.2f|%f|%.17f|%.18f|%8.3f|%-+9.3f|";
+        char want[1024];
+        snprintf(want, sizeof want, fmt, v, v, v, v, v, v, v, v);
+        EXPECT_EQ(want, F(fmt, v, v, v, v, v, v, v, v)) << mode << " " << v;
+      }
+    }
+    fesetround(FE_TONEAREST);
+    uselocale(old);
+  }
+  freelocale(de);
 }
 
 TEST(ZarPrintf, SizeZeroWritesNothing) {

@@ -247,10 +247,11 @@ TEST_F(StanzaTest, InterruptedWritesAreRetried) {
 // A replacement reaching past the end (the file shrank under the cursor)
 // changes nothing.
 TEST_F(StanzaTest, ReplacementPastTheEndChangesNothing) {
-  FILE* s = fopen(file("[s]\nk = v\n").c_str(), "r+");
+  std::string path = file("[s]\nk = v\n");
+  FILE* s = fopen(path.c_str(), "r+");
   ASSERT_NE(nullptr, s);
-  EXPECT_EQ(0, stanza::zar_zReplaceText(s, 4, 11, "x"));
-  EXPECT_EQ(1, stanza::zar_zReplaceText(s, 4, 9, "k = w"));
+  EXPECT_EQ(0, stanza::zar_zReplaceText(s, path.c_str(), 4, 11, "x", 1));
+  EXPECT_EQ(1, stanza::zar_zReplaceText(s, path.c_str(), 4, 9, "k = w", 5));
   fclose(s);
   EXPECT_EQ("[s]\nk = w\n", readFile(path_));
 }

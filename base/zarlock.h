@@ -58,24 +58,6 @@ class ZAR_SCOPED_CAPABILITY MutexLock {
   pthread_mutex_t* const mu_;
 };
 
-// Like MutexLock, but may be released early (and only once) with unlock().
-class ZAR_SCOPED_CAPABILITY ReleasableMutexLock {
- public:
-  explicit ReleasableMutexLock(Mutex& mu) ZAR_ACQUIRE(mu) : mu_(&mu) { pthread_mutex_lock(mu_); }
-  ~ReleasableMutexLock() ZAR_RELEASE() {
-    if (mu_ != nullptr) pthread_mutex_unlock(mu_);
-  }
-  void unlock() ZAR_RELEASE() {
-    pthread_mutex_unlock(mu_);
-    mu_ = nullptr;
-  }
-  ReleasableMutexLock(const ReleasableMutexLock&) = delete;
-  ReleasableMutexLock& operator=(const ReleasableMutexLock&) = delete;
-
- private:
-  pthread_mutex_t* mu_;
-};
-
 // Shared or exclusive hold of a pthread read-write lock. ok() tells whether
 // the lock was taken; the destructor releases it only then.
 class RwLockHold {

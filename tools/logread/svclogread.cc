@@ -352,6 +352,8 @@ void rebase(Record* r, const char* from, const char* to) {
 bool opensRecord(std::string_view line, Record* head) {
   // The cheap test first: most lines that are not a record fail here.
   if (line.size() < 36 || line[4] != '-' || line[10] != '-' || line[13] != ':') return false;
+  // Nothing of the record before may stay behind (a debug record has no status).
+  *head = Record();
   return parseTextPrefix(line, head);
 }
 

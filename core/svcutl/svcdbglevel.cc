@@ -151,35 +151,6 @@ uint32_t applyLevels(zar_svc_handle handle, const char* levels, bool callbacks, 
   return 0;
 }
 
-// The value of SVC_<COMPONENT>_DBG (the name's ASCII letters made upper
-// case), or null; *noMemory when the variable's name cannot be made.
-const char* debugVariable(const char* component, bool* noMemory) {
-  size_t len = strlen(component);
-  mem::Unique<char> name(static_cast<char*>(mem::alloc(len + sizeof "SVC__DBG")));
-  if (!name) {
-    *noMemory = true;
-    return nullptr;
-  }
-  char* n = name.get();
-  memcpy(n, "SVC_", 4);
-  for (size_t i = 0; i < len; ++i) {
-    char c = component[i];
-    n[4 + i] = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
-  }
-  memcpy(n + 4 + len, "_DBG", 5);
-  return zar::env::get(n);
-}
-
-// ASCII letters compared without case, over len bytes.
-bool sameWordNoCase(const char* a, const char* b, size_t len) {
-  for (size_t i = 0; i < len; ++i) {
-    char x = a[i] >= 'A' && a[i] <= 'Z' ? static_cast<char>(a[i] - 'A' + 'a') : a[i];
-    char y = b[i] >= 'A' && b[i] <= 'Z' ? static_cast<char>(b[i] - 'A' + 'a') : b[i];
-    if (x != y) return false;
-  }
-  return true;
-}
-
 uint32_t setLevelsSetting(const char* setting, bool callbacks) {
   if (setting == nullptr || strchr(setting, ':') == nullptr) return ZAR_S_SVC_BAD_ROUTE;
   mem::Unique<char> copy(mem::strDup(setting));
@@ -231,6 +202,36 @@ uint32_t debugRoutingSetting(const char* setting, bool callbacks) {
 }
 
 }  // namespace
+
+const char* debugVariable(const char* component, const char** rest, bool* noMemory) {
+  *rest = nullptr;
+  size_t len = strlen(component);
+  mem::Unique<char> name(static_cast<char*>(mem::alloc(len + sizeof "SVC__DBG")));
+  if (!name) {
+    *noMemory = true;
+    return nullptr;
+  }
+  char* n = name.get();
+  memcpy(n, "SVC_", 4);
+  for (size_t i = 0; i < len; ++i) {
+    char c = component[i];
+    n[4 + i] = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+  }
+  memcpy(n + 4 + len, "_DBG", 5);
+  const char* value = zar::env::get(n);
+  if (value == nullptr) return nullptr;
+  // The value repeats the component's name, ASCII letters in any case.
+  bool same = strlen(value) > len && value[len] == ':';
+  for (size_t i = 0; same && i < len; ++i) {
+    char x = value[i] >= 'A' && value[i] <= 'Z' ? static_cast<char>(value[i] - 'A' + 'a') : value[i];
+    char y = component[i] >= 'A' && component[i] <= 'Z' ? static_cast<char>(component[i] - 'A' + 'a')
+                                                         : component[i];
+    same = x == y;
+  }
+  if (same) *rest = value + len + 1;
+  return value;
+}
+
 }  // namespace zar::svc
 
 using zar::setStatus;
@@ -263,7 +264,8 @@ bool zar_svc__debug_fillin(zar_svc_handle handle, unsigned long* status) {
     }
   } else {
     bool noMemory = false;
-    const char* value = debugVariable(component, &noMemory);
+    const char* rest = nullptr;
+    const char* value = debugVariable(component, &rest, &noMemory);
     if (noMemory) {
       setStatus(status, ZAR_S_SVC_NO_MEMORY);
       return false;
@@ -271,15 +273,14 @@ bool zar_svc__debug_fillin(zar_svc_handle handle, unsigned long* status) {
     if (value != nullptr) {
       // "COMPONENT:LEVELS:ROUTES", the name in any case; another
       // component's setting is refused, and the routing file is not read.
-      size_t len = strlen(component);
       snprintf(variable, sizeof variable, "SVC_%s_DBG", component);
       source.variable = variable;
       whole = value;
-      if (strlen(value) <= len || !sameWordNoCase(value, component, len) || value[len] != ':') {
+      if (rest == nullptr) {
         reportBadDebugSetting(component, source, value, "another component's name", 1);
         return false;
       }
-      text.reset(zar::mem::strDup(value + len + 1));
+      text.reset(zar::mem::strDup(rest));
       if (!text) {
         setStatus(status, ZAR_S_SVC_NO_MEMORY);
         return false;

@@ -171,7 +171,7 @@ void takeOver(svc_route* route) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   zar__svc_dyn_route_open(route->dynName, route->dynArg != nullptr ? route->dynArg : "", &type,
                           &data, &st);
   if (st != 0) return;
-  route->target = type;
+  route->type = type;
   route->routeData = data;
   route->kind = kRouteDynamic;
   route->opened = 1;
@@ -331,12 +331,12 @@ void zar_svc__routing_denounce(const char* name, unsigned long* status) {
     if (route->kind != zar::svc::kRouteDynamic || route->dynName == nullptr ||
         strcmp(route->dynName, name) != 0)
       return;
-    auto type = static_cast<svc_dyn_route*>(route->target);
+    svc_dyn_route* type = route->type;
     // A route that a type registered again since has taken over stays.
     if (!zar::svc::removedNow(type)) return;
     void* data = route->routeData;
     route->kind = inDebugList ? zar::svc::kRouteDiscard : zar::svc::kRouteStderr;
-    route->target = nullptr;
+    route->type = nullptr;
     route->routeData = nullptr;
     zar__svc_dyn_route_close(type, data);
     // A type of the same name added while this one went away takes over.

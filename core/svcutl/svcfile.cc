@@ -113,25 +113,7 @@ svc_file_route* newRecord(const char* name) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
 }
 
 void flushRoute(svc_route* route, bool) {
-  switch (route->kind) {
-    case kRouteTextFile:
-    case kRouteUtf8File:
-    case kRouteXmlFile: {
-      auto record = static_cast<svc_file_route*>(route->target);
-      if (record != nullptr && record->stream != nullptr) sys::fflush(record->stream);
-      break;
-    }
-    case kRouteStdout:
-    case kRouteXmlStdout:
-      sys::fflush(stdout);
-      break;
-    case kRouteStderr:
-    case kRouteXmlStderr:
-      sys::fflush(stderr);
-      break;
-    default:
-      break;
-  }
+  if (auto flush = sinkOf(route->kind).flush) flush(route);
 }
 
 // Before fork: no thread is in the middle of a record or a route change,
@@ -159,7 +141,7 @@ void forkChild() ZAR_NO_THREAD_SAFETY_ANALYSIS {
   dynRouteForkRelease();
   forEachRoute([](svc_route* route, bool) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
     if (route->kind != kRouteTextFile) return;
-    auto record = static_cast<svc_file_route*>(route->target);
+    svc_file_route* record = route->file;
     if (record == nullptr || record->nameFormat == nullptr) return;
     char name[kMaxRouteText + 1];
     if (!expandFileName(record->nameFormat, gSvc.pid.load(std::memory_order_relaxed), name))
@@ -253,7 +235,7 @@ bool attachFileRoute(svc_route* route, const char* name, const char* where, cons
     record->group = lookUpGroup(group);
   }
   ++record->references;
-  route->target = record;
+  route->file = record;
   return true;
 }
 
@@ -306,85 +288,67 @@ void archiveLogFile(svc_file_route* record) {
 
 using zar::svc::gSvc;
 
-extern "C" {
+namespace zar::svc {
 
-void zar_svc__check_open(svc_route* route) {
-  using namespace zar::svc;
-  if (isFileKind(route->kind)) {
-    auto record = static_cast<svc_file_route*>(route->target);
-    if (record->limit != 0 && ++record->count > record->limit) {
-      record->count = 1;
-      if (route->opened && record->stream != nullptr) {
-        closeStream(record);
-        route->opened = 0;
-        archiveLogFile(record);
-      }
-    }
-    if (record->stream == nullptr) {
-      bool refused = false;
-      int err = 0;
-      FILE* f = record->name != nullptr ? openLogFile(record, &refused, &err) : nullptr;
-      if (f != nullptr) {
-        if (record->owner != -1 || record->group != -1) {
-          if (fchown(fileno(f), static_cast<uid_t>(record->owner),
-                     static_cast<gid_t>(record->group)) != 0) {
-            // An owner that cannot be given leaves the file as created.
-          }
-        }
-        if (record->mode != 0 && fchmod(fileno(f), static_cast<mode_t>(record->mode)) != 0) {
-          // Likewise for permissions.
-        }
-        record->stream = f;
-        record->cutShort = 0;
-      } else {
-        // The file cannot be had: the route writes as its fallback kind from
-        // now on, and the record is stripped of its name for good. Where that
-        // loses the messages, or a planted link was refused, it is said.
-        if (record->name != nullptr &&
-            (refused || (route->fallback == kRouteDiscard && fromSetting(route))))
-          reportLogFileUnusable(record->name, err, refused, route->fallback == kRouteDiscard);
-        zar::mem::free(record->name);
-        zar::mem::free(record->nameFormat);
-        record->name = nullptr;
-        record->nameFormat = nullptr;
-        route->kind = route->fallback;
-      }
+void openLogRoute(svc_route* route) {
+  svc_file_route* record = route->file;
+  if (record->limit != 0 && ++record->count > record->limit) {
+    record->count = 1;
+    if (route->opened && record->stream != nullptr) {
+      closeStream(record);
+      route->opened = 0;
+      archiveLogFile(record);
     }
   }
-  route->opened = 1;
-}
-
-void zar_svc__close_routes(svc_route_list* list) {
-  using namespace zar::svc;
-  while (list->count > 0) {
-    svc_route* route = list->routes[--list->count];
-    if (isFileKind(route->kind)) {
-      auto record = static_cast<svc_file_route*>(route->target);
-      if (record != nullptr && record->references > 0 && --record->references == 0 &&
-          record->stream != nullptr) {
-        closeStream(record);
-        route->opened = 0;
+  if (record->stream == nullptr) {
+    bool refused = false;
+    int err = 0;
+    FILE* f = record->name != nullptr ? openLogFile(record, &refused, &err) : nullptr;
+    if (f != nullptr) {
+      if (record->owner != -1 || record->group != -1) {
+        if (fchown(fileno(f), static_cast<uid_t>(record->owner),
+                   static_cast<gid_t>(record->group)) != 0) {
+          // An owner that cannot be given leaves the file as created.
+        }
       }
-    } else if (route->kind == kRouteGoesTo) {
-      zar::mem::free(route->target);
-      route->target = nullptr;
-    }
-    zar::mem::free(route->dynName);
-    zar::mem::free(route->dynArg);
-    route->dynName = nullptr;
-    route->dynArg = nullptr;
-    if (route->kind == kRouteDynamic) {
-      // Last, so that a thread cancelled in the close callback leaves the
-      // route wholly closed.
-      auto type = static_cast<svc_dyn_route*>(route->target);
-      void* data = route->routeData;
+      if (record->mode != 0 && fchmod(fileno(f), static_cast<mode_t>(record->mode)) != 0) {
+        // Likewise for permissions.
+      }
+      record->stream = f;
+      record->cutShort = 0;
+    } else {
+      // The file cannot be had: the route writes as its fallback kind from
+      // now on, and the record is stripped of its name for good. Where that
+      // loses the messages, or a planted link was refused, it is said.
+      if (record->name != nullptr &&
+          (refused || (route->fallback == kRouteDiscard && fromSetting(route))))
+        reportLogFileUnusable(record->name, err, refused, route->fallback == kRouteDiscard);
+      zar::mem::free(record->name);
+      zar::mem::free(record->nameFormat);
+      record->name = nullptr;
+      record->nameFormat = nullptr;
       route->kind = route->fallback;
-      route->target = nullptr;
-      route->routeData = nullptr;
-      zar__svc_dyn_route_close(type, data);
     }
   }
 }
+
+void flushLogRoute(svc_route* route) {
+  svc_file_route* record = route->file;
+  if (record != nullptr && record->stream != nullptr) sys::fflush(record->stream);
+}
+
+void closeLogRoute(svc_route* route) {
+  svc_file_route* record = route->file;
+  if (record != nullptr && record->references > 0 && --record->references == 0 &&
+      record->stream != nullptr) {
+    closeStream(record);
+    route->opened = 0;
+  }
+}
+
+}  // namespace zar::svc
+
+extern "C" {
 
 pid_t zar_svc__get_pid(void) {
   zar_svc__register_fork_handler_once();

@@ -10,6 +10,7 @@
 #define ZAR_CORE_SVCUTL_SVCINT_H_
 
 #include <pthread.h>
+#include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <sys/types.h>
@@ -40,7 +41,7 @@ enum RouteKind : int32_t {
   kRouteXmlStderr = 11,
 };
 
-inline bool isFileKind(int32_t kind) {
+inline bool isFileKind(RouteKind kind) {
   return kind == kRouteTextFile || kind == kRouteUtf8File || kind == kRouteXmlFile;
 }
 
@@ -51,6 +52,8 @@ constexpr size_t kMaxRouteText = 511;
 constexpr char kSepChar = ':';
 
 }  // namespace zar::svc
+
+struct svc_dyn_route;
 
 // One log file, shared by every route that names it.
 // Invariants: allocated zero-filled and never freed; name and nameFormat are
@@ -72,15 +75,19 @@ struct svc_file_route {
 };
 
 // One route. Invariants: allocated once, never freed, chained newest first
-// from gSvc.routebase; target is a svc_file_route for the file kinds, an owned
-// name for GOESTO, and the dynamic route type for DYNAMIC.
+// from gSvc.routebase; its kind's sink (sinkOf) does its work, with the
+// destination of the kinds that have one in the union.
 struct zar_svc_route_s {
   zar_svc_route_s* next;  // the route created before this one
-  int32_t kind;           // a RouteKind
-  int32_t fallback;       // kRouteDiscard or kRouteStderr: the kind when the
-                          // destination cannot be opened
+  zar::svc::RouteKind kind;
+  zar::svc::RouteKind fallback;  // kRouteDiscard or kRouteStderr: the kind when the
+                                 // destination cannot be opened
   int32_t opened;         // ready for output
-  void* target;
+  union {
+    svc_file_route* file;  // the file kinds: the log file's record
+    char* listName;        // GOESTO: owned, the name of the list it continues with
+    svc_dyn_route* type;   // DYNAMIC: the route type
+  };
   void* routeData;        // a dynamic route's per-route data (its open callback's)
   char* dynName;          // owned: the kind word of an element that names no
                           // built-in kind (a dynamic route type), or null
@@ -258,6 +265,13 @@ int severityByName(const char* name);
 // "GOESTO", ...), which no route type may be named.
 bool isKindKeyword(const char* word);
 
+// The value of a component's debug variable SVC_<COMPONENT>_DBG (the name's
+// ASCII letters upper case), or null when it is not set or its name cannot be
+// made (then *noMemory). *rest is what follows the value's leading
+// "COMPONENT:" (the name in any case), null when the value names another
+// component.
+const char* debugVariable(const char* component, const char** rest, bool* noMemory);
+
 // The list that a GOESTO route names: a severity's (filled in first when it
 // is empty) or a registered component's debug list; null for unknown names.
 svc_route_list* goestoList(const char* name) ZAR_REQUIRES(zar::svc::gSvc.mutex);
@@ -267,10 +281,12 @@ svc_route_list* goestoList(const char* name) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 // ---- One print call ---------------------------------------------------------------------
 
 // The message of one print call, built on the caller's stack and released at
-// the end of the call (its destructor frees what it owns). Invariants: the
-// prolog counts as built once prolog.handle is set; text, converted and an
-// owned prolog.format are heap blocks of zar::mem; parsed is live (needs
-// zar_vsnprintf_done) exactly when parseState is 1.
+// the end of the call (its destructor frees what it owns). What the routes
+// write is made from it on first use and kept for the other routes of the
+// call: its text formatted in its own code set, that text converted into the
+// other one (UTF-8 and the local code page), the format parsed with its
+// arguments, and the local time text. The prolog counts as built once
+// prolog.handle is set.
 struct zar_svc_record {
   // Only what tells "not built yet" is cleared; buildProlog fills the rest.
   zar_svc_record() {
@@ -282,25 +298,61 @@ struct zar_svc_record {
   zar_svc_record(const zar_svc_record&) = delete;
   zar_svc_record& operator=(const zar_svc_record&) = delete;
 
-  bool utf8Source = false;     // text and string arguments are UTF-8 (else the local code set)
-  bool codeSetsKnown = false;  // sourceCs and otherCs have been fetched
-  nlz_cs_t sourceCs = nullptr; // code set of the text and its string arguments
-  nlz_cs_t otherCs = nullptr;  // code set the converting routes need
-  int32_t textLength = 0;
-  char* text = nullptr;        // owned: an already formatted text, or null
-  int32_t convertedLength = 0;
-  char* converted = nullptr;   // owned: the formatted text in otherCs, made once
-  bool convertTried = false;   // converted has been attempted (it may have failed)
-  bool formatOwned = false;    // prolog.format is an owned copy
-  bool timeKnown = false;      // timeText holds the prolog's time
-  char timeText[50];           // local time text of prolog.t (once timeKnown)
-  bool textBorrowed = false;   // text belongs to a saved message, not to the record
-  bool saved = false;          // a saved message: every route through the converting printer
+  // A saved message: its text already formatted (not owned; null for an
+  // unknown message or an empty text) and no format.
+  void useSavedText(char* text, int32_t length) {
+    text_ = text;
+    textLength_ = length;
+    textMade_ = true;
+    saved_ = true;
+  }
+  bool saved() const { return saved_; }
+  const char* savedText() const { return saved_ ? text_ : nullptr; }
+  // Takes an owned message text as the prolog's format.
+  void ownFormat(char* format) {
+    prolog.format = format;
+    formatOwned_ = format != nullptr;
+  }
+
+  // The code set of the text and its string arguments, and the other one
+  // (UTF-8 for a local text, else the local code page).
+  nlz_cs_t sourceCs();
+  nlz_cs_t otherCs();
+  // The text in its own code set: the saved text, or the format formatted
+  // with args; null (length 0) when there is none, it is empty or cannot be
+  // formatted.
+  const char* text(va_list args, size_t* length);
+  // The text converted into the other code set; null (length 0) when it
+  // cannot be had.
+  const char* convertedText(va_list args, size_t* length);
+  // The format parsed with args for rendering in code set cs; null when it
+  // cannot be parsed. Kept for the next call with the same code set.
+  zar::format::Context* parsed(va_list args, nlz_cs_t cs);
+  // The local time text of prolog.t ("" when it cannot be made).
+  const char* timeText() ZAR_REQUIRES(zar::svc::gSvc.mutex);
+
+  bool utf8Source = false;       // text and string arguments are UTF-8 (else the local code set)
   bool dynamicGetsArgs = false;  // route types get the format and its arguments (else
                                  // "%s" and the converted text)
-  int parseState = 0;          // parsed: 0 not yet, 1 parsed, -1 the format is bad
-  zar::format::Context parsed; // the format with its arguments, in the default code set
   zar_svc_prolog prolog;
+
+ private:
+  bool saved_ = false;
+  bool formatOwned_ = false;
+  bool codeSetsMade_ = false;
+  nlz_cs_t sourceCs_ = nullptr;
+  nlz_cs_t otherCs_ = nullptr;
+  bool textMade_ = false;
+  char* text_ = nullptr;  // owned unless saved_
+  size_t textLength_ = 0;
+  bool convertedMade_ = false;
+  char* converted_ = nullptr;
+  size_t convertedLength_ = 0;
+  nlz_cs_t parsedCs_ = nullptr;
+  int parseState_ = 0;  // 0 not yet, 1 parsed_ is live, -1 the format is bad
+  zar::format::Context parsed_;
+  bool timeMade_ = false;
+  char timeText_[50];
 };
 
 namespace zar::svc {
@@ -370,7 +422,7 @@ void zar_svc__translate(zar_svc_handle handle, unsigned long* status)
 void zar_svc__shutdown(void) ZAR_EXCLUDES(zar::svc::gSvc.mutex);
 
 // Routing (svcroute.cc).
-void zar_svc__open_routes(svc_route_list* list, int32_t fallback, const char* routes,
+void zar_svc__open_routes(svc_route_list* list, zar::svc::RouteKind fallback, const char* routes,
                           unsigned long* status) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 void zar_svc__fillin(uint32_t attributes, unsigned long* status) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 svc_route** zar_svc__goesto(const char* name, int32_t* count) ZAR_REQUIRES(zar::svc::gSvc.mutex);
@@ -381,21 +433,11 @@ void zar_svc__store(const char* text, int32_t kind, unsigned long* status)
 bool checkWildCardLogRoute(const char* value);
 bool checkWildCardTraceRoute(const char* value);
 
-// Printing (svcprint.cc). newline 1 ends a text prefix with a line break
-// (standard streams), 0 with a blank (files). convert 1 makes the converting
-// printer write the text converted into the record's other code set.
-void zar_svc__vfprintf(FILE* stream, zar_svc_record* record, int newline, va_list args)
-    ZAR_REQUIRES(zar::svc::gSvc.mutex);
-void zar_svc__vfprintf2(FILE* stream, zar_svc_record* record, int newline, int convert,
-                        va_list args) ZAR_REQUIRES(zar::svc::gSvc.mutex);
-// Whole-file write lock, then cancellation off; returns the previous
-// cancellation state. A lock that cannot be had (a pipe) stops nothing.
-int zar_svc__lock_for_write(int fd);
-void zar_svc__unlock_for_write(int fd, int previousCancelState);
+// The sinks (svcsink.cc): closes every route of list (the list is left
+// empty; the routes stay in gSvc.routebase).
+void zar_svc__close_routes(svc_route_list* list) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 
 // Log files and fork (svcfile.cc).
-void zar_svc__check_open(svc_route* route) ZAR_REQUIRES(zar::svc::gSvc.mutex);
-void zar_svc__close_routes(svc_route_list* list) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 pid_t zar_svc__get_pid(void);  // no mutex needed
 void zar_svc__register_fork_handler_once(void);
 
@@ -425,6 +467,39 @@ void zar_svc__really_debug_set_levels(zar_svc_handle handle, const char* levels,
 bool zar_svc__debug_fillin(zar_svc_handle handle, unsigned long* status)
     ZAR_REQUIRES(zar::svc::gSvc.mutex);
 }
+
+namespace zar::svc {
+
+// ---- Sinks --------------------------------------------------------------------------
+//
+// What the routes of one kind do, the same four steps for every kind; a
+// step a kind has no use for is null. All run with the mutex held.
+struct Sink {
+  // Gets the route ready before a record: opens its log file, or the next
+  // one when the file is full. A destination that cannot be had turns the
+  // route into its fallback kind.
+  void (*open)(svc_route* route);
+  // Writes one record (its prolog built) in the kind's form.
+  void (*write)(svc_route* route, zar_svc_record* record, va_list args);
+  // Hands on what stdio holds for the destination (before fork).
+  void (*flush)(svc_route* route);
+  // Lets the destination go when the route's list is closed.
+  void (*close)(svc_route* route);
+  // GOESTO only: the list the walk continues with, in place of the rest of
+  // this one (null: none).
+  svc_route_list* (*continueWith)(svc_route* route);
+};
+
+constexpr int kNumRouteKinds = kRouteXmlStderr + 1;
+extern const Sink kSinks[kNumRouteKinds];
+inline const Sink& sinkOf(RouteKind kind) { return kSinks[kind]; }
+
+// The log-file steps of the file kinds (svcfile.cc).
+void openLogRoute(svc_route* route) ZAR_REQUIRES(zar::svc::gSvc.mutex);
+void flushLogRoute(svc_route* route);
+void closeLogRoute(svc_route* route) ZAR_REQUIRES(zar::svc::gSvc.mutex);
+
+}  // namespace zar::svc
 
 namespace zar::svc {
 // The dynamic-route lock across fork: taken (after the mutex) before fork,

@@ -31,7 +31,7 @@ constexpr const char* kRecordFile = "core/svcutl/svcroute";
 // route type.
 struct KindWord {
   const char* word;
-  int32_t kind;
+  RouteKind kind;
 };
 constexpr KindWord kStreamKinds[] = {
     {"STDOUT", kRouteStdout},       {"STDERR", kRouteStderr}, {"XMLSTDOUT", kRouteXmlStdout},
@@ -68,7 +68,7 @@ bool reserveSlot(svc_route_list* list) {
 
 // Parses one route element (modified in place) and appends its route to list.
 // Returns false when parsing must stop (the status says why).
-bool openElement(svc_route_list* list, int32_t fallback, char* element, unsigned long* status)
+bool openElement(svc_route_list* list, zar::svc::RouteKind fallback, char* element, unsigned long* status)
     ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   char* kindWord = element;
   char* where = cutField(element);
@@ -129,8 +129,8 @@ bool openElement(svc_route_list* list, int32_t fallback, char* element, unsigned
     known = true;
   }
   if (!known && strcmp(kindWord, "GOESTO") == 0) {
-    route->target = mem::strDup(where);
-    if (route->target == nullptr) {
+    route->listName = mem::strDup(where);
+    if (route->listName == nullptr) {
       mem::free(route);
       setStatus(status, ZAR_S_SVC_NO_MEMORY);
       return false;
@@ -167,7 +167,7 @@ bool openElement(svc_route_list* list, int32_t fallback, char* element, unsigned
     zar__svc_dyn_route_open(route->dynName, route->dynArg, &type, &data, &st);
     if (st == 0) {
       route->kind = kRouteDynamic;
-      route->target = type;
+      route->type = type;
       route->routeData = data;
     } else if (st != ZAR_S_SVC_BAD_ROUTE) {
       // The open failed: the route stays its fallback kind and the status
@@ -315,7 +315,7 @@ using zar::svc::gSvc;
 
 extern "C" {
 
-void zar_svc__open_routes(svc_route_list* list, int32_t fallback, const char* text,
+void zar_svc__open_routes(svc_route_list* list, zar::svc::RouteKind fallback, const char* text,
                           unsigned long* status) {
   zar_svc__register_fork_handler_once();
   list->count = 0;

@@ -15,23 +15,21 @@
 
 namespace {
 
-// The environment's value for name: SVC_<SEVERITY>, or for a component
-// SVC_<COMPONENT>_DBG without its leading "component:".
+// The environment's value for name: SVC_<SEVERITY>, or for a component what
+// its SVC_<COMPONENT>_DBG has after "COMPONENT:" ("" when the variable names
+// another component, which the fill-in refuses without reading the routing
+// file). Null when not set.
 const char* fromEnvironment(const char* name, bool severity) {
-  char var[128];
-  size_t len = strlen(name);
-  if (len + sizeof "SVC__DBG" > sizeof var) return nullptr;
-  memcpy(var, "SVC_", 4);
-  for (size_t i = 0; i < len; ++i) {
-    char c = name[i];
-    var[4 + i] = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+  if (severity) {
+    char var[32] = "SVC_";
+    strcat(var, name);  // severity names are upper case already
+    return zar::env::get(var);
   }
-  strcpy(var + 4 + len, severity ? "" : "_DBG");
-  const char* value = zar::env::get(var);
-  if (value == nullptr || severity) return value;
-  // The debug variable repeats the component's name (any case) and a ':'.
-  if (strncasecmp(value, name, len) != 0 || value[len] == '\0') return "";
-  return value + len + 1;
+  const char* rest = nullptr;
+  bool noMemory = false;
+  const char* value = zar::svc::debugVariable(name, &rest, &noMemory);
+  if (value == nullptr) return nullptr;
+  return rest != nullptr ? rest : "";
 }
 
 }  // namespace

@@ -100,10 +100,7 @@ void printOne(const SavedMsg* msg) {
   zar_svc_record record;
   record.prolog = msg->prolog;
   record.utf8Source = msg->utf8Source;
-  record.text = msg->text;
-  record.textLength = msg->textLength;
-  record.textBorrowed = true;
-  record.saved = true;
+  record.useSavedText(msg->text, msg->textLength);
   writeSaved(&record, list);
 }
 

@@ -247,7 +247,7 @@ TEST_F(SvcDynRoute, ThreadCancelledInACallbackLeavesNoLockAndRightCounts) {
     return true;
   };
   ASSERT_ZAR_OK(svcRoute("NOTICE:CAPX:x"));
-  svc_dyn_route* type = static_cast<svc_dyn_route*>(zar::svc::gSvc.routes[3].routes[0]->target);
+  svc_dyn_route* type = zar::svc::gSvc.routes[3].routes[0]->type;
   cancelInside([] { print(svc_c_sev_notice); });
   EXPECT_EQ(0, type->printing);
   EXPECT_EQ(2, type->references);  // the registry and the route

@@ -395,7 +395,7 @@ TEST_F(SvcPrint, SeveritiesNamingOneFileShareItsStream) {
     route("WARNING:DISCARD:");  // the file stays open for ERROR
     printError(kError);
     zar::svc::SvcLock lock;
-    auto record = static_cast<svc_file_route*>(zar::svc::gSvc.routes[1].routes[0]->target);
+    svc_file_route* record = zar::svc::gSvc.routes[1].routes[0]->file;
     // One record, still open, and not inherited by programs the process runs.
     int flags = fcntl(fileno(record->stream), F_GETFD);
     _exit(record->references == 2 && (flags & FD_CLOEXEC) ? 0 : 9);

@@ -25,7 +25,7 @@ nl_catd openPeerCatalog() {
 }
 
 void zarCachedCatalog(benchmark::State& state) {
-  zar_msg_g_noxpgcat = 0;
+  zar::msg::gMsg.noXpgCat = 0;
   unsigned long st;
   free(zar_msg_get_msg(kCode, &st));  // opens and caches the catalog
   if (st != 0) state.SkipWithError("no catalog text");
@@ -37,18 +37,18 @@ void zarCachedCatalog(benchmark::State& state) {
 }
 
 void zarCompiledOnly(benchmark::State& state) {
-  zar_msg_g_noxpgcat = 1;  // as SVC_NOXPGCAT=1 would set it
+  zar::msg::gMsg.noXpgCat = 1;  // as SVC_NOXPGCAT=1 would set it
   unsigned long st;
   for (auto _ : state) {
     char* t = zar_msg_get_msg(kCode, &st);
     benchmark::DoNotOptimize(t);
     free(t);
   }
-  zar_msg_g_noxpgcat = 0;
+  zar::msg::gMsg.noXpgCat = 0;
 }
 
 void zarErrorText(benchmark::State& state) {
-  zar_msg_g_noxpgcat = 0;
+  zar::msg::gMsg.noXpgCat = 0;
   zar_error_string_t buf;
   int st;
   for (auto _ : state) {

@@ -23,28 +23,23 @@ zar_svc_subcomp gAssertTable[] = {{"assert", "DCE assertion failures", 0, 0},
 zar_svc_handle gAssertHandle = nullptr;
 pthread_once_t gAssertOnce = PTHREAD_ONCE_INIT;
 
-void registerAssertComponent() ZAR_NO_THREAD_SAFETY_ANALYSIS {
+void registerAssertComponent() {
+  zar::svc::SvcLockUnlessHeld lock;
   unsigned long st = 0;
-  gAssertHandle = zar::svc::heldByThisThread()
-                      ? zar::svc::registerLocked(gAssertTable, "dce", &st)
-                      : zar_svc_register(gAssertTable, "dce", &st);
+  gAssertHandle = zar::svc::registerHandle(gAssertTable, "dce", &st);
 }
 
 }  // namespace
 
 extern "C" void zar___assert(struct zar_svc_handle_s* handle, const char* expr, const char* file,
-                             int line) ZAR_NO_THREAD_SAFETY_ANALYSIS {
+                             int line) {
   if (handle == nullptr) {
     pthread_once(&gAssertOnce, registerAssertComponent);
     handle = gAssertHandle;
   }
   // A check inside the serviceability fails with the mutex held; its record
   // is printed without taking it again.
-  if (zar::svc::heldByThisThread()) {
-    zar::svc::printHeld(handle, kRecordFile, kRecordLine, "%s%s%d", 0, kAssertAttributes,
-                        kAssertMessage, expr, file, line);
-  } else {
-    zar_svc_printf_withfile(handle, kRecordFile, kRecordLine, "%s%s%d", 0, kAssertAttributes,
-                            kAssertMessage, expr, file, line);
-  }
+  zar::svc::SvcLockUnlessHeld lock;
+  zar::svc::printMessage(handle, kRecordFile, kRecordLine, "%s%s%d", 0, kAssertAttributes,
+                         kAssertMessage, expr, file, line);
 }

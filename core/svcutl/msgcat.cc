@@ -49,10 +49,13 @@ struct zar_msg_cat_s {
 
 namespace {
 
-// Invariants: rows fill from slot 0 with no gaps; slot 0 is the most recently
-// used entry; each entry is in at most one slot. Guarded by zar_msgcat_g_mutex.
-zar_msg_cat_s* catCache[kRows][kSlots];
-zar_msg_cat_s* gKept = nullptr;  // pinned entries evicted; guarded by zar_msgcat_g_mutex
+// The catalog cache. Invariants: rows fill from slot 0 with no gaps; slot 0
+// is the most recently used entry; each entry is in at most one slot.
+struct CatState {
+  zar_msg_cat_s* cache[kRows][kSlots] ZAR_GUARDED_BY(zar::msg::gMsg.catMutex) = {};
+  zar_msg_cat_s* kept ZAR_GUARDED_BY(zar::msg::gMsg.catMutex) = nullptr;  // pinned entries evicted
+};
+CatState gCat;
 
 void destroyEntry(zar_msg_cat_s* e) {
   if (e->cat != nullptr) nlz_catclose(e->cat);
@@ -119,11 +122,11 @@ struct Reader {
 char* copyText(zar_msg_cat_s* e, uint32_t code, nlz_cs_t cs, unsigned long* status);
 
 // Opens the catalog of code for locale (null: the thread's current) and puts
-// it in slot 0 of row, evicting slot 7. Called on a miss with
-// zar_msgcat_g_mutex held. Returns the new entry with refs references, or
+// it in slot 0 of row, evicting slot 7. Called on a miss. Returns the new entry with refs references, or
 // null with *st set; *tried is the last file name attempted.
 zar_msg_cat_s* openIntoRow(zar_msg_cat_s** row, uint32_t code, const char* locale, int flags,
-                           int refs, uint32_t* st, char* tried, size_t triedLen) {
+                           int refs, uint32_t* st, char* tried, size_t triedLen)
+    ZAR_REQUIRES(zar::msg::gMsg.catMutex) {
   char name[32];
   char fallback[32];
   uint32_t mask;
@@ -188,8 +191,8 @@ zar_msg_cat_s* openIntoRow(zar_msg_cat_s** row, uint32_t code, const char* local
   if (row[kSlots - 1] != nullptr) {
     zar_msg_cat_s* old = row[kSlots - 1];
     if (old->pinned.load(std::memory_order_acquire)) {
-      old->nextKept = gKept;
-      gKept = old;
+      old->nextKept = gCat.kept;
+      gCat.kept = old;
     } else {
       unref(old);
     }
@@ -220,8 +223,8 @@ zar_msg_cat_s* openCatalog(uint32_t code, const char* locale, int flags, unsigne
   char debugName[40];
   debugName[0] = '\0';
   {
-    zar::MutexLock lock(zar_msgcat_g_mutex);
-    zar_msg_cat_s** row = catCache[(flags & 7) >> 1];
+    zar::MutexLock lock(zar::msg::gMsg.catMutex);
+    zar_msg_cat_s** row = gCat.cache[(flags & 7) >> 1];
     for (int k = 0; k < kSlots && row[k] != nullptr; ++k) {
       zar_msg_cat_s* e = row[k];
       if (e->base != base || !sameLocale(e->locale, locale)) continue;
@@ -301,7 +304,7 @@ char* copyText(zar_msg_cat_s* e, uint32_t code, nlz_cs_t cs, unsigned long* stat
 }  // namespace
 
 char* zar::msg::copyCatalogText(uint32_t code, unsigned long* status) {
-  if (zar_msg_g_noxpgcat != 0) {
+  if (zar::msg::gMsg.noXpgCat != 0) {
     zar::setStatus(status, ZAR_S_MSG_NOT_IN_CATALOG);
     return nullptr;
   }
@@ -333,7 +336,7 @@ const char* zar_msg_get_cat_msg(uint32_t code, unsigned long* status) {
     zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
     return nullptr;
   }
-  if (zar_msg_g_noxpgcat != 0) {
+  if (zar::msg::gMsg.noXpgCat != 0) {
     zar::setStatus(status, ZAR_S_MSG_NOT_IN_CATALOG);
     return nullptr;
   }
@@ -377,7 +380,7 @@ char* zar_msg_get_locale_cat_msg(uint32_t code, const char* locale, const char* 
   if (openType < 0 || openType > 4) {
     zar::setStatus(status, ZAR_S_MSG_BAD_OPEN_TYPE);
   } else {
-    zar::MutexLock lock(zar_msg_g_mutex);
+    zar::MutexLock lock(zar::msg::gMsg.mutex);
     Reader reader{cs, nullptr};
     openCatalog(code, locale, kFlags[openType], status, &reader);
     text = reader.text;

@@ -1,10 +1,9 @@
 // Internals of the message texts and catalogs, shared by msgtable.cc,
 // msgcat.cc, the generated tables and the serviceability printer.
 //
-// Process-wide state (lock order: "Lock order" in core/svcutl/svcint.h):
-// - zar_msg_g_mutex guards the registered tables (zar_msg_g_curr_table,
-//   zar_msg_g_table_size) and every text lookup;
-// - zar_msgcat_g_mutex guards the catalog cache (msgcat.cc) only.
+// Process-wide state: zar::msg::gMsg (below); the catalog cache keeps its
+// own in msgcat.cc under gMsg.catMutex. Lock order: "Lock order" in
+// core/svcutl/svcint.h.
 #ifndef ZAR_CORE_SVCUTL_MSGINT_H_
 #define ZAR_CORE_SVCUTL_MSGINT_H_
 
@@ -22,11 +21,6 @@ extern "C" {
 // The product's three compiled tables (client, deploy, interface), generated
 // from messages/*.msg.
 extern zar_msg_table zar_msg_g_compiled_table[3];
-extern const zar_msg_table* zar_msg_g_curr_table;  // guarded by zar_msg_g_mutex
-extern uint32_t zar_msg_g_table_size;               // guarded by zar_msg_g_mutex
-extern uint32_t zar_msg_g_noxpgcat;                 // set once at initialisation
-extern zar::Mutex zar_msgcat_g_mutex;
-extern zar::Mutex zar_msg_g_mutex ZAR_ACQUIRED_BEFORE(zar_msgcat_g_mutex);
 
 // The technology tag ("dce", "dfs", "kp", "???"; empty for 4 and 5) and the
 // component name of code, each into a 4-byte buffer.
@@ -46,24 +40,43 @@ void zar_msg__cleanup_cat_mutex(void);
 
 namespace zar::msg {
 
-// Set (release) once zar_msg__init_mutex has succeeded; read by the inline
-// fast path of ensureInit so that a lookup after start-up skips pthread_once.
-extern std::atomic<bool> gReady;
-// KPSVC_DEBUG_MSG was set at initialisation; written before gReady.
-extern bool gDebugMsg;
+// The message texts' process-wide state.
+// Invariants: tables points at zar_msg_g_compiled_table or at a heap array
+// of tableCount records; tables are only appended, and a replaced array is
+// never freed (lookups read the tables without the lock). A writer stores
+// tables before tableCount, a reader loads tableCount before tables, so a
+// reader never sees more records than its array holds.
+struct MsgState {
+  // The catalog cache (msgcat.cc) only; after mutex in the lock order.
+  zar::Mutex catMutex = PTHREAD_MUTEX_INITIALIZER;
+  // Table changes and every catalog text lookup.
+  zar::Mutex mutex ZAR_ACQUIRED_BEFORE(catMutex) = PTHREAD_MUTEX_INITIALIZER;
+  std::atomic<const zar_msg_table*> tables{zar_msg_g_compiled_table};  // mutex for writes
+  std::atomic<uint32_t> tableCount{3};                                  // mutex for writes
+  void* lastBlock ZAR_GUARDED_BY(mutex) = nullptr;  // newest table array block
+  pthread_once_t once = PTHREAD_ONCE_INIT;
+  bool setup = false;      // set once inside once
+  uint32_t noXpgCat = 0;   // SVC_NOXPGCAT; set once inside once
+  bool debugMsg = false;   // KPSVC_DEBUG_MSG was set; set once inside once, before ready
+  // Set (release) once set-up has succeeded; read by the inline fast path of
+  // ensureInit so that a lookup after start-up skips pthread_once.
+  std::atomic<bool> ready{false};
+};
+
+extern MsgState gMsg;
 
 // Runs zar_msg__init_mutex once; false when it could not initialise.
 bool ensureInitSlow();
 inline bool ensureInit() {
-  return gReady.load(std::memory_order_acquire) || ensureInitSlow();
+  return gMsg.ready.load(std::memory_order_acquire) || ensureInitSlow();
 }
 // KPSVC_DEBUG_MSG was set at initialisation.
-inline bool debugCatalogs() { return gDebugMsg; }
+inline bool debugCatalogs() { return gMsg.debugMsg; }
 
 // A catalog text copied out under the locks: the current-locale lookup of
 // zar_msg_get_cat_msg, but returning a new copy (caller frees) so that no
-// pointer into the cache escapes. REQUIRES: zar_msg_g_mutex held.
-char* copyCatalogText(uint32_t code, unsigned long* status);
+// pointer into the cache escapes.
+char* copyCatalogText(uint32_t code, unsigned long* status) ZAR_REQUIRES(gMsg.mutex);
 
 // Copies the longest run of whole characters (of cs; null: the thread's code
 // set) of text that fits in max - 1 bytes into out, and terminates it.

@@ -16,46 +16,34 @@
 #include "platform/secenv.h"
 #include "zar/status.h"
 
-// Invariants: zar_msg_g_curr_table points at zar_msg_g_compiled_table or at
-// a heap array of zar_msg_g_table_size records; tables are only appended.
-const zar_msg_table* zar_msg_g_curr_table = zar_msg_g_compiled_table;
-uint32_t zar_msg_g_table_size = 3;
-uint32_t zar_msg_g_noxpgcat = 0;
-zar::Mutex zar_msg_g_mutex = PTHREAD_MUTEX_INITIALIZER;
-zar::Mutex zar_msgcat_g_mutex = PTHREAD_MUTEX_INITIALIZER;
+zar::msg::MsgState zar::msg::gMsg;
+using zar::msg::gMsg;
 
 namespace {
 
 constexpr char kComponentAlphabet[] = "abcdefghijklmnopqrstuvwxyz_0123456789-+@";
 constexpr const char* kUnknownFormat = "Unknown message number 0x%8.8lx";
 
-pthread_once_t gOnce = PTHREAD_ONCE_INIT;
-bool gSetup = false;       // written once inside gOnce
-void* gLastBlock = nullptr;  // newest table array block; guarded by zar_msg_g_mutex
-
 }  // namespace
-
-std::atomic<bool> zar::msg::gReady{false};
-bool zar::msg::gDebugMsg = false;  // written once inside gOnce
 
 void zar_msg__init_mutex(void) {
   const char* nox = zar::env::get("SVC_NOXPGCAT");
-  if (nox != nullptr) zar_msg_g_noxpgcat = static_cast<uint32_t>(strtol(nox, nullptr, 10));
-  zar::msg::gDebugMsg = zar::env::get("KPSVC_DEBUG_MSG") != nullptr;
+  if (nox != nullptr) gMsg.noXpgCat = static_cast<uint32_t>(strtol(nox, nullptr, 10));
+  gMsg.debugMsg = zar::env::get("KPSVC_DEBUG_MSG") != nullptr;
   zar_svc_nls_init(nullptr);
   // Settles the catalog data directory so that installed catalogs are found
   // even when NLSPATH does not name them.
   qumbra_initialize();
-  gSetup = true;
-  zar::msg::gReady.store(true, std::memory_order_release);
+  gMsg.setup = true;
+  gMsg.ready.store(true, std::memory_order_release);
 }
 
-void zar_msg__cleanup_mutex(void) { pthread_mutex_unlock(&zar_msg_g_mutex); }
-void zar_msg__cleanup_cat_mutex(void) { pthread_mutex_unlock(&zar_msgcat_g_mutex); }
+void zar_msg__cleanup_mutex(void) { pthread_mutex_unlock(&gMsg.mutex); }
+void zar_msg__cleanup_cat_mutex(void) { pthread_mutex_unlock(&gMsg.catMutex); }
 
 bool zar::msg::ensureInitSlow() {
-  pthread_once(&gOnce, zar_msg__init_mutex);
-  return gSetup;
+  pthread_once(&gMsg.once, zar_msg__init_mutex);
+  return gMsg.setup;
 }
 
 void zar::msg::copyCut(char* out, int max, const char* text, zar_codeset_t cs) {
@@ -125,19 +113,20 @@ void zar_msg_define_msg_table(const zar_msg_entry* entries, uint32_t count,
     zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
     return;
   }
-  zar::MutexLock lock(zar_msg_g_mutex);
+  zar::MutexLock lock(gMsg.mutex);
   // Each array starts with a link to the one it replaces, so that replaced
   // arrays stay reachable (they are never freed; see below).
-  void* block = zar::mem::allocZero(1, sizeof(void*) + (zar_msg_g_table_size + 1) * sizeof(zar_msg_table));
+  const uint32_t n = gMsg.tableCount.load(std::memory_order_relaxed);
+  void* block = zar::mem::allocZero(1, sizeof(void*) + (n + 1) * sizeof(zar_msg_table));
   if (block == nullptr) {
     zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
     return;
   }
-  *static_cast<void**>(block) = gLastBlock;
-  gLastBlock = block;
+  *static_cast<void**>(block) = gMsg.lastBlock;
+  gMsg.lastBlock = block;
   auto* tables = reinterpret_cast<zar_msg_table*>(static_cast<char*>(block) + sizeof(void*));
-  memcpy(tables, zar_msg_g_curr_table, zar_msg_g_table_size * sizeof(zar_msg_table));
-  zar_msg_table& t = tables[zar_msg_g_table_size];
+  memcpy(tables, gMsg.tables.load(std::memory_order_relaxed), n * sizeof(zar_msg_table));
+  zar_msg_table& t = tables[n];
   t.entries = entries;
   t.count = count;
   // A table of no entries never matches: lowest above highest.
@@ -149,15 +138,15 @@ void zar_msg_define_msg_table(const zar_msg_entry* entries, uint32_t count,
   }
   // The old array is kept, not freed: zar_msg_get_default_msg reads the
   // tables without the lock and may still be walking it.
-  zar_msg_g_curr_table = tables;
-  zar_msg_g_table_size += 1;
+  gMsg.tables.store(tables, std::memory_order_release);
+  gMsg.tableCount.store(n + 1, std::memory_order_release);
   zar::setStatus(status, ZAR_S_OK);
 }
 
 const char* zar_msg_get_default_msg(uint32_t code, unsigned long* status) {
   if (code == 0) code = ZAR_S_MSG_SUCCESS_TEXT;
-  const zar_msg_table* tables = zar_msg_g_curr_table;
-  uint32_t n = zar_msg_g_table_size;
+  const uint32_t n = gMsg.tableCount.load(std::memory_order_acquire);
+  const zar_msg_table* tables = gMsg.tables.load(std::memory_order_acquire);
   for (uint32_t i = 0; i < n; ++i) {
     const zar_msg_table& t = tables[i];
     if (code < t.lowest || code > t.highest) continue;
@@ -193,7 +182,7 @@ char* zar_msg_get_msg(uint32_t code, unsigned long* status) {
     zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
     return nullptr;
   }
-  zar::MutexLock lock(zar_msg_g_mutex);
+  zar::MutexLock lock(gMsg.mutex);
   unsigned long st = ZAR_S_OK;
   char* text = zar::msg::copyCatalogText(code, &st);
   if (text != nullptr) {
@@ -226,7 +215,7 @@ char* zar_msg_get_msg_utf8(uint32_t code, unsigned long* status) {
     zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
     return nullptr;
   }
-  zar::MutexLock lock(zar_msg_g_mutex);
+  zar::MutexLock lock(gMsg.mutex);
   const char* found = zar_msg_get_default_msg(code, &st);
   zar::setStatus(status, static_cast<uint32_t>(st));
   return copyOrUnknown(found, code, status);

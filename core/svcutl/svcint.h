@@ -146,7 +146,7 @@ struct TimeTextCache {
 // shrink except map and callbacks, which shrink on removal.
 struct SvcState {
   // The serviceability mutex; first in the lock order (below).
-  zar::Mutex mutex ZAR_ACQUIRED_BEFORE(zar_msg_g_mutex) = PTHREAD_MUTEX_INITIALIZER;
+  zar::Mutex mutex ZAR_ACQUIRED_BEFORE(zar::msg::gMsg.mutex) = PTHREAD_MUTEX_INITIALIZER;
   std::atomic<bool> setup{false};   // one-time set-up done (set once, then read freely)
   std::atomic<pthread_t> owner{0};  // thread holding mutex, 0 when none (for re-entry checks)
   int32_t brief = 0;                // SVC_BRIEF, read once at set-up, then read freely
@@ -185,8 +185,8 @@ extern SvcState gSvc;
 //   1. the serviceability mutex, gSvc.mutex (held for a whole print call)
 //   2. the dynamic-route lock (svcdynroute.cc; never held while 1 is taken,
 //      nor while a route type's callback runs)
-//   3. the message lock zar_msg_g_mutex, then the catalog lock
-//      zar_msgcat_g_mutex (msgtable.cc, msgcat.cc)
+//   3. the message lock zar::msg::gMsg.mutex, then the catalog lock
+//      gMsg.catMutex (msgint.h; msgtable.cc, msgcat.cc)
 //   4. the time-zone lock (utczone.cc), a leaf
 // Leaf locks, taken under none of the above and holding nothing else: the
 // code-set locks of platform/, the UTF-8 handle lock (svcnls.cc), the UUID
@@ -218,6 +218,19 @@ inline bool heldByThisThread() {
   return pthread_equal(gSvc.owner.load(std::memory_order_relaxed), pthread_self()) != 0;
 }
 
+// Holds the serviceability mutex for its scope, unless the calling thread
+// holds it already (code reached from inside a print call: an assertion).
+class ZAR_SCOPED_CAPABILITY SvcLockUnlessHeld {
+ public:
+  SvcLockUnlessHeld() ZAR_ACQUIRE(gSvc.mutex);
+  ~SvcLockUnlessHeld() ZAR_RELEASE();
+  SvcLockUnlessHeld(const SvcLockUnlessHeld&) = delete;
+  SvcLockUnlessHeld& operator=(const SvcLockUnlessHeld&) = delete;
+
+ private:
+  bool took_;
+};
+
 // Index 0..4 of the severity of an attribute word, or -1 when its severity
 // bits are not 1 to 5.
 inline int severityIndex(uint32_t attributes) {
@@ -232,8 +245,8 @@ extern const char* const kDebugTable[9];
 extern const uint32_t kAttrTable[kNumSeverities];
 extern const uint32_t kAttrMaskTable[kNumSeverities];
 
-// Registration without the mutex (the caller holds it).
-zar_svc_handle registerLocked(zar_svc_subcomp* table, const char* component, unsigned long* status)
+// Registers a component's table (zar_svc_register with the mutex held).
+zar_svc_handle registerHandle(zar_svc_subcomp* table, const char* component, unsigned long* status)
     ZAR_REQUIRES(zar::svc::gSvc.mutex);
 
 // Puts the process id into a route's where field: "%d", "%i", "%u" (with an
@@ -396,9 +409,8 @@ void writeRoutes(zar_svc_record* record, svc_route_list* list, PrologBuilder bui
 // empty, or memory is short.
 char* localSprintf(nlz_cs_t cs, const char* fmt, int32_t* length, va_list args);
 
-// zar_svc_printf_withfile for code that already holds the mutex (an
-// assertion inside routing). Mutex held.
-void printHeld(zar_svc_handle handle, const char* file, int line, const char* argtypes,
+// zar_svc_printf_withfile with the mutex held.
+void printMessage(zar_svc_handle handle, const char* file, int line, const char* argtypes,
                uint32_t subcomp, uint32_t attributes, uint32_t msgid, ...)
     ZAR_REQUIRES(zar::svc::gSvc.mutex);
 

@@ -179,7 +179,7 @@ void printCall(const SeverityCall& call, va_list args) {
 
 }  // namespace
 
-void printHeld(zar_svc_handle handle, const char* file, int line, const char* argtypes,
+void printMessage(zar_svc_handle handle, const char* file, int line, const char* argtypes,
                uint32_t subcomp, uint32_t attributes, uint32_t msgid, ...) {
   SeverityCall call{handle, nullptr, file, line, argtypes, subcomp, attributes, msgid};
   if (!printable(call)) return;

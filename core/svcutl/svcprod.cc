@@ -53,7 +53,7 @@ void registerProduct(unsigned long* status) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   zar::setStatus(status, 0);
   for (const Component& c : components) {
     if (*c.handle != nullptr) continue;
-    zar_svc_handle h = zar::svc::registerLocked(c.table, c.name, status);
+    zar_svc_handle h = zar::svc::registerHandle(c.table, c.name, status);
     if (h == nullptr) return;
     *c.handle = h;
   }

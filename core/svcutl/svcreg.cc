@@ -79,7 +79,20 @@ SvcLock::SvcLock() ZAR_NO_THREAD_SAFETY_ANALYSIS {
 
 SvcLock::~SvcLock() { zar_svc__cleanup_mutex(); }
 
-zar_svc_handle registerLocked(zar_svc_subcomp* table, const char* component,
+SvcLockUnlessHeld::SvcLockUnlessHeld() ZAR_NO_THREAD_SAFETY_ANALYSIS {
+  took_ = !heldByThisThread();
+  if (took_) {
+    ensureInit();
+    pthread_mutex_lock(&gSvc.mutex);
+    gSvc.owner.store(pthread_self(), std::memory_order_relaxed);
+  }
+}
+
+SvcLockUnlessHeld::~SvcLockUnlessHeld() ZAR_NO_THREAD_SAFETY_ANALYSIS {
+  if (took_) zar_svc__cleanup_mutex();
+}
+
+zar_svc_handle registerHandle(zar_svc_subcomp* table, const char* component,
                               unsigned long* status) {
   setStatus(status, 0);
   zar_svc_handle h = newHandle(table, component, status);
@@ -186,13 +199,13 @@ void zar_svc__shutdown(void) {
 ZAR_API zar_svc_handle zar_svc_register(zar_svc_subcomp* table, const char* component,
                                         unsigned long* status) {
   SvcLock lock;
-  return zar::svc::registerLocked(table, component, status);
+  return zar::svc::registerHandle(table, component, status);
 }
 
 ZAR_API zar_svc_handle zar_svc_register2(zar_svc_subcomp* table, const char* component,
                                          unsigned long* status) ZAR_NO_THREAD_SAFETY_ANALYSIS {
   zar::svc::ensureInit();
-  return zar::svc::registerLocked(table, component, status);
+  return zar::svc::registerHandle(table, component, status);
 }
 
 ZAR_API void zar_svc_unregister(zar_svc_handle handle, unsigned long* status) {

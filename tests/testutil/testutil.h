@@ -23,7 +23,7 @@ std::string hexStatus(uint64_t st);
   ASSERT_EQ(0u, static_cast<uint32_t>(st)) << "status " << ::zar::test::hexStatus(st)
 #define EXPECT_ZAR_OK(st) \
   EXPECT_EQ(0u, static_cast<uint32_t>(st)) << "status " << ::zar::test::hexStatus(st)
-#define EXPECT_ZAR_STATUS(expected, st)                                   \
+#define EXPECT_ZAR_STATUS(expected, st) \
   EXPECT_EQ(::zar::test::hexStatus(expected), ::zar::test::hexStatus(st))
 
 // A fresh directory under $TMPDIR (or /tmp), removed with its contents.
@@ -108,6 +108,16 @@ class SvcTest : public ::testing::Test {
 };
 // The status zar_svc_routing gives for setting.
 unsigned long svcRoute(const std::string& setting);
+
+// What a child process left: its exit code (kBodyReturned when the body
+// returned, -1 when killed by a signal) and its standard output and error.
+struct Captured {
+  int status;
+  std::string out, err;
+};
+constexpr int kBodyReturned = 3;
+// Runs body in a child whose standard output and error go to files in dir.
+Captured runCaptured(const TempDir& dir, const std::function<void()>& body);
 
 }  // namespace zar::test
 

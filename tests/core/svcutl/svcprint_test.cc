@@ -31,7 +31,7 @@ constexpr uint32_t kNoMemory = 0x38C52097;   // XKJSC0151E, no arguments
 constexpr uint32_t kSysFailed = 0x38C5209C;  // XKJSC0156E   The %s ... code: %d
 constexpr uint32_t kError = svc_c_sev_error, kWarning = svc_c_sev_warning;
 constexpr uint32_t kNotice = svc_c_sev_notice, kExitBad = svc_c_action_exit_bad;
-constexpr int kEnded = 3;  // exit code of a child whose body returned
+constexpr int kEnded = kBodyReturned;
 const char kTime[] = R"(\d{4}-\d\d-\d\d-\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\dI-----)";
 const char kThread[] = "0x[0-9a-f]{8,}";
 const char kSysText[] = "XKJSC0156E   The open system routine failed: system error code: 2";
@@ -45,22 +45,7 @@ class SvcPrint : public SvcTest {
     setenv("SVC_BRIEF", "1", 1);  // debug records lose their prefix, severity records keep it
     SvcTest::SetUpTestSuite();
   }
-  struct Output {
-    int status;  // the child's exit code, kEnded when the body returned
-    std::string out, err;
-  };
-  Output inChild(const std::function<void()>& body) {
-    int status = runInChild([&] {
-      for (int fd : {1, 2}) {
-        int f = open(dir_.file(std::to_string(fd)).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(f, fd);
-        close(f);
-      }
-      body();
-      return kEnded;
-    });
-    return {exitCode(status), file("1"), file("2")};
-  }
+  Captured inChild(const std::function<void()>& body) { return runCaptured(dir_, body); }
   // "@" in a text stands for the test's directory.
   std::string at(std::string text) const {
     for (size_t p; (p = text.find('@')) != std::string::npos;) text.replace(p, 1, dir_.path());
@@ -127,7 +112,7 @@ std::string recordPattern(char form, uint32_t attributes, uint32_t sub) {
 
 TEST_P(SvcRecord, WrittenInItsFormWhereRoutedAndNowhereElse) {
   const RecordCase& c = GetParam();
-  Output o = inChild([&] {
+  Captured o = inChild([&] {
     for (const std::string& s : c.settings) route(s);
     printSys(c.attributes, "open", 2, c.sub);
   });
@@ -148,11 +133,11 @@ INSTANTIATE_TEST_SUITE_P(
     Table, SvcRecord,
     ::testing::Values(
         R{{}, svc_c_sev_fatal, "-2-"}, R{{}, kWarning, "-2-"},
-        R{{}, svc_c_sev_notice_verbose, "---"},
-        R{{}, kError | svc_c_action_abort, "-2-", 1, -1}, R{{}, kWarning | kExitBad, "-2-", 1, 1},
-        R{{}, kNotice | svc_c_action_exit_ok, "---", 1, 0}, R{{"WARNING:STDOUT:"}, kWarning, "2--"},
-        R{{"NOTICE:STDERR:"}, kNotice, "-2-"}, R{{"WARNING:TEXTFILE:@/log"}, kWarning, "--1"},
-        R{{"WARNING:FILE:@/log"}, kWarning, "--1"}, R{{"WARNING:UTF8FILE:@/log"}, kWarning, "--1"},
+        R{{}, svc_c_sev_notice_verbose, "---"}, R{{}, kError | svc_c_action_abort, "-2-", 1, -1},
+        R{{}, kWarning | kExitBad, "-2-", 1, 1}, R{{}, kNotice | svc_c_action_exit_ok, "---", 1, 0},
+        R{{"WARNING:STDOUT:"}, kWarning, "2--"}, R{{"NOTICE:STDERR:"}, kNotice, "-2-"},
+        R{{"WARNING:TEXTFILE:@/log"}, kWarning, "--1"}, R{{"WARNING:FILE:@/log"}, kWarning, "--1"},
+        R{{"WARNING:UTF8FILE:@/log"}, kWarning, "--1"},
         R{{"WARNING:XMLFILE:@/log"}, kWarning, "--x"}, R{{"WARNING:XMLSTDOUT:"}, kWarning, "x--"},
         R{{"WARNING:XMLSTDERR:"}, kWarning, "-x-"}, R{{"ERROR:DISCARD:"}, kError, "---"},
         R{{"WARNING:NOSUCHROUTE:x"}, kWarning, "-2-"},
@@ -175,7 +160,7 @@ int dropNoMemory(zar_svc_prolog* prolog, va_list) {
 // nothing and takes no action; an unknown number, or a text that cannot be
 // had (no memory), gives a body that names the number.
 TEST_F(SvcPrint, ProgramNameFiltersUnknownTextsAndNullHandles) {
-  Output o = inChild([&] {
+  Captured o = inChild([&] {
     unsigned long st;
     zar_svc_set_progname("server", &st);
     route("ERROR:STDOUT:");
@@ -192,8 +177,9 @@ TEST_F(SvcPrint, ProgramNameFiltersUnknownTextsAndNullHandles) {
   EXPECT_EQ(kEnded, o.status);
   const std::string head = std::string(kTime) + " 0x", tail = std::string(" ") + kThread + "\n";
   EXPECT_TRUE(matches(o.out, head + "38C5213A server ERROR flt main f\\.c 2" + tail +
-                                 "Trace Level: 5\n" + head + "ABCDEF09 server ERROR wsc azn-svc x\\.c 3" +
-                                 tail + "Unknown message number 0xabcdef09\n" + head +
+                                 "Trace Level: 5\n" + head +
+                                 "ABCDEF09 server ERROR wsc azn-svc x\\.c 3" + tail +
+                                 "Unknown message number 0xabcdef09\n" + head +
                                  "38C52097 server ERROR wsc core server.cc 412" + tail +
                                  "Unknown message 0x38c52097\n"))
       << o.out;
@@ -226,7 +212,7 @@ TEST_F(SvcPrint, SettingsThatRouteNothingSaySoOnce) {
   };
   writeFile(dir_.file("routing"), "# severities\nERROR:STDERR\nwsc:*.1:STDOUT:\n");
   for (const auto& c : kCases) {
-    Output o = inChild([&] {
+    Captured o = inChild([&] {
       setenv(c.variable, at(c.value).c_str(), 1);
       for (int i = 0; i < 2; ++i) {
         printError();
@@ -267,7 +253,7 @@ TEST_F(SvcPrint, LinksPlantedInASharedDirectoryAreNotFollowed) {
     if (c.onStderr) {
       ASSERT_EQ(0, lchown(link.c_str(), 65534, 65534));
     }
-    Output o = inChild([&] {
+    Captured o = inChild([&] {
       route(std::string("ERROR:") + c.routes);
       printError();
     });
@@ -333,7 +319,7 @@ TEST_F(SvcPrint, ARecordCutByAFailedWriteLeavesTheNextOnALineOfItsOwn) {
 // Mode and owner come from the first route naming the file; a mode of 01000
 // or more and an unknown user are ignored.
 TEST_F(SvcPrint, SeveritiesNamingOneFileShareItsStream) {
-  Output o = inChild([&] {
+  Captured o = inChild([&] {
     route("WARNING:TEXTFILE:@/shared.log:640:nosuchuser");
     route("ERROR:TEXTFILE:@/shared.log;TEXTFILE:@/shared.log");
     route("NOTICE:TEXTFILE:@/mode.log:1000");
@@ -365,7 +351,7 @@ TEST_F(SvcPrint, SeveritiesNamingOneFileShareItsStream) {
 }
 
 TEST_F(SvcPrint, LocalTextIsConvertedForUtf8AndXmlRoutes) {
-  Output o = inChild([&] {
+  Captured o = inChild([&] {
     if (setlocale(LC_ALL, "de_DE.ISO-8859-1") == nullptr) _exit(77);
     route("WARNING:TEXTFILE:@/t.log;UTF8FILE:@/u.log;XMLFILE:@/x.xml");
     printSys(kWarning, "M\xfcller", 1);
@@ -385,15 +371,18 @@ TEST_F(SvcPrint, LocalTextIsConvertedForUtf8AndXmlRoutes) {
 // Message texts of a table of the test's own, for the Param scan.
 const zar_msg_entry kParamTexts[] = {
     {0x38C5AF01, "XKJSC9001E   %*d|%.*s|100%%|%ul|%5.2f|%c|%x|%o|%ld|%lx|%s"},
-    {0x38C5AF02, "XKJSC9002W   %hd"}, {0x38C5AF03, "XKJSC9003I   plain text"},
-    {0x38C5AF04, "XKJSC9004E   %S"},  {0x38C5AF05, "Short"}, {0x38C5AF06, "%s"},
+    {0x38C5AF02, "XKJSC9002W   %hd"},
+    {0x38C5AF03, "XKJSC9003I   plain text"},
+    {0x38C5AF04, "XKJSC9004E   %S"},
+    {0x38C5AF05, "Short"},
+    {0x38C5AF06, "%s"},
 };
 
 TEST_F(SvcPrint, XmlRecordsAreWellFormedWithAParamPerConversion) {
   if (system("xmllint --version >/dev/null 2>&1") != 0) GTEST_SKIP() << "xmllint missing";
   // 20000 bytes cut inside a 2-byte character: the text stops before it.
   std::string big = std::string(19999, 'x') + "\xc3\xa9\xc3\xa9";
-  Output o = inChild([&] {
+  Captured o = inChild([&] {
     if (setlocale(LC_ALL, "C.UTF-8") == nullptr) _exit(77);
     unsigned long st = 0;
     zar_msg_define_msg_table(kParamTexts, 6, &st);
@@ -402,7 +391,9 @@ TEST_F(SvcPrint, XmlRecordsAreWellFormedWithAParamPerConversion) {
       zar_svc_printf_withfile(zarsv_client_svc_handle, "p.c", 1, "", 0, kNotice, id, args...);
     };
     print(0x38C5AF01u, 6, 42, 2, "abcdef", static_cast<uint64_t>(7), 1.25, 'Z', 255u, 8u, -5L,
-          0xabcUL, "a\xe9" "b");  // a lone 0xE9 is no UTF-8 character
+          0xabcUL,
+          "a\xe9"
+          "b");  // a lone 0xE9 is no UTF-8 character
     print(0x38C5AF02u, 4);
     print(0x38C5AF03u);
     const uint16_t wide[] = {'G', 0xFC, 0x00DF, 'e', 0xD83D, 0xDE00, 0};
@@ -425,15 +416,19 @@ TEST_F(SvcPrint, XmlRecordsAreWellFormedWithAParamPerConversion) {
   const std::regex field(
       R"re(<Message Id="([^"]*)" Severity="(\w+)">|<Param><!\[CDATA\[(.*?)\]\]>)re");
   for (std::sregex_iterator it(xml.begin(), xml.end(), field), end; it != end; ++it) {
-    if ((*it)[1].matched) got.push_back((*it)[1].str() + "|" + (*it)[2].str());
-    else got.back() += "|" + (*it)[3].str();
+    if ((*it)[1].matched)
+      got.push_back((*it)[1].str() + "|" + (*it)[2].str());
+    else
+      got.back() += "|" + (*it)[3].str();
   }
   ASSERT_EQ(6u, got.size());
   got.pop_back();
   EXPECT_EQ((std::vector<std::string>{
                 "XKJSC9001E|ERROR|    42|ab|7l| 1.25|Z|ff|10|-5|abc|a?b",
                 "XKJSC9002W|WARN|(Failed to handle a data type in svcprintf.c, printPrefix())",
-                "XKJSC9003I|INFO", "XKJSC9004E|ERROR|G\xc3\xbc\xc3\x9f" "e\xf0\x9f\x98\x80",
+                "XKJSC9003I|INFO",
+                "XKJSC9004E|ERROR|G\xc3\xbc\xc3\x9f"
+                "e\xf0\x9f\x98\x80",
                 "Short|INFO"}),
             got);
   EXPECT_TRUE(has(xml, "<LogText><![CDATA[" + std::string(19999, 'x') + " ]]></LogText>"));

@@ -89,9 +89,7 @@ FaultPlan::FaultPlan(fault::Op op, long failAt, bool sticky, int err) : op_(op) 
   fault::arm(op, failAt, sticky, err);
 }
 
-FaultPlan::~FaultPlan() {
-  fault::disarm(op_);
-}
+FaultPlan::~FaultPlan() { fault::disarm(op_); }
 
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -136,16 +134,10 @@ int runInChild(const std::function<int()>& fn) {
   return status;
 }
 
-int exitCode(int waitStatus) {
-  return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : -1;
-}
+int exitCode(int waitStatus) { return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : -1; }
 
-std::string sourceDir() {
-  return ZAR_TEST_SOURCE_DIR;
-}
-std::string buildDir() {
-  return ZAR_TEST_BUILD_DIR;
-}
+std::string sourceDir() { return ZAR_TEST_SOURCE_DIR; }
+std::string buildDir() { return ZAR_TEST_BUILD_DIR; }
 
 void SvcTest::SetUpTestSuite() {
   setenv("SVC_NOXPGCAT", "1", 1);
@@ -193,9 +185,7 @@ namespace {
 
 // Sanitizer settings of every test executable (the runtime reads these before
 // main, so they cannot come from the environment set above).
-extern "C" const char* __asan_default_options() {
-  return "allocator_may_return_null=1";
-}
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
 // glibc's newlocale leaks the split copy of LOCPATH on every call while LOCPATH
 // is set, as it is for every test; the blocks belong to the C library.
 extern "C" const char* __lsan_default_suppressions() {

@@ -23,7 +23,7 @@ std::string hexStatus(uint64_t st);
   ASSERT_EQ(0u, static_cast<uint32_t>(st)) << "status " << ::zar::test::hexStatus(st)
 #define EXPECT_ZAR_OK(st) \
   EXPECT_EQ(0u, static_cast<uint32_t>(st)) << "status " << ::zar::test::hexStatus(st)
-#define EXPECT_ZAR_STATUS(expected, st) \
+#define EXPECT_ZAR_STATUS(expected, st)                                   \
   EXPECT_EQ(::zar::test::hexStatus(expected), ::zar::test::hexStatus(st))
 
 // A fresh directory under $TMPDIR (or /tmp), removed with its contents.

@@ -57,8 +57,7 @@ std::string errText(uint32_t code, bool utf8 = false) {
 }
 
 TEST(Layout, TagAndComponentOfEveryTechnology) {
-  const std::pair<uint32_t, const char*> rows[] = {
-      // code, "tag/component"
+  const std::pair<uint32_t, const char*> rows[] = {  // code, "tag/component"
       {0x38C52096, "kp/wsc"},  {0x38C53137, "kp/wsd"},  {0x38C58096, "kp/wsi"},
       {0x10652203, "dce/bas"}, {0x1354A1C8, "dce/ivc"}, {0x16C9A088, "dce/rpc"},
       {0x1460101E, "dce/lib"}, {0x20000000, "dfs/aaa"}, {0x60000000, "?\?\?/aaa"},
@@ -92,12 +91,9 @@ TEST(CompiledTables, AreSortedAndEveryEntryIsFound) {
 TEST(DefaultLookup, KnownTextsMissesAndLaterTables) {
   const std::string kMiss = "<null> #" + hexStatus(ZAR_S_MSG_NOT_IN_TABLES);
   const std::vector<std::pair<uint32_t, std::string>> rows = {
-      {0x38C52097, kNoMemory},
-      {0x38C5213A, "Trace Level: %d"},
-      {0x38C52FD3, "kpsrv.azn-svc"},
+      {0x38C52097, kNoMemory}, {0x38C5213A, "Trace Level: %d"}, {0x38C52FD3, "kpsrv.azn-svc"},
       {0x38C53137, "XKJSD0311E   A command line option was not of the correct format."},
-      {0x38C53FD7, "kpweb.srv.srvshlib"},
-      {0x38C58FD3, "kpsrv.interface"},
+      {0x38C53FD7, "kpweb.srv.srvshlib"}, {0x38C58FD3, "kpsrv.interface"},
       {0x38C52095, kMiss},  // below the client table
       {0, kMiss},           // looks up 0x10652209, which only the catalogs have
       {ZAR_S_MSG_NO_MEMORY, kMiss}};
@@ -144,19 +140,14 @@ TEST(GetMsg, TablesCatalogsInTheLocalesCodeSetAndUnknownTexts) {
   // "ausgeführt": Latin-1 in the locale's code set, UTF-8 through the _utf8 form.
   EXPECT_EQ((Texts{kNoMemoryDe, "Die Operation wurde erfolgreich ausgef\xfchrt.",
                    "Die Operation wurde erfolgreich ausgef\xc3\xbchrt."}),
-            inChild(nullptr, "de_DE.ISO-8859-1", [] {
-              return Texts{getMsg(0x38C52097), getMsg(0), getMsg(0, true)};
-            }));
+            inChild(nullptr, "de_DE.ISO-8859-1",
+                    [] { return Texts{getMsg(0x38C52097), getMsg(0), getMsg(0, true)}; }));
   EXPECT_EQ(Texts{"Memory could not be allocated for a message text or a message table."},
             inChild(nullptr, "C", [] { return Texts{getMsg(ZAR_S_MSG_NO_MEMORY)}; }));
   // SVC_NOXPGCAT switches the catalogs off for the plain lookup, not for UTF-8.
   EXPECT_EQ((Texts{kNoMemory, kNoMemoryDe}),
-            inChild(
-                nullptr, "de_DE.UTF-8",
-                [] {
-                  return Texts{getMsg(0x38C52097), getMsg(0x38C52097, true)};
-                },
-                "1"));
+            inChild(nullptr, "de_DE.UTF-8",
+                    [] { return Texts{getMsg(0x38C52097), getMsg(0x38C52097, true)}; }, "1"));
 }
 
 TEST(ErrorText, FormsWithAndWithoutText) {
@@ -171,30 +162,15 @@ TEST(ErrorText, FormsWithAndWithoutText) {
 
 // Every status code the library returns has a text once the catalogs are there.
 TEST(ErrorText, EveryLibraryStatusCodeHasAText) {
-  std::vector<uint32_t> codes = {0,
-                                 ZAR_S_SVC_NO_MEMORY,
-                                 ZAR_S_SVC_BAD_ROUTE,
-                                 ZAR_S_SVC_ROUTE_OPEN_FAILED,
-                                 ZAR_S_SVC_NO_SUCH_CALLBACKS,
-                                 ZAR_S_MSG_BAD_OPEN_TYPE,
-                                 ZAR_S_MSG_NO_MEMORY,
-                                 ZAR_S_MSG_NOT_IN_TABLES,
-                                 ZAR_S_MSG_NOT_IN_CATALOG,
-                                 ZAR_S_MSG_CAT_OPEN_FAILED,
-                                 ZAR_S_MSG_CAT_NO_PERMISSION,
-                                 ZAR_S_MSG_CAT_NOT_FOUND,
-                                 ZAR_S_MSG_SUCCESS_TEXT,
-                                 ZAR_S_SVC_BAD_MSGSAVE_ARGS,
-                                 ZAR_S_SVC_DYN_ROUTE_LOCK,
-                                 ZAR_S_UUID_BAD_VARIANT,
-                                 ZAR_S_UUID_NO_ADDRESS,
-                                 ZAR_S_UUID_BAD_TEXT,
-                                 ZAR_S_UUID_NO_MEMORY,
-                                 ZAR_S_UUID_ADDR_FILE_MISSING,
-                                 ZAR_S_UUID_ADDR_FILE_BAD,
-                                 ZAR_S_TRACE_LEVEL_TEXT,
-                                 ZAR_S_CMDLINE_BAD_OPTION,
-                                 ZAR_S_FILE_TAIL_OPEN};
+  std::vector<uint32_t> codes = {
+      0, ZAR_S_SVC_NO_MEMORY, ZAR_S_SVC_BAD_ROUTE, ZAR_S_SVC_ROUTE_OPEN_FAILED,
+      ZAR_S_SVC_NO_SUCH_CALLBACKS, ZAR_S_MSG_BAD_OPEN_TYPE, ZAR_S_MSG_NO_MEMORY,
+      ZAR_S_MSG_NOT_IN_TABLES, ZAR_S_MSG_NOT_IN_CATALOG, ZAR_S_MSG_CAT_OPEN_FAILED,
+      ZAR_S_MSG_CAT_NO_PERMISSION, ZAR_S_MSG_CAT_NOT_FOUND, ZAR_S_MSG_SUCCESS_TEXT,
+      ZAR_S_SVC_BAD_MSGSAVE_ARGS, ZAR_S_SVC_DYN_ROUTE_LOCK, ZAR_S_UUID_BAD_VARIANT,
+      ZAR_S_UUID_NO_ADDRESS, ZAR_S_UUID_BAD_TEXT, ZAR_S_UUID_NO_MEMORY,
+      ZAR_S_UUID_ADDR_FILE_MISSING, ZAR_S_UUID_ADDR_FILE_BAD, ZAR_S_TRACE_LEVEL_TEXT,
+      ZAR_S_CMDLINE_BAD_OPTION, ZAR_S_FILE_TAIL_OPEN};
   for (uint32_t c = ZAR_S_SSL_FAILURE; c <= ZAR_S_KRY_FAILURE_NO_DETAIL; ++c) codes.push_back(c);
   EXPECT_EQ(Texts{}, inChild(nullptr, "C", [&] {
               Texts missing;

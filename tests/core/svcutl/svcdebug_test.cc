@@ -47,19 +47,15 @@ unsigned long call(void (*fn)(const char*, unsigned long*), const std::string& s
   fn(setting.c_str(), &st);
   return st;
 }
-unsigned long setLevels(const std::string& s) {
-  return call(zar_svc_debug_set_levels_nocb, s);
-}
-unsigned long debugRouting(const std::string& s) {
-  return call(zar_svc_debug_routing_nocb, s);
-}
+unsigned long setLevels(const std::string& s) { return call(zar_svc_debug_set_levels_nocb, s); }
+unsigned long debugRouting(const std::string& s) { return call(zar_svc_debug_routing_nocb, s); }
 
 TEST_F(SvcDebug, PrintedUpToTheSubComponentsLevelInTheirForm) {
   zar_svc_handle h = registerComponent("frm");
   ASSERT_ZAR_OK(debugRouting("frm:main.5:STDOUT:;XMLSTDERR:"));
   // {sub, level}: net is at 0, there is no sub 3, 0x2003 is no level (and never an exit).
-  for (auto [sub, level] :
-       std::vector<std::pair<uint32_t, uint32_t>>{{0, 6}, {0, 0}, {1, 1}, {3, 1}, {0, 0x2003}}) {
+  for (auto [sub, level] : std::vector<std::pair<uint32_t, uint32_t>>{
+           {0, 6}, {0, 0}, {1, 1}, {3, 1}, {0, 0x2003}}) {
     CaptureFd out(1);
     zar_svc__debug(h, sub, level, "m");
     EXPECT_EQ("", out.text()) << sub << " " << level;
@@ -70,8 +66,7 @@ TEST_F(SvcDebug, PrintedUpToTheSubComponentsLevelInTheirForm) {
   const std::string thread = " 0x[0-9a-f]{8,}\n", xml = err.text();
   EXPECT_TRUE(std::regex_match(out.text(), std::regex(".+ PID#\\d+ DEBUG3 frm main \\? 0" + thread +
                                                       "n=4\n.+ PID#\\d+ DEBUG5 frm main "
-                                                      "src/a/b\\.cc 42" +
-                                                      thread + "m\n")))
+                                                      "src/a/b\\.cc 42" + thread + "m\n")))
       << out.text();
   for (const char* part :
        {"<Trace Level=\"MIN\">\n <Time Millis=",
@@ -87,25 +82,14 @@ TEST_F(SvcDebug, PrintedUpToTheSubComponentsLevelInTheirForm) {
 TEST_F(SvcDebug, LevelListsApplyItemsUpToTheFirstBadOne) {
   registerComponent("ll");
   // Level words afterwards; bits 4 to 7 of a word are kept (aux starts as 0x1F5).
-  const struct {
-    const char* list;
-    uint32_t status, main, net, aux;
-  } kCases[] = {{"*.9", 0, 9, 9, 0xF9},
-                {"main.3,net.7", 0, 3, 7, 0x1F5},
-                {"main.3,nosuch.7,net.2", kBad, 3, 0, 0x1F5},
-                {"aux.2", 0, 0, 0, 0xF2},
-                {"main.10", kBad, 0, 0, 0x1F5},
-                {"main.x", kBad, 0, 0, 0x1F5},
-                {"main", kBad, 0, 0, 0x1F5},
-                {"main.5x", 0, 5, 0, 0x1F5},
-                {"main.09", 0, 9, 0, 0x1F5},
-                {"main.1,", 0, 1, 0, 0x1F5},
-                {",main.1", kBad, 0, 0, 0x1F5},
-                {"main.1,,net.1", kBad, 1, 0, 0x1F5},
-                {".5", kBad, 0, 0, 0x1F5},
-                {"MAIN.1", kBad, 0, 0, 0x1F5},
-                {"main.99999999999999999999", kBad, 0, 0, 0x1F5},
-                {"", 0, 0, 0, 0x1F5}};
+  const struct { const char* list; uint32_t status, main, net, aux; } kCases[] = {
+      {"*.9", 0, 9, 9, 0xF9}, {"main.3,net.7", 0, 3, 7, 0x1F5},
+      {"main.3,nosuch.7,net.2", kBad, 3, 0, 0x1F5}, {"aux.2", 0, 0, 0, 0xF2},
+      {"main.10", kBad, 0, 0, 0x1F5}, {"main.x", kBad, 0, 0, 0x1F5}, {"main", kBad, 0, 0, 0x1F5},
+      {"main.5x", 0, 5, 0, 0x1F5}, {"main.09", 0, 9, 0, 0x1F5}, {"main.1,", 0, 1, 0, 0x1F5},
+      {",main.1", kBad, 0, 0, 0x1F5}, {"main.1,,net.1", kBad, 1, 0, 0x1F5},
+      {".5", kBad, 0, 0, 0x1F5}, {"MAIN.1", kBad, 0, 0, 0x1F5},
+      {"main.99999999999999999999", kBad, 0, 0, 0x1F5}, {"", 0, 0, 0, 0x1F5}};
   for (const auto& c : kCases) {
     table_[0].level = table_[1].level = 0;
     table_[2].level = 0x1F5;
@@ -151,13 +135,13 @@ TEST_F(SvcDebug, SettingsComeFromSavedVariableOrRoutingFileOnFirstUse) {
   const struct {
     const char *component, *before, *variable, *fileLine;
     int printedUpTo;
-  } kCases[] = {{"sa", "sa:*.4:STDOUT:", "sa:*.9:STDOUT:", "", 4},
-                {"sb", nullptr, "sb:*.9:STDOUT:", "sb:*.2:STDOUT:", 9},
-                {"sc", nullptr, "SC:main.3:STDOUT:", "", 3},
-                {"sg", nullptr, nullptr, "*:STDOUT:", 0},
-                {"si", "si:*.9", "si:*.9:STDOUT:", "", 0},
+  } kCases[] = {
+      {"sa", "sa:*.4:STDOUT:", "sa:*.9:STDOUT:", "", 4},
+      {"sb", nullptr, "sb:*.9:STDOUT:", "sb:*.2:STDOUT:", 9},
+      {"sc", nullptr, "SC:main.3:STDOUT:", "", 3},
+      {"sg", nullptr, nullptr, "*:STDOUT:", 0}, {"si", "si:*.9", "si:*.9:STDOUT:", "", 0},
 
-                {"sj", nullptr, "sj:*.5:TEXTFILE:/nonexistent/dir/x", "", 5}};
+      {"sj", nullptr, "sj:*.5:TEXTFILE:/nonexistent/dir/x", "", 5}};
   for (const auto& c : kCases) {
     std::string var = std::string("SVC_") + c.component + "_DBG";
     for (char& ch : var) ch = static_cast<char>(toupper(ch));
@@ -197,13 +181,11 @@ TEST_F(SvcDebug, LevelChangeCallbacksAndTheLocksTheyRunUnder) {
   zar_svc_handle h = registerComponent("cb");
   ASSERT_ZAR_OK(call(zar_svc_debug_set_levels, "cb:main.2"));
   ASSERT_ZAR_OK(call(zar_svc_debug_routing, "cb:net.3:DISCARD:"));
-  ASSERT_ZAR_OK(setLevels("cb:*.4"));      // _nocb: not told
+  ASSERT_ZAR_OK(setLevels("cb:*.4"));       // _nocb: not told
   ASSERT_ZAR_OK(debugRouting("cb:*.5:"));  // likewise
-  zar_svc__debug_fillin2(h, 0);            // settling (from the saved "*.5") tells
-  EXPECT_EQ((std::vector<LevelEvent>{{"cb", "main", 0x11, 2},
-                                     {"cb", "net", 0x12, 3},
-                                     {"cb", "main", 0x11, 5},
-                                     {"cb", "net", 0x12, 5},
+  zar_svc__debug_fillin2(h, 0);  // settling (from the saved "*.5") tells
+  EXPECT_EQ((std::vector<LevelEvent>{{"cb", "main", 0x11, 2}, {"cb", "net", 0x12, 3},
+                                     {"cb", "main", 0x11, 5}, {"cb", "net", 0x12, 5},
                                      {"cb", "aux", 0, 5}}),
             gEvents);
   zar_svc_unregister_callbacks(nullptr, nullptr, onLevel, &st);

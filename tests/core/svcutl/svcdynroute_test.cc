@@ -37,9 +37,7 @@ bool printsToStderr(uint32_t severity) {
   print(severity);
   return !err.text().empty();
 }
-void opened(const char*, const char*, void*, void**, int32_t* ok) {
-  *ok = 1;
-}
+void opened(const char*, const char*, void*, void**, int32_t* ok) { *ok = 1; }
 void noPrint(void*, void*, zar_svc_prolog*, va_list) {}
 
 TEST_F(SvcDynRoute, TypeTakesOverWaitingRoutesWhichFallBackWhenItGoes) {

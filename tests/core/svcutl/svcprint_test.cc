@@ -133,11 +133,11 @@ INSTANTIATE_TEST_SUITE_P(
     Table, SvcRecord,
     ::testing::Values(
         R{{}, svc_c_sev_fatal, "-2-"}, R{{}, kWarning, "-2-"},
-        R{{}, svc_c_sev_notice_verbose, "---"}, R{{}, kError | svc_c_action_abort, "-2-", 1, -1},
-        R{{}, kWarning | kExitBad, "-2-", 1, 1}, R{{}, kNotice | svc_c_action_exit_ok, "---", 1, 0},
-        R{{"WARNING:STDOUT:"}, kWarning, "2--"}, R{{"NOTICE:STDERR:"}, kNotice, "-2-"},
-        R{{"WARNING:TEXTFILE:@/log"}, kWarning, "--1"}, R{{"WARNING:FILE:@/log"}, kWarning, "--1"},
-        R{{"WARNING:UTF8FILE:@/log"}, kWarning, "--1"},
+        R{{}, svc_c_sev_notice_verbose, "---"},
+        R{{}, kError | svc_c_action_abort, "-2-", 1, -1}, R{{}, kWarning | kExitBad, "-2-", 1, 1},
+        R{{}, kNotice | svc_c_action_exit_ok, "---", 1, 0}, R{{"WARNING:STDOUT:"}, kWarning, "2--"},
+        R{{"NOTICE:STDERR:"}, kNotice, "-2-"}, R{{"WARNING:TEXTFILE:@/log"}, kWarning, "--1"},
+        R{{"WARNING:FILE:@/log"}, kWarning, "--1"}, R{{"WARNING:UTF8FILE:@/log"}, kWarning, "--1"},
         R{{"WARNING:XMLFILE:@/log"}, kWarning, "--x"}, R{{"WARNING:XMLSTDOUT:"}, kWarning, "x--"},
         R{{"WARNING:XMLSTDERR:"}, kWarning, "-x-"}, R{{"ERROR:DISCARD:"}, kError, "---"},
         R{{"WARNING:NOSUCHROUTE:x"}, kWarning, "-2-"},
@@ -177,9 +177,8 @@ TEST_F(SvcPrint, ProgramNameFiltersUnknownTextsAndNullHandles) {
   EXPECT_EQ(kEnded, o.status);
   const std::string head = std::string(kTime) + " 0x", tail = std::string(" ") + kThread + "\n";
   EXPECT_TRUE(matches(o.out, head + "38C5213A server ERROR flt main f\\.c 2" + tail +
-                                 "Trace Level: 5\n" + head +
-                                 "ABCDEF09 server ERROR wsc azn-svc x\\.c 3" + tail +
-                                 "Unknown message number 0xabcdef09\n" + head +
+                                 "Trace Level: 5\n" + head + "ABCDEF09 server ERROR wsc azn-svc x\\.c 3" +
+                                 tail + "Unknown message number 0xabcdef09\n" + head +
                                  "38C52097 server ERROR wsc core server.cc 412" + tail +
                                  "Unknown message 0x38c52097\n"))
       << o.out;
@@ -371,11 +370,8 @@ TEST_F(SvcPrint, LocalTextIsConvertedForUtf8AndXmlRoutes) {
 // Message texts of a table of the test's own, for the Param scan.
 const zar_msg_entry kParamTexts[] = {
     {0x38C5AF01, "XKJSC9001E   %*d|%.*s|100%%|%ul|%5.2f|%c|%x|%o|%ld|%lx|%s"},
-    {0x38C5AF02, "XKJSC9002W   %hd"},
-    {0x38C5AF03, "XKJSC9003I   plain text"},
-    {0x38C5AF04, "XKJSC9004E   %S"},
-    {0x38C5AF05, "Short"},
-    {0x38C5AF06, "%s"},
+    {0x38C5AF02, "XKJSC9002W   %hd"}, {0x38C5AF03, "XKJSC9003I   plain text"},
+    {0x38C5AF04, "XKJSC9004E   %S"},  {0x38C5AF05, "Short"}, {0x38C5AF06, "%s"},
 };
 
 TEST_F(SvcPrint, XmlRecordsAreWellFormedWithAParamPerConversion) {
@@ -391,9 +387,7 @@ TEST_F(SvcPrint, XmlRecordsAreWellFormedWithAParamPerConversion) {
       zar_svc_printf_withfile(zarsv_client_svc_handle, "p.c", 1, "", 0, kNotice, id, args...);
     };
     print(0x38C5AF01u, 6, 42, 2, "abcdef", static_cast<uint64_t>(7), 1.25, 'Z', 255u, 8u, -5L,
-          0xabcUL,
-          "a\xe9"
-          "b");  // a lone 0xE9 is no UTF-8 character
+          0xabcUL, "a\xe9" "b");  // a lone 0xE9 is no UTF-8 character
     print(0x38C5AF02u, 4);
     print(0x38C5AF03u);
     const uint16_t wide[] = {'G', 0xFC, 0x00DF, 'e', 0xD83D, 0xDE00, 0};
@@ -416,19 +410,15 @@ TEST_F(SvcPrint, XmlRecordsAreWellFormedWithAParamPerConversion) {
   const std::regex field(
       R"re(<Message Id="([^"]*)" Severity="(\w+)">|<Param><!\[CDATA\[(.*?)\]\]>)re");
   for (std::sregex_iterator it(xml.begin(), xml.end(), field), end; it != end; ++it) {
-    if ((*it)[1].matched)
-      got.push_back((*it)[1].str() + "|" + (*it)[2].str());
-    else
-      got.back() += "|" + (*it)[3].str();
+    if ((*it)[1].matched) got.push_back((*it)[1].str() + "|" + (*it)[2].str());
+    else got.back() += "|" + (*it)[3].str();
   }
   ASSERT_EQ(6u, got.size());
   got.pop_back();
   EXPECT_EQ((std::vector<std::string>{
                 "XKJSC9001E|ERROR|    42|ab|7l| 1.25|Z|ff|10|-5|abc|a?b",
                 "XKJSC9002W|WARN|(Failed to handle a data type in svcprintf.c, printPrefix())",
-                "XKJSC9003I|INFO",
-                "XKJSC9004E|ERROR|G\xc3\xbc\xc3\x9f"
-                "e\xf0\x9f\x98\x80",
+                "XKJSC9003I|INFO", "XKJSC9004E|ERROR|G\xc3\xbc\xc3\x9f" "e\xf0\x9f\x98\x80",
                 "Short|INFO"}),
             got);
   EXPECT_TRUE(has(xml, "<LogText><![CDATA[" + std::string(19999, 'x') + " ]]></LogText>"));

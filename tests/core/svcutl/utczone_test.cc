@@ -49,32 +49,23 @@ TEST(ZoneChoice, AnswersOffsetFlagAndAbbreviation) {
   const std::tuple<const char*, int64_t, const char*> rows[] = {
       // TZ, instant, answer (null: the last-ditch zone of offset 0 named after TZ).
       // EST5EDT with rules in summer, JST-9 and XY5 are time.sh's, in winter capi/utc.c's.
-      {"", kJul2024, "0 0 GMT"},
-      {"EST5EDT;M3.2.0,M11.1.0", kJul2024, "-14400 1 EDT"},
+      {"", kJul2024, "0 0 GMT"}, {"EST5EDT;M3.2.0,M11.1.0", kJul2024, "-14400 1 EDT"},
       {kEastern, kJul2040, "-18000 0 EST"},  // past the last transition
-      {"EST5EDT4:30,M3.2.0,M11.1.0", kJul2024, "-16200 1 EDT"},
-      {"ABC", kJul2024, "0 0 ABC"},
+      {"EST5EDT4:30,M3.2.0,M11.1.0", kJul2024, "-16200 1 EDT"}, {"ABC", kJul2024, "0 0 ABC"},
       {"EST5EDT,M3.2.0/24,M11.1.0", kJul2024, "-14400 1 EDT"},
 
       {"EST5EDT,M3.2.0/25,M11.1.0", kJul2024, nullptr},
       {"EST5EDT,M3.6.0,M11.1.0", kJul2024, nullptr},
-      {"EST5EDT,M3.2.7,M11.1.0", kJul2024, nullptr},
-      {"EST5EDT,M3.2.0,M11.1.0,", kJul2024, nullptr},
-      {"EST25", kJul2024, nullptr},
-      {"<+05>-5", kJul2024, nullptr},
-      {"XST5:60", kJul2024, nullptr},
-      {"XST5:59:60", kJul2024, nullptr},
-      {"CET-1CEST", kJul2024, nullptr},
-      {":EST5EDT,M3.2.0,M11.1.0", kJul2024, nullptr},
+      {"EST5EDT,M3.2.7,M11.1.0", kJul2024, nullptr}, {"EST5EDT,M3.2.0,M11.1.0,", kJul2024, nullptr},
+      {"EST25", kJul2024, nullptr},         {"<+05>-5", kJul2024, nullptr},
+      {"XST5:60", kJul2024, nullptr},       {"XST5:59:60", kJul2024, nullptr},
+      {"CET-1CEST", kJul2024, nullptr},     {":EST5EDT,M3.2.0,M11.1.0", kJul2024, nullptr},
       // Zone files, also by absolute path or with a ':'; the transition instants
       // and other zones are diff-zones of the reliability suite.
-      {":America/New_York", kJan2024, "-18000 0 EST"},
-      {kEastern, kDst2024, "-14400 1 EDT"},
+      {":America/New_York", kJan2024, "-18000 0 EST"}, {kEastern, kDst2024, "-14400 1 EDT"},
       {"/usr/share/zoneinfo/Asia/Kolkata", kJul2024, "19800 0 IST"},
-      {kEastern, kDst2024 - 1, "-18000 0 EST"},
-      {"right/Europe/Berlin", kJul2024, "7200 1 CEST"},
-      {"America", kJul2024, nullptr},
-      {"/etc/passwd", kJul2024, nullptr},
+      {kEastern, kDst2024 - 1, "-18000 0 EST"}, {"right/Europe/Berlin", kJul2024, "7200 1 CEST"},
+      {"America", kJul2024, nullptr},       {"/etc/passwd", kJul2024, nullptr},
       {"No/Such.Zone", kJul2024, nullptr},
       // Jn never counts February 29: J60 is March 1, also in 2024.
       {"EST5EDT,J60,J300", 1'709'208'000, "-18000 0 EST"},
@@ -245,10 +236,8 @@ TEST(ZoneFile, DamagedTruncatedOrOverLimitDataIsRejected) {
   // Counts that break the zone's invariants are the fuzz target's
   // (utc_tzload_fuzz); these would make the reader overrun.
   const std::tuple<const char*, size_t, uint32_t> rows[] = {
-      {"indicator count mismatch", 24, 5},
-      {"huge leap count", 28, 0x7FFFFFFF},
-      {"negative leap count", 28, 0xFFFFFFFF},
-      {"negative transitions", 32, 0x80000000u}};
+      {"indicator count mismatch", 24, 5}, {"huge leap count", 28, 0x7FFFFFFF},
+      {"negative leap count", 28, 0xFFFFFFFF}, {"negative transitions", 32, 0x80000000u}};
   for (const auto& [what, at, value] : rows) {
     std::string bad = f;
     put32(&bad, at, value);

@@ -151,6 +151,19 @@ unsigned long svcRoute(const std::string& setting) {
   return st;
 }
 
+Captured runCaptured(const TempDir& dir, const std::function<void()>& body) {
+  int status = runInChild([&] {
+    for (int fd : {1, 2}) {
+      int f = open(dir.file(std::to_string(fd)).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      dup2(f, fd);
+      close(f);
+    }
+    body();
+    return kBodyReturned;
+  });
+  return {exitCode(status), readFile(dir.file("1")), readFile(dir.file("2"))};
+}
+
 }  // namespace zar::test
 
 namespace {

@@ -109,6 +109,16 @@ class SvcTest : public ::testing::Test {
 // The status zar_svc_routing gives for setting.
 unsigned long svcRoute(const std::string& setting);
 
+// What a child process left: its exit code (kBodyReturned when the body
+// returned, -1 when killed by a signal) and its standard output and error.
+struct Captured {
+  int status;
+  std::string out, err;
+};
+constexpr int kBodyReturned = 3;
+// Runs body in a child whose standard output and error go to files in dir.
+Captured runCaptured(const TempDir& dir, const std::function<void()>& body);
+
 }  // namespace zar::test
 
 #endif  // ZAR_TESTS_TESTUTIL_TESTUTIL_H_

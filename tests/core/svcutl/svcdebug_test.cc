@@ -1,7 +1,7 @@
 // Debug messages and levels: the level test and record forms; level lists
 // and settings of every shape, also very long ones; where a component's
-// settings come from; level-change callbacks and the locks they run under;
-// routes kept, replaced or left; GOESTO into and out of debug lists.
+// settings come from; level-change callbacks; routes kept, replaced or left;
+// GOESTO into and out of debug lists.
 #include <ctype.h>
 #include <string.h>
 
@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "core/svcutl/svcint.h"
 #include "tests/testutil/testutil.h"
 #include "zar/status.h"
+#include "zar/svc.h"
 
 namespace {
 
@@ -167,14 +167,13 @@ TEST_F(SvcDebug, SettingsComeFromSavedVariableOrRoutingFileOnFirstUse) {
 struct LevelEvent {
   std::string component, sub;
   uint32_t descriptionId, level;
-  bool mutexHeld;
   bool operator==(const LevelEvent&) const = default;
 };
 std::vector<LevelEvent> gEvents;
 
 TEST_F(SvcDebug, LevelChangeCallbacksAndTheLocksTheyRunUnder) {
   auto onLevel = [](const char* component, const char* sub, uint32_t id, uint32_t level) {
-    gEvents.push_back({component, sub, id, level, zar::svc::heldByThisThread()});
+    gEvents.push_back({component, sub, id, level});
   };
   unsigned long st = 1;
   zar_svc_register_callbacks(nullptr, nullptr, onLevel, &st);
@@ -184,10 +183,10 @@ TEST_F(SvcDebug, LevelChangeCallbacksAndTheLocksTheyRunUnder) {
   ASSERT_ZAR_OK(call(zar_svc_debug_routing, "cb:net.3:DISCARD:"));
   ASSERT_ZAR_OK(setLevels("cb:*.4"));       // _nocb: not told
   ASSERT_ZAR_OK(debugRouting("cb:*.5:"));  // likewise
-  zar_svc__debug_fillin2(h, 0);  // settling (from the saved "*.5") tells, under the mutex
-  EXPECT_EQ((std::vector<LevelEvent>{{"cb", "main", 0x11, 2, true}, {"cb", "net", 0x12, 3, false},
-                                     {"cb", "main", 0x11, 5, true}, {"cb", "net", 0x12, 5, true},
-                                     {"cb", "aux", 0, 5, true}}),
+  zar_svc__debug_fillin2(h, 0);  // settling (from the saved "*.5") tells
+  EXPECT_EQ((std::vector<LevelEvent>{{"cb", "main", 0x11, 2}, {"cb", "net", 0x12, 3},
+                                     {"cb", "main", 0x11, 5}, {"cb", "net", 0x12, 5},
+                                     {"cb", "aux", 0, 5}}),
             gEvents);
   zar_svc_unregister_callbacks(nullptr, nullptr, onLevel, &st);
 }

@@ -1,7 +1,7 @@
 // Route types registered at run time: waiting routes taken over and falling
 // back, statuses, what each print entry point hands a type, and the registry
-// under concurrent printing, removal and cancellation (run under TSan).
-#include <pthread.h>
+// under concurrent printing and removal (run under TSan). Threads cancelled
+// inside callbacks are the reliability suite's cancel scenario.
 #include <sched.h>
 #include <unistd.h>
 
@@ -10,7 +10,6 @@
 #include <set>
 #include <thread>
 
-#include "core/svcutl/svcint.h"
 #include "tests/testutil/caproute.h"
 #include "tests/testutil/stress.h"
 #include "tests/testutil/testutil.h"
@@ -208,59 +207,6 @@ TEST_F(SvcDynRoute, RemovalWaitsForARunningPrint) {
   printer.join();
   remover.join();
   EXPECT_TRUE(gClosedAfterPrint.load());
-}
-
-std::atomic<bool> gEntered{false};
-// Stands inside a callback until cancelled. Cancelled at pthread_testcancel:
-// the thread sanitizer loses track of locks released by a thread cancelled
-// inside a call that it intercepts.
-void standUntilCancelled() {
-  for (gEntered.store(true);; sched_yield()) pthread_testcancel();
-}
-
-// Runs body on a thread, cancels it inside a callback and joins it; the
-// serviceability mutex is free afterwards.
-void cancelInside(void (*body)()) {
-  gEntered.store(false);
-  pthread_t thread;
-  ASSERT_EQ(0, pthread_create(&thread, nullptr, [](void* fn) -> void* {
-    reinterpret_cast<void (*)()>(fn)();
-    return nullptr;
-  }, reinterpret_cast<void*>(body)));
-  while (!gEntered.load()) sched_yield();
-  pthread_cancel(thread);
-  void* result = nullptr;
-  pthread_join(thread, &result);
-  EXPECT_EQ(PTHREAD_CANCELED, result);
-  EXPECT_EQ(0, pthread_mutex_trylock(&zar::svc::gSvc.mutex));
-  pthread_mutex_unlock(&zar::svc::gSvc.mutex);
-}
-
-TEST_F(SvcDynRoute, ThreadCancelledInACallbackLeavesNoLockAndRightCounts) {
-#if defined(__SANITIZE_ADDRESS__)
-  GTEST_SKIP() << "thread cancellation is not supported under AddressSanitizer";
-#endif
-  CaptureRoute cap("CAPX");
-  cap.onPrint = standUntilCancelled;
-  cap.onOpen = [](const std::string& where) {
-    if (where == "block") standUntilCancelled();
-    return true;
-  };
-  ASSERT_ZAR_OK(svcRoute("NOTICE:CAPX:x"));
-  svc_dyn_route* type = zar::svc::gSvc.routes[3].routes[0]->type;
-  cancelInside([] { print(svc_c_sev_notice); });
-  EXPECT_EQ(0, type->printing);
-  EXPECT_EQ(2, type->references);  // the registry and the route
-  cancelInside([] { svcRoute("NOTICE:CAPX:block"); });
-  EXPECT_EQ(0, type->opening);
-  EXPECT_EQ(1, type->references);  // x was closed, block never opened
-  EXPECT_EQ(1, cap.closes);
-  // The type still works: an open and a print get through.
-  cap.onPrint = nullptr;
-  EXPECT_ZAR_OK(svcRoute("NOTICE:CAPX:y"));
-  print(svc_c_sev_notice);
-  EXPECT_EQ((Strings{"x", "y"}), cap.opens);
-  EXPECT_EQ(1u, cap.records.size());
 }
 
 }  // namespace

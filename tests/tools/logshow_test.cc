@@ -34,8 +34,9 @@ ZarRun zar(const TempDir& dir, const std::string& args) {
 }
 
 // Forks procs processes that each route ERROR by setting and write count
-// messages 0x38C5209C from each of threads threads, keyed "p<P>t<T>".
-void writeLogs(const std::string& setting, int procs, int threads, long count) {
+// messages 0x38C5209C from each of threads threads, keyed "p<P>t<T>", each
+// thread pausing paceUs microseconds after each.
+void writeLogs(const std::string& setting, int procs, int threads, long count, int paceUs = 0) {
   std::vector<pid_t> kids;
   for (int p = 0; p < procs; ++p) {
     kids.push_back(forkChild([&, p] {
@@ -45,6 +46,7 @@ void writeLogs(const std::string& setting, int procs, int threads, long count) {
         for (long i = 0; i < count; ++i)
           zar_svc_printf_withfile(zarsv_client_svc_handle, "logshow", 1, "%s%d", 0, svc_c_sev_error,
                                   0x38C5209C, key.c_str(), static_cast<int>(i));
+        if (paceUs > 0) usleep(paceUs);
         return 0L;
       });
       return 0;
@@ -117,13 +119,20 @@ TEST_F(SvcTest, LogShowFollowSeesEveryRecordOnceAcrossRotations) {
   std::string zarPath = buildDir() + "/tools/zar";
   pid_t follower = forkChild([&] {
     int fd = open(dir.file("follow").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int err = open(dir.file("follow.err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     dup2(fd, 1);
+    dup2(err, 2);
+    setenv("ZAR_LOG_SHOW_PAUSE_MS", "5", 1);  // writers rotate while it reads
     execl(zarPath.c_str(), "zar", "log", "show", "--follow", pattern.c_str(), nullptr);
     return 127;
   });
   ASSERT_GT(follower, 0);
-  // The per-process files appear after the follower started.
-  writeLogs("ERROR:TEXTFILE.99.10:" + pattern, kProcs, kThreads, kCount);
+  // Its first poll finds no file yet.
+  for (int i = 0; i < 300 && readFile(dir.file("follow.err")).empty(); ++i) usleep(10 * 1000);
+  // The per-process files appear after the follower started; the writers
+  // rotate every few milliseconds, while the follower pauses between its
+  // steps, so that rotations fall between them.
+  writeLogs("ERROR:TEXTFILE.99.10:" + pattern, kProcs, kThreads, kCount, 1000);
   const size_t want = kProcs * kThreads * kCount;
   for (int i = 0; i < 300 && splitLines(readFile(dir.file("follow"))).size() < want; ++i)
     usleep(100 * 1000);

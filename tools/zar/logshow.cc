@@ -559,7 +559,8 @@ struct Pending {
 // Reads what is new in one file of a set and takes out the complete records.
 // False when the name no longer holds the file listed (renamed or replaced
 // since): the files after it in the set must wait for the next listing, or
-// their records would come before the ones this file still holds.
+// their records would come before the ones this file still holds. A file
+// that cannot be read is passed over.
 bool pollFile(FollowSet* set, const FileInfo& f, bool live, Filter* filter,
               std::vector<Pending>* batch, uint64_t* seq) {
   Cursor* c = nullptr;
@@ -567,7 +568,7 @@ bool pollFile(FollowSet* set, const FileInfo& f, bool live, Filter* filter,
     if (k->dev == f.st.st_dev && k->ino == f.st.st_ino) c = k.get();
   }
   int fd = open(f.path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
+  if (fd < 0) return errno != ENOENT;
   struct stat st;
   if (fstat(fd, &st) != 0 || st.st_ino != f.st.st_ino || st.st_dev != f.st.st_dev) {
     close(fd);

@@ -227,17 +227,18 @@ TEST_P(LogShowBadInput, ReportedOnceAndSkipped) {
 
 INSTANTIATE_TEST_SUITE_P(
     Table, LogShowBadInput,
-    ::testing::Values(BadCase{"JunkLines", "not a record\nnor this\n" + kGood + kGood,
-                              "f.log:1: not a record", 2, 0},
-                      BadCase{"Binary", kGood + std::string("\x01\x02\0x\n", 5) + kGood,
-                              "f.log:2: binary data", 2, 0},
-                      BadCase{"TruncatedText", kGood + kGood.substr(0, 60),
-                              "f.log:2: truncated record", 1, 0},
-                      BadCase{"TruncatedXml", kGoodXml + kGoodXml.substr(0, 200),
-                              "f.log:13: truncated record", 1, 0},
-                      BadCase{"CutXmlThenRecord", kGoodXml.substr(0, 150) + "\n" + kGoodXml,
-                              "f.log:1: truncated record", 1, 0},
-                      BadCase{"NotALog", "hello\n", "not a log file", 0, 1}),
+    ::testing::Values(
+        BadCase{"JunkLines", "not a record\nnor this\n" + kGood + kGood, "f.log:1: not a record", 2,
+                0},
+        BadCase{"Binary", kGood + std::string("\x01\x02\0x\n", 5) + kGood, "f.log:2: binary data",
+                2, 0},
+        BadCase{"TruncatedText", kGood + kGood.substr(0, 60), "f.log:2: truncated record", 1, 0},
+        BadCase{"TruncatedXml", kGoodXml + kGoodXml.substr(0, 200), "f.log:13: truncated record", 1,
+                0},
+        BadCase{"CutXmlThenRecord", kGoodXml.substr(0, 150) + "\n" + kGoodXml,
+                "f.log:1: truncated record", 1, 0},
+        BadCase{"OnlyACutRecord", kGood.substr(0, 80), "f.log:1: truncated record", 0, 1},
+        BadCase{"NotALog", "hello\n", "not a log file", 0, 1}),
     [](const ::testing::TestParamInfo<BadCase>& i) { return i.param.name; });
 
 TEST(LogShowUsage, MissingInputAndBadOptionsExitTwo) {

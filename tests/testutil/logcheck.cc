@@ -263,15 +263,4 @@ Loss judge(const RecordTally& tally, const std::map<std::string, std::pair<long,
   return loss;
 }
 
-std::string exactlyOnce(const RecordTally& tally, const std::vector<std::string>& keys,
-                        long count) {
-  std::map<std::string, std::pair<long, long>> expected;
-  for (const std::string& key : keys) expected[key] = {0, count};
-  Loss loss = judge(tally, expected);
-  std::string problems;
-  for (const std::string& b : tally.bad) problems += b + "\n";
-  if (loss.lost + loss.duplicated + loss.unexpected > 0) problems += loss.detail;
-  return problems;
-}
-
 }  // namespace zar::test

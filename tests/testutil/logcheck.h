@@ -59,10 +59,6 @@ struct Loss {
 // expected maps each writer to the numbers it wrote, [first, end).
 Loss judge(const RecordTally& tally, const std::map<std::string, std::pair<long, long>>& expected);
 
-// Empty when every key of keys has the numbers 0 to count-1 exactly once (in
-// any order) and no record was bad; otherwise a description of what is wrong.
-std::string exactlyOnce(const RecordTally& tally, const std::vector<std::string>& keys, long count);
-
 }  // namespace zar::test
 
 #endif  // ZAR_TESTS_TESTUTIL_LOGCHECK_H_

@@ -34,8 +34,9 @@ ZarRun zar(const TempDir& dir, const std::string& args) {
 }
 
 // Forks procs processes that each route ERROR by setting and write count
-// messages 0x38C5209C from each of threads threads, keyed "p<P>t<T>".
-void writeLogs(const std::string& setting, int procs, int threads, long count) {
+// messages 0x38C5209C from each of threads threads, keyed "p<P>t<T>", each
+// thread pausing paceUs microseconds after each.
+void writeLogs(const std::string& setting, int procs, int threads, long count, int paceUs = 0) {
   std::vector<pid_t> kids;
   for (int p = 0; p < procs; ++p) {
     kids.push_back(forkChild([&, p] {
@@ -45,6 +46,7 @@ void writeLogs(const std::string& setting, int procs, int threads, long count) {
         for (long i = 0; i < count; ++i)
           zar_svc_printf_withfile(zarsv_client_svc_handle, "logshow", 1, "%s%d", 0, svc_c_sev_error,
                                   0x38C5209C, key.c_str(), static_cast<int>(i));
+        if (paceUs > 0) usleep(paceUs);
         return 0L;
       });
       return 0;
@@ -57,23 +59,17 @@ void writeLogs(const std::string& setting, int procs, int threads, long count) {
   }
 }
 
-std::map<std::string, std::pair<long, long>> expected(int procs, int threads, long count) {
-  std::map<std::string, std::pair<long, long>> e;
-  for (int p = 0; p < procs; ++p)
-    for (int t = 0; t < threads; ++t)
-      e["p" + std::to_string(p) + "t" + std::to_string(t)] = {0, count};
-  return e;
-}
-
 // Every record once, whole, in each writer's order; "" when so.
 std::string checkRecords(const std::string& out, bool xml, int procs, int threads, long count) {
   RecordTally tally;
   (xml ? tallyXmlRecords : tallyTextRecords)(out, sysRoutineMarker(), &tally);
-  Loss loss = judge(tally, expected(procs, threads, count));
-  if (tally.torn + loss.lost + loss.duplicated + loss.unordered + loss.unexpected == 0) return "";
-  return "torn " + std::to_string(tally.torn) + ", lost " + std::to_string(loss.lost) +
-         ", duplicated " + std::to_string(loss.duplicated) + ", unordered " +
-         std::to_string(loss.unordered) + ": " + loss.detail;
+  std::map<std::string, std::pair<long, long>> expected;
+  for (int k = 0; k < procs * threads; ++k)
+    expected["p" + std::to_string(k / threads) + "t" + std::to_string(k % threads)] = {0, count};
+  Loss loss = judge(tally, expected);
+  return tally.torn + loss.lost + loss.duplicated + loss.unordered + loss.unexpected == 0
+             ? ""
+             : std::to_string(tally.torn) + " torn, " + loss.detail;
 }
 
 class LogShowMerge : public SvcTest, public ::testing::WithParamInterface<const char*> {};
@@ -117,13 +113,20 @@ TEST_F(SvcTest, LogShowFollowSeesEveryRecordOnceAcrossRotations) {
   std::string zarPath = buildDir() + "/tools/zar";
   pid_t follower = forkChild([&] {
     int fd = open(dir.file("follow").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int err = open(dir.file("follow.err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     dup2(fd, 1);
+    dup2(err, 2);
+    setenv("ZAR_LOG_SHOW_PAUSE_MS", "5", 1);  // writers rotate while it reads
     execl(zarPath.c_str(), "zar", "log", "show", "--follow", pattern.c_str(), nullptr);
     return 127;
   });
   ASSERT_GT(follower, 0);
-  // The per-process files appear after the follower started.
-  writeLogs("ERROR:TEXTFILE.99.10:" + pattern, kProcs, kThreads, kCount);
+  // Its first poll finds no file yet.
+  for (int i = 0; i < 300 && readFile(dir.file("follow.err")).empty(); ++i) usleep(10 * 1000);
+  // The per-process files appear after the follower started; the writers
+  // rotate every few milliseconds, while the follower pauses between its
+  // steps, so that rotations fall between them.
+  writeLogs("ERROR:TEXTFILE.99.10:" + pattern, kProcs, kThreads, kCount, 1000);
   const size_t want = kProcs * kThreads * kCount;
   for (int i = 0; i < 300 && splitLines(readFile(dir.file("follow"))).size() < want; ++i)
     usleep(100 * 1000);
@@ -224,17 +227,18 @@ TEST_P(LogShowBadInput, ReportedOnceAndSkipped) {
 
 INSTANTIATE_TEST_SUITE_P(
     Table, LogShowBadInput,
-    ::testing::Values(BadCase{"JunkLines", "not a record\nnor this\n" + kGood + kGood,
-                              "f.log:1: not a record", 2, 0},
-                      BadCase{"Binary", kGood + std::string("\x01\x02\0x\n", 5) + kGood,
-                              "f.log:2: binary data", 2, 0},
-                      BadCase{"TruncatedText", kGood + kGood.substr(0, 60),
-                              "f.log:2: truncated record", 1, 0},
-                      BadCase{"TruncatedXml", kGoodXml + kGoodXml.substr(0, 200),
-                              "f.log:13: truncated record", 1, 0},
-                      BadCase{"CutXmlThenRecord", kGoodXml.substr(0, 150) + "\n" + kGoodXml,
-                              "f.log:1: truncated record", 1, 0},
-                      BadCase{"NotALog", "hello\n", "not a log file", 0, 1}),
+    ::testing::Values(
+        BadCase{"JunkLines", "not a record\nnor this\n" + kGood + kGood, "f.log:1: not a record", 2,
+                0},
+        BadCase{"Binary", kGood + std::string("\x01\x02\0x\n", 5) + kGood, "f.log:2: binary data",
+                2, 0},
+        BadCase{"TruncatedText", kGood + kGood.substr(0, 60), "f.log:2: truncated record", 1, 0},
+        BadCase{"TruncatedXml", kGoodXml + kGoodXml.substr(0, 200), "f.log:13: truncated record", 1,
+                0},
+        BadCase{"CutXmlThenRecord", kGoodXml.substr(0, 150) + "\n" + kGoodXml,
+                "f.log:1: truncated record", 1, 0},
+        BadCase{"OnlyACutRecord", kGood.substr(0, 80), "f.log:1: truncated record", 0, 1},
+        BadCase{"NotALog", "hello\n", "not a log file", 0, 1}),
     [](const ::testing::TestParamInfo<BadCase>& i) { return i.param.name; });
 
 TEST(LogShowUsage, MissingInputAndBadOptionsExitTwo) {

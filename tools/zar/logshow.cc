@@ -184,9 +184,25 @@ struct FileInfo {
   long generation;  // 0 for the live file
 };
 
+// Milliseconds to pause between the steps of reading a rotation set while
+// following (ZAR_LOG_SHOW_PAUSE_MS), polling without rest in between: keeps
+// the reader inside the windows in which writers rotate under it, so that
+// tests meet those interleavings every run. 0 normally.
+int gPauseMs = 0;
+
+void pause() {
+  if (gPauseMs > 0) usleep(static_cast<useconds_t>(gPauseMs) * 1000);
+}
+
 // The files of a set in the order they were written: archives by age (the
-// generation numbers are reused round-robin), then the live file.
+// generation numbers are reused round-robin), then the live file. The live
+// file is looked at first: when it is renamed before the archives are
+// listed, it shows among them, and every file written before the live file
+// seen is listed.
 std::vector<FileInfo> filesOf(const SetName& set) {
+  struct stat live;
+  bool hasLive = stat(set.live.c_str(), &live) == 0 && S_ISREG(live.st_mode);
+  pause();
   std::vector<std::string> names;
   globInto(set.live + ".[0-9]*", &names);
   std::vector<FileInfo> files;
@@ -202,8 +218,7 @@ std::vector<FileInfo> filesOf(const SetName& set) {
       return a.st.st_mtim.tv_nsec < b.st.st_mtim.tv_nsec;
     return a.generation < b.generation;
   });
-  struct stat st;
-  if (stat(set.live.c_str(), &st) == 0 && S_ISREG(st.st_mode)) files.push_back({set.live, st, 0});
+  if (hasLive) files.push_back({set.live, live, 0});
   return files;
 }
 
@@ -522,8 +537,8 @@ struct Cursor {
   bool finished = false;
 };
 
-// Polls a file may go unlisted before its cursor is dropped: a rename
-// between the listing of the archives and of the live file hides it once.
+// Polls a file may go unlisted before its cursor is dropped: a rename while
+// the directory is listed can hide it once.
 constexpr int kMissingPolls = 5;
 
 struct FollowSet {
@@ -542,18 +557,22 @@ struct Pending {
 };
 
 // Reads what is new in one file of a set and takes out the complete records.
-void pollFile(FollowSet* set, const FileInfo& f, bool live, Filter* filter,
+// False when the name no longer holds the file listed (renamed or replaced
+// since): the files after it in the set must wait for the next listing, or
+// their records would come before the ones this file still holds. A file
+// that cannot be read is passed over.
+bool pollFile(FollowSet* set, const FileInfo& f, bool live, Filter* filter,
               std::vector<Pending>* batch, uint64_t* seq) {
   Cursor* c = nullptr;
   for (auto& k : set->cursors) {
     if (k->dev == f.st.st_dev && k->ino == f.st.st_ino) c = k.get();
   }
   int fd = open(f.path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return;  // vanished between the listing and now: the next poll sees it
+  if (fd < 0) return errno != ENOENT;
   struct stat st;
   if (fstat(fd, &st) != 0 || st.st_ino != f.st.st_ino || st.st_dev != f.st.st_dev) {
     close(fd);
-    return;
+    return false;
   }
   if (c != nullptr && !c->head.empty()) {
     char head[64];
@@ -573,7 +592,6 @@ void pollFile(FollowSet* set, const FileInfo& f, bool live, Filter* filter,
     c->dev = st.st_dev;
     c->ino = st.st_ino;
   }
-  c->missing = 0;
   bool grew = false;
   for (;;) {
     if (!c->splitter) {
@@ -604,7 +622,7 @@ void pollFile(FollowSet* set, const FileInfo& f, bool live, Filter* filter,
     grew = true;
   }
   close(fd);
-  if (!c->splitter || c->finished) return;
+  if (!c->splitter || c->finished) return true;
   c->quiet = grew ? 0 : c->quiet + 1;
   if (!live) {
     c->splitter->finish();  // a renamed generation is written no more
@@ -621,6 +639,7 @@ void pollFile(FollowSet* set, const FileInfo& f, bool live, Filter* filter,
     fprintf(stderr, "zar log show: %s:%llu: %s\n", f.path.c_str(),
             static_cast<unsigned long long>(p.lineNo), p.what.c_str());
   if (!live) c->finished = true;
+  return true;
 }
 
 int follow(const std::vector<std::string>& paths, Filter* filter, Output* out) {
@@ -628,6 +647,8 @@ int follow(const std::vector<std::string>& paths, Filter* filter, Output* out) {
   sa.sa_handler = [](int) { gStop = 1; };
   sigaction(SIGINT, &sa, nullptr);
   sigaction(SIGTERM, &sa, nullptr);
+  if (const char* p = getenv("ZAR_LOG_SHOW_PAUSE_MS"))
+    gPauseMs = static_cast<int>(std::clamp(strtol(p, nullptr, 10), 0L, 1000L));
   std::vector<FollowSet> sets;
   uint64_t seq = 0;
   bool first = true;
@@ -647,9 +668,17 @@ int follow(const std::vector<std::string>& paths, Filter* filter, Output* out) {
     }
     std::vector<Pending> batch;
     for (FollowSet& s : sets) {
-      for (auto& c : s.cursors) ++c->missing;
-      for (const FileInfo& f : filesOf(s.name))
-        pollFile(&s, f, f.generation == 0, filter, &batch, &seq);
+      std::vector<FileInfo> files = filesOf(s.name);
+      for (auto& c : s.cursors) {
+        ++c->missing;
+        for (const FileInfo& f : files) {
+          if (c->dev == f.st.st_dev && c->ino == f.st.st_ino) c->missing = 0;
+        }
+      }
+      pause();
+      for (const FileInfo& f : files) {
+        if (!pollFile(&s, f, f.generation == 0, filter, &batch, &seq)) break;
+      }
       // Files that are gone are forgotten (their inode may come back).
       s.cursors.erase(std::remove_if(s.cursors.begin(), s.cursors.end(),
                                      [](const std::unique_ptr<Cursor>& c) {
@@ -669,7 +698,7 @@ int follow(const std::vector<std::string>& paths, Filter* filter, Output* out) {
     }
     out->flush();
     first = false;
-    struct timespec ts = {0, kPollMs * 1000000L};
+    struct timespec ts = {0, (gPauseMs > 0 ? 1 : kPollMs) * 1000000L};
     while (!gStop && nanosleep(&ts, &ts) != 0 && errno == EINTR) {
     }
   }

@@ -21,11 +21,6 @@ bool injectedFailure() noexcept {
 
 bool refused() noexcept { return injectedFailure(); }
 
-void* alloc(size_t len) noexcept {
-  if (injectedFailure()) return nullptr;
-  return ::malloc(len == 0 ? 1 : len);
-}
-
 void* allocZero(size_t count, size_t size) noexcept {
   if (injectedFailure()) return nullptr;
   if (count == 0 || size == 0) return ::calloc(1, 1);
@@ -40,8 +35,6 @@ void* realloc(void* p, size_t len) noexcept {
   if (injectedFailure()) return nullptr;
   return ::realloc(p, len == 0 ? 1 : len);
 }
-
-void free(void* p) noexcept { ::free(p); }
 
 char* strDup(const char* s) noexcept {
   if (s == nullptr) return nullptr;

@@ -12,20 +12,32 @@
 #ifndef ZAR_BASE_ZARMEM_H_
 #define ZAR_BASE_ZARMEM_H_
 
+#include <errno.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <memory>
 #include <new>
 #include <utility>
 
+#include "base/faultinj.h"
+
 namespace zar::mem {
 
-void* alloc(size_t len) noexcept;                     // malloc; null on failure
+// malloc; null on failure. Inline, as is free, since the calls around a
+// block cost as much as the fault check and the jump into malloc.
+inline void* alloc(size_t len) noexcept {
+  if (int err = fault::check(fault::Op::kAlloc); err != 0) {
+    errno = err;
+    return nullptr;
+  }
+  return ::malloc(len == 0 ? 1 : len);
+}
 void* allocZero(size_t count, size_t size) noexcept;  // calloc; null on failure or overflow
 void* realloc(void* p, size_t len) noexcept;          // on failure p is untouched
-void free(void* p) noexcept;
+inline void free(void* p) noexcept { ::free(p); }
 char* strDup(const char* s) noexcept;                 // null when s is null or on failure
 char* strNDup(const char* s, size_t maxLen) noexcept; // at most maxLen bytes, terminated
 // A terminated copy of the first len bytes of s, whose length the caller

@@ -222,9 +222,11 @@ zarStzFile* openLocked(const char* path, uint32_t flags, uint32_t* status) {
   return guard.release();
 }
 
-// Loads every stanza and entry into m through the stream reader. A format
-// error ends the load where it happened (what was read stays); false only when
-// memory ran out.
+// Loads every stanza and entry into m through the stream reader. Entries are
+// read across headers, so that the end of a stanza costs no seek back to its
+// header: a new stanza shows as a new header offset, with its first entry
+// already read (or none when it is empty). A format error ends the load where
+// it happened (what was read stays); false only when memory ran out.
 bool loadTree(zarStzFile* f, zarStzMemory* m) {
   zarStzMoveFirstStanza(f);
   while (f->stanzaName != nullptr) {
@@ -236,8 +238,10 @@ bool loadTree(zarStzFile* f, zarStzMemory* m) {
     m->stanzas = node;
     node->name = mem::strDup(f->stanzaName);
     if (node->name == nullptr) return false;
+    const int64_t header = f->stanzaOffset;
+    Step step = Step::kEntry;
     zarStzEntryNode** tail = &node->entries;
-    while (f->entryName != nullptr) {
+    while (f->entryName != nullptr && f->stanzaOffset == header) {
       auto* e = static_cast<zarStzEntryNode*>(mem::alloc(sizeof(zarStzEntryNode)));
       if (e == nullptr) return false;
       e->name = f->entryName;
@@ -247,8 +251,11 @@ bool loadTree(zarStzFile* f, zarStzMemory* m) {
       f->value = nullptr;
       *tail = e;
       tail = &e->next;
-      if (moveLine(f, false, false) == Step::kError) return f->status != ZAR_S_NO_MEMORY;
+      step = moveLine(f, false, true);
+      if (step == Step::kError) return f->status != ZAR_S_NO_MEMORY;
     }
+    if (f->stanzaOffset != header) continue;  // the next stanza is current already
+    if (step == Step::kFileEnd) break;
     if (moveLine(f, true, true) == Step::kError) return f->status != ZAR_S_NO_MEMORY;
   }
   return f->status != ZAR_S_NO_MEMORY;

@@ -73,10 +73,6 @@ int writeConverted(ZARString::conversion_e conv, const char* s, int n, char* dst
 // ZARString
 // ---------------------------------------------------------------------------
 
-ZARString::ZARString() : heap_(nullptr), heapCap_(0), data_(inline_), len_(0) {
-  inline_[0] = '\0';
-}
-
 ZARString::ZARString(const char* s, int len, conversion_e conv) : ZARString() {
   append(s, len, conv);
 }
@@ -87,9 +83,7 @@ ZARString::ZARString(const ZARString& o) : ZARString() { append(o); }
 
 ZARString::ZARString(ZARString&& o) noexcept : ZARString() { moveFrom(o); }
 
-ZARString::~ZARString() {
-  if (heap_ != nullptr) zar::mem::free(heap_);
-}
+void ZARString::freeHeap() noexcept { zar::mem::free(heap_); }
 
 ZARString& ZARString::operator=(const ZARString& o) {
   if (this != &o) set(o);

@@ -6,6 +6,7 @@
 // unsigned wrap-around, so that any input gives a defined result.
 #include "core/svcutl/utcapi.h"
 
+#include <endian.h>
 #include <string.h>
 #include <sys/time.h>
 
@@ -68,9 +69,11 @@ void mkcomptime(utc_t* utc, uint64_t time100, uint64_t inacc100, long tdf) {
   ZAR_CHECK(utc != NULL, kRecordName);
   if (utc == nullptr) return;  // a filter suppressed the assertion
   unsigned char* b = utc->char_array;
-  for (int i = 0; i < 8; ++i) b[i] = static_cast<unsigned char>(time100 >> (8 * i));
-  if (inacc100 >= kInfiniteInacc) inacc100 = kInfiniteInacc;
-  for (int i = 0; i < 6; ++i) b[8 + i] = static_cast<unsigned char>(inacc100 >> (8 * i));
+  // Both numbers least significant byte first, as one store each.
+  const uint64_t time = htole64(time100);
+  memcpy(b, &time, 8);
+  const uint64_t inacc = htole64(inacc100 >= kInfiniteInacc ? kInfiniteInacc : inacc100);
+  memcpy(b + 8, &inacc, 6);
   long minutes = tdf / 60;
   b[14] = static_cast<unsigned char>(minutes & 0xFF);
   b[15] = static_cast<unsigned char>(((minutes >> 8) & 0x0F) | 0x10);
@@ -88,8 +91,10 @@ int comptime(uint64_t* time100, uint64_t* inacc100, long* tdf, const utc_t* utc)
   uint64_t inacc = 0;
   long minutes;
   if ((b[15] & 0x80) == 0) {
-    for (int i = 7; i >= 0; --i) t = (t << 8) | b[i];
-    for (int i = 13; i >= 8; --i) inacc = (inacc << 8) | b[i];
+    memcpy(&t, b, 8);
+    memcpy(&inacc, b + 8, 6);
+    t = le64toh(t);
+    inacc = le64toh(inacc);
     minutes = b[14] | ((b[15] & 0x0F) << 8);
   } else {
     for (int i = 0; i < 8; ++i) t = (t << 8) | b[i];

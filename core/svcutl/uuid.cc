@@ -9,6 +9,10 @@
 #include "zar/status.h"
 #include "zar/uuid.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 extern "C" ZAR_API const kp_uuid_t uuid_g_nil_uuid = {0, 0, 0, 0, 0, {0, 0, 0, 0, 0, 0}};
 
 namespace zar::uuid {
@@ -20,8 +24,6 @@ bool variantOk(const kp_uuid_t& u) {
 }
 
 namespace {
-
-constexpr char kHex[] = "0123456789abcdef";
 
 int hexValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';
@@ -87,6 +89,55 @@ bool parseOld(const char* p, kp_uuid_t* u) {
   return true;
 }
 
+int sign(uint32_t a, uint32_t b) {
+  return a < b ? -1 : (a > b ? 1 : 0);
+}
+
+}  // namespace
+
+#if defined(__SSE2__)
+
+// The 16 bytes in text order (each field most significant byte first) become
+// 32 digits at once: the high and low nibbles are split, interleaved and
+// turned into characters in two vector registers, and the dashes go in as the
+// digits are stored.
+void format(const kp_uuid_t& u, char out[KP_UUID_STRING_LEN + 1]) {
+  uint64_t tail;  // clock_seq_hi_and_reserved, clock_seq_low and node, in text order already
+  memcpy(&tail, &u.clock_seq_hi_and_reserved, 8);
+  const uint64_t head = __builtin_bswap32(u.time_low) |
+                        uint64_t{__builtin_bswap16(u.time_mid)} << 32 |
+                        uint64_t{__builtin_bswap16(u.time_hi_and_version)} << 48;
+  const __m128i v = _mm_set_epi64x(static_cast<long long>(tail), static_cast<long long>(head));
+  const __m128i nibble = _mm_set1_epi8(0x0F);
+  const __m128i high = _mm_and_si128(_mm_srli_epi16(v, 4), nibble);
+  const __m128i low = _mm_and_si128(v, nibble);
+  auto digits = [](__m128i d) {
+    const __m128i letter = _mm_cmpgt_epi8(d, _mm_set1_epi8(9));
+    const __m128i offset =
+        _mm_add_epi8(_mm_set1_epi8('0'), _mm_and_si128(letter, _mm_set1_epi8('a' - '0' - 10)));
+    return _mm_add_epi8(d, offset);
+  };
+  char hex[32];
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(hex), digits(_mm_unpacklo_epi8(high, low)));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(hex + 16), digits(_mm_unpackhi_epi8(high, low)));
+  memcpy(out, hex, 8);
+  out[8] = '-';
+  memcpy(out + 9, hex + 8, 4);
+  out[13] = '-';
+  memcpy(out + 14, hex + 12, 4);
+  out[18] = '-';
+  memcpy(out + 19, hex + 16, 4);
+  out[23] = '-';
+  memcpy(out + 24, hex + 20, 12);
+  out[36] = '\0';
+}
+
+#else
+
+namespace {
+
+constexpr char kHex[] = "0123456789abcdef";
+
 // The two hex digits of every byte value, so that a byte takes one lookup.
 constexpr auto kHexPairs = [] {
   struct Pairs {
@@ -100,10 +151,6 @@ constexpr auto kHexPairs = [] {
 void putHex(char** p, uint32_t v, int bytes) {
   for (int i = bytes - 1; i >= 0; --i, v >>= 8) memcpy(*p + 2 * i, kHexPairs.at[v & 0xFF], 2);
   *p += 2 * bytes;
-}
-
-int sign(uint32_t a, uint32_t b) {
-  return a < b ? -1 : (a > b ? 1 : 0);
 }
 
 }  // namespace
@@ -122,6 +169,8 @@ void format(const kp_uuid_t& u, char out[KP_UUID_STRING_LEN + 1]) {
   for (uint8_t b : u.node) putHex(&p, b, 1);
   *p = '\0';
 }
+
+#endif
 
 }  // namespace zar::uuid
 

@@ -51,8 +51,9 @@ class ZAR_API ZARString {
   // Size of the inline buffer: 29 content bytes and the NUL.
   static constexpr int kInlineSize = 30;
 
-  // The empty string; no heap block.
-  ZARString();
+  // The empty string; no heap block. The constructor and the destructor are
+  // inline so that a short string on the stack costs no calls.
+  ZARString() : heap_(nullptr), heapCap_(0), data_(inline_), len_(0) { inline_[0] = '\0'; }
   // The empty string, then append(s, len, conv); stays empty if that fails.
   ZARString(const char* s, int len = -1, conversion_e conv = CONVERT_NONE);
   // A copy of the referenced bytes; empty if memory could not be obtained.
@@ -62,7 +63,9 @@ class ZAR_API ZARString {
   // Takes o's content and heap block; o is left empty without a heap block.
   ZARString(ZARString&& o) noexcept;
   // Frees the heap block.
-  virtual ~ZARString();
+  virtual ~ZARString() {
+    if (heap_ != nullptr) freeHeap();
+  }
 
   // As set(o). When memory cannot be obtained the content stays as it was;
   // call set() instead to learn of that.
@@ -133,6 +136,7 @@ class ZAR_API ZARString {
   int32_t len_;               // content bytes, not counting the NUL
 
   void moveFrom(ZARString& o) noexcept;
+  void freeHeap() noexcept;
 };
 
 // A reference to a run of bytes that somebody else owns: a NUL-terminated

@@ -631,6 +631,11 @@ size_t putUtf8(char* out, size_t outLen, const char* in, size_t len, const char*
     if (c < 0x80) {
       // A run of US-ASCII characters that need no escape goes in one copy.
       size_t run = i;
+      if (escapeSet == nullptr) {  // eight bytes at a time while none has its high bit
+        uint64_t word;
+        while (run + 8 <= len && (memcpy(&word, in + run, 8), (word & 0x8080808080808080u) == 0))
+          run += 8;
+      }
       while (run < len && u(run) < 0x80 && ((escaped[u(run) >> 6] >> (u(run) & 63)) & 1) == 0)
         ++run;
       if (run > i) {

@@ -42,12 +42,19 @@ constexpr Facility kFacilities[] = {
     {"local3", 19},   {"local4", 20}, {"local5", 21}, {"local6", 22}, {"local7", 23},
 };
 
+constexpr size_t kSdCacheText = 128;  // longer texts are escaped for each record
+
 struct SyslogRoute {
   OpenRoute link;  // first: the record is freed through it
   int facility;
   size_t limit;
   char host[255];  // the host name as a header field ("-" when unknown)
   size_t hostLen;
+  // The component, subcomponent and file params of the last record, escaped,
+  // and the texts they were made of: a program prints from a few places.
+  char sdOf[3][kSdCacheText];
+  char sd[3 * (3 * kSdCacheText + 16)];  // an invalid byte may become three
+  size_t sdLen;                          // 0: nothing cached
 };
 
 // Copies text into out as a header field: printable US-ASCII without blanks,
@@ -147,6 +154,53 @@ char* putParam(char* w, const char* end, const char* name, const char* value) {
   return put(w, end, "\"");
 }
 
+// An SD-PARAM whose value needs no escaping (a number), written as putParam
+// would write it.
+char* putPlainParam(char* w, const char* end, const char* name, const char* value,
+                    const char* valueEnd) {
+  w = put(w, end, " ");
+  w = put(w, end, name);
+  w = put(w, end, "=\"");
+  size_t n = static_cast<size_t>(valueEnd - value);
+  size_t room = end - w > 1 ? static_cast<size_t>(end - w) - 1 : 0;
+  memcpy(w, value, n < room ? n : room);
+  w += n < room ? n : room;
+  return put(w, end, "\"");
+}
+
+// The component, subcomponent and file params, from the route's copy when
+// the texts are those of its last record. The cached params fit in any
+// record whole (the header before them is far shorter than a limit), so the
+// copy is what putParam would write.
+char* putSourceParams(SyslogRoute* route, char* w, const char* end, const zar_svc_prolog* p) {
+  const char* texts[3] = {
+      p->handle->component,
+      p->table_index < p->handle->table_size ? p->handle->table[p->table_index].name : nullptr,
+      p->file};
+  static const char* const kNames[3] = {"component", "subcomponent", "file"};
+  bool same = route->sdLen != 0;
+  bool cacheable = true;
+  for (int i = 0; i < 3; ++i) {
+    const char* t = texts[i] != nullptr ? texts[i] : "";
+    same = same && strcmp(route->sdOf[i], t) == 0;
+    cacheable = cacheable && strlen(t) < kSdCacheText;
+  }
+  if (!same) {
+    if (!cacheable) {
+      for (int i = 0; i < 3; ++i) w = putParam(w, end, kNames[i], texts[i]);
+      return w;
+    }
+    char* c = route->sd;
+    for (int i = 0; i < 3; ++i) {
+      c = putParam(c, route->sd + sizeof route->sd, kNames[i], texts[i]);
+      strcpy(route->sdOf[i], texts[i] != nullptr ? texts[i] : "");
+    }
+    route->sdLen = static_cast<size_t>(c - route->sd);
+  }
+  memcpy(w, route->sd, route->sdLen);
+  return w + route->sdLen;
+}
+
 // Builds the whole record in one buffer on the stack (the TCP frame length
 // in front, the message text formatted straight into a second one) and hands
 // it to the destination: no allocation and one send per record.
@@ -201,21 +255,14 @@ void syslogPrint(void*, void* routeData, zar_svc_prolog* p, va_list args) {
   w = put(w, end, kSdId);
   char field[32];
   if (debug) {
-    *putDec(field, p->attributes & svc_c_debug_mask) = '\0';
-    w = putParam(w, end, "level", field);
+    w = putPlainParam(w, end, "level", field, putDec(field, p->attributes & svc_c_debug_mask));
   } else {
-    *putHex(field, p->message_index, true) = '\0';
-    w = putParam(w, end, "status", field);
+    w = putPlainParam(w, end, "status", field, putHex(field, p->message_index, true));
   }
-  w = putParam(w, end, "component", p->handle->component);
-  w = putParam(
-      w, end, "subcomponent",
-      p->table_index < p->handle->table_size ? p->handle->table[p->table_index].name : nullptr);
-  w = putParam(w, end, "file", p->file);
-  *putDec(field, p->line) = '\0';
-  w = putParam(w, end, "line", field);
-  *putHex(field, zar_svc__mapthreadid(&p->thread_id), false) = '\0';
-  w = putParam(w, end, "thread", field);
+  w = putSourceParams(route, w, end, p);
+  w = putPlainParam(w, end, "line", field, putDec(field, p->line));
+  w = putPlainParam(w, end, "thread", field,
+                    putHex(field, zar_svc__mapthreadid(&p->thread_id), false));
   w = put(w, end, "] \xEF\xBB\xBF");
   // The text, cut a little beyond what the record can hold: putUtf8 writes
   // at least as many bytes as it reads, so the cut is never reached.

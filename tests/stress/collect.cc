@@ -108,7 +108,9 @@ struct Rsyslog {
     pid = spawn({"/usr/sbin/rsyslogd", "-n", "-f", dir + "/rsyslog.conf", "-i", dir + "/pid"},
                 dir + "/out");
     if (!waitUntil([this] {
-          return access((dir + "/log.sock").c_str(), F_OK) == 0 && !sockets("tcp", 1, tcp).empty();
+          bool listening = false;  // state 0A
+          for (const auto& f : sockets("tcp", 1, tcp)) listening = listening || f[3] == "0A";
+          return listening && access((dir + "/log.sock").c_str(), F_OK) == 0;
         }))
       run.fail("rsyslogd did not start: " + test::readFile(dir + "/out"));
   }

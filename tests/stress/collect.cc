@@ -232,6 +232,9 @@ void judgeTransport(Run& run, const std::string& name, const std::string& text,
     run.figure("lost_at_stop", unaccounted);
     run.figure("lost_at_stop_bound", heldBound);
     unaccounted = std::max(0L, unaccounted - heldBound);
+  } else {  // what the processes counted as sent is what arrived
+    run.faults("miscounted_" + name,
+               std::labs(counts[0] - kernelDrops - static_cast<long>(t.records)));
   }
   run.faults("unaccounted_" + name, unaccounted);
   run.faults("misordered_" + name, loss.duplicated + loss.unordered + loss.unexpected + t.torn);
@@ -270,12 +273,13 @@ Scenario load("collect-load", [](Run& run) {
   if (route(routes[0] + ";" + routes[1] + ";" + routes[2] + ";" + routes[3]) != 0)
     run.fail("routing");
   std::atomic<bool> done{false};
-  long parentSeq[2] = {0, 0};
+  std::atomic<long> parentSeq[2] = {0, 0};
   std::vector<std::thread> parent;
   for (int t = 0; t < 2; ++t)
     parent.emplace_back([&, t] {
       for (; !done.load(); usleep(2000)) printOne(procs, t, parentSeq[t]++);
     });
+  while (parentSeq[0].load() < 10 || parentSeq[1].load() < 10) usleep(1000);  // links open
   double t0 = now();
   Procs result = inProcesses(procs, [&](int p) {
     std::vector<std::thread> ts;
@@ -297,7 +301,7 @@ Scenario load("collect-load", [](Run& run) {
     for (int th = 0; th < threads; ++th)
       expected[named("cw.", p, named(".", th).c_str())] = {0, per};
   for (int t = 0; t < 2; ++t)
-    expected[named("cw.", procs, named(".", t).c_str())] = {0, parentSeq[t]};
+    expected[named("cw.", procs, named(".", t).c_str())] = {0, parentSeq[t].load()};
   auto counts = sumCounts(run, routes.size(), procs + 1);
   long kernel = rs.udpDrops();
   std::vector<long> due;

@@ -572,6 +572,16 @@ void releaseRoutesOf(const char* typeName) {
   }
 }
 
+void closeRoute(const char* typeName, void*, void* routeData, unsigned long*) {
+  auto route = static_cast<OpenRoute*>(routeData);
+  if (route == nullptr) {
+    releaseRoutesOf(typeName);
+    return;
+  }
+  untrackRoute(route);
+  mem::free(route);
+}
+
 void countDropped(Destination* d) {
   adoptAfterFork(d);
   ++d->dropped;
@@ -608,15 +618,42 @@ void submit(Destination* d, const char* data, size_t len) {
 
 size_t putUtf8(char* out, size_t outLen, const char* in, size_t len, const char* escapeSet) {
   static const char kReplacement[] = "\xEF\xBF\xBD";
+  uint64_t escaped[2] = {0, 0};  // a bit for each US-ASCII character of escapeSet
+  for (const char* e = escapeSet; e != nullptr && *e != '\0'; ++e) {
+    unsigned char c = static_cast<unsigned char>(*e);
+    if (c < 0x80) escaped[c >> 6] |= uint64_t{1} << (c & 63);
+  }
   size_t w = 0;
   size_t i = 0;
   auto u = [in](size_t k) { return static_cast<unsigned char>(in[k]); };
   while (i < len) {
     unsigned char c = u(i);
-    size_t n = 0;  // length of a valid sequence at i, 0 when invalid
     if (c < 0x80) {
-      n = 1;
-    } else if (c >= 0xC2 && c <= 0xDF) {
+      // A run of US-ASCII characters that need no escape goes in one copy.
+      size_t run = i;
+      if (escapeSet == nullptr) {  // eight bytes at a time while none has its high bit
+        uint64_t word;
+        while (run + 8 <= len && (memcpy(&word, in + run, 8), (word & 0x8080808080808080u) == 0))
+          run += 8;
+      }
+      while (run < len && u(run) < 0x80 && ((escaped[u(run) >> 6] >> (u(run) & 63)) & 1) == 0)
+        ++run;
+      if (run > i) {
+        size_t n = run - i < outLen - w ? run - i : outLen - w;
+        memcpy(out + w, in + i, n);
+        w += n;
+        i += n;
+        if (i < run) break;
+        continue;
+      }
+      if (w + 2 > outLen) break;
+      out[w++] = '\\';
+      out[w++] = static_cast<char>(c);
+      ++i;
+      continue;
+    }
+    size_t n = 0;  // length of a valid sequence at i, 0 when invalid
+    if (c >= 0xC2 && c <= 0xDF) {
       n = (i + 1 < len && (u(i + 1) & 0xC0) == 0x80) ? 2 : 0;
     } else if (c >= 0xE0 && c <= 0xEF) {
       bool ok = i + 2 < len && (u(i + 1) & 0xC0) == 0x80 && (u(i + 2) & 0xC0) == 0x80 &&
@@ -630,9 +667,7 @@ size_t putUtf8(char* out, size_t outLen, const char* in, size_t len, const char*
     }
     const char* piece = n != 0 ? in + i : kReplacement;
     size_t pieceLen = n != 0 ? n : 3;
-    bool escape = n == 1 && escapeSet != nullptr && c != 0 && strchr(escapeSet, c) != nullptr;
-    if (w + pieceLen + (escape ? 1 : 0) > outLen) break;
-    if (escape) out[w++] = '\\';
+    if (w + pieceLen > outLen) break;
     memcpy(out + w, piece, pieceLen);
     w += pieceLen;
     i += n != 0 ? n : 1;

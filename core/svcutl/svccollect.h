@@ -62,6 +62,10 @@ void untrackRoute(OpenRoute* route);
 // callback with null route data, which runs without the mutex): every route
 // of the type lets go of its destination and is freed. Takes the mutex.
 void releaseRoutesOf(const char* typeName);
+// The close callback of both types: the route (an OpenRoute first in its
+// record) lets go of its destination and is freed; null route data is the
+// type removed under its routes (releaseRoutesOf).
+void closeRoute(const char* typeName, void* typeData, void* routeData, unsigned long* status);
 
 // Counts a record that could not even be made (no memory) as dropped.
 void countDropped(Destination* dest);

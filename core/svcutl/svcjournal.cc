@@ -101,16 +101,6 @@ void journalOpen(const char* name, const char* where, void*, void** routeData, i
   *opened = 1;
 }
 
-void journalClose(const char* name, void*, void* routeData, unsigned long*) {
-  auto route = static_cast<JournalRoute*>(routeData);
-  if (route == nullptr) {
-    releaseRoutesOf(name);  // the type goes away under its routes
-    return;
-  }
-  untrackRoute(&route->link);
-  mem::free(route);
-}
-
 void journalPrint(void*, void* routeData, zar_svc_prolog* p, va_list args) {
   auto route = static_cast<JournalRoute*>(routeData);
   char* text = formatText(p, args);
@@ -167,6 +157,6 @@ void journalPrint(void*, void* routeData, zar_svc_prolog* p, va_list args) {
 
 }  // namespace
 
-const BuiltinType kJournalType = {"JOURNAL", journalOpen, journalPrint, journalClose};
+const BuiltinType kJournalType = {"JOURNAL", journalOpen, journalPrint, closeRoute};
 
 }  // namespace zar::collect

@@ -9,6 +9,7 @@
 // A record: <PRI>1 TIMESTAMP HOSTNAME APP-NAME PROCID MSGID [zar@32473 ...]
 // BOM MSG. The structured data carry what the text record's prefix carries.
 // A record longer than its transport's limit is cut (MSG first), never split.
+#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -41,23 +42,32 @@ constexpr Facility kFacilities[] = {
     {"local3", 19},   {"local4", 20}, {"local5", 21}, {"local6", 22}, {"local7", 23},
 };
 
+constexpr size_t kSdCacheText = 128;  // longer texts are escaped for each record
+
 struct SyslogRoute {
   OpenRoute link;  // first: the record is freed through it
   int facility;
   size_t limit;
-  char host[256];  // the host name as a header field ("-" when unknown)
+  char host[255];  // the host name as a header field ("-" when unknown)
+  size_t hostLen;
+  // The component, subcomponent and file params of the last record, escaped,
+  // and the texts they were made of: a program prints from a few places.
+  char sdOf[3][kSdCacheText];
+  char sd[3 * (3 * kSdCacheText + 16)];  // an invalid byte may become three
+  size_t sdLen;                          // 0: nothing cached
 };
 
 // Copies text into out as a header field: printable US-ASCII without blanks,
-// at most maxLen bytes; "-" when nothing is left.
-void headerField(char* out, size_t maxLen, const char* text) {
+// at most maxLen bytes; "-" when nothing is left. Returns its length (out is
+// not terminated).
+size_t headerField(char* out, size_t maxLen, const char* text) {
   size_t n = 0;
   for (; text != nullptr && *text != '\0' && n < maxLen; ++text) {
     unsigned char c = static_cast<unsigned char>(*text);
     out[n++] = (c > 32 && c < 127) ? static_cast<char>(c) : '_';
   }
   if (n == 0) out[n++] = '-';
-  out[n] = '\0';
+  return n;
 }
 
 void syslogOpen(const char* name, const char* where, void*, void** routeData, int32_t* opened) {
@@ -85,21 +95,11 @@ void syslogOpen(const char* name, const char* where, void*, void** routeData, in
   route->facility = facility;
   char host[256] = {};
   gethostname(host, sizeof host - 1);
-  headerField(route->host, 255, host);
+  route->hostLen = headerField(route->host, sizeof route->host, host);
   route->link.typeName = "SYSLOG";
   trackRoute(&route->link);
   *routeData = route;
   *opened = 1;
-}
-
-void syslogClose(const char* name, void*, void* routeData, unsigned long*) {
-  auto route = static_cast<SyslogRoute*>(routeData);
-  if (route == nullptr) {
-    releaseRoutesOf(name);  // the type goes away under its routes
-    return;
-  }
-  untrackRoute(&route->link);
-  mem::free(route);
 }
 
 // Appends text at w (below end), returning the new end of the written text.
@@ -108,6 +108,40 @@ char* put(char* w, const char* end, const char* text) {
   if (n > static_cast<size_t>(end - w)) n = static_cast<size_t>(end - w);
   memcpy(w, text, n);
   return w + n;
+}
+
+// v in decimal, at least width digits (zero-padded), as printf's %0*d does.
+char* putDec(char* w, long long v, int width = 1) {
+  unsigned long long u = v < 0 ? 0ULL - static_cast<unsigned long long>(v) : v;
+  if (v < 0) {
+    *w++ = '-';
+    --width;
+  }
+  char digits[24];
+  int n = 0;
+  do {
+    digits[n++] = static_cast<char>('0' + u % 10);
+    u /= 10;
+  } while (u != 0);
+  while (width-- > n) *w++ = '0';
+  while (n > 0) *w++ = digits[--n];
+  return w;
+}
+
+// "0x" and v in hex, at least 8 digits, as printf's 0x%08X (or 0x%08lx).
+char* putHex(char* w, unsigned long v, bool upper) {
+  const char* xdigits = upper ? "0123456789ABCDEF" : "0123456789abcdef";
+  char digits[16];
+  int n = 0;
+  do {
+    digits[n++] = xdigits[v & 15];
+    v >>= 4;
+  } while (v != 0);
+  *w++ = '0';
+  *w++ = 'x';
+  for (int pad = n; pad < 8; ++pad) *w++ = '0';
+  while (n > 0) *w++ = digits[--n];
+  return w;
 }
 
 // One SD-PARAM: name="value" with '"', '\' and ']' escaped, valid UTF-8.
@@ -120,6 +154,56 @@ char* putParam(char* w, const char* end, const char* name, const char* value) {
   return put(w, end, "\"");
 }
 
+// An SD-PARAM whose value needs no escaping (a number), written as putParam
+// would write it.
+char* putPlainParam(char* w, const char* end, const char* name, const char* value,
+                    const char* valueEnd) {
+  w = put(w, end, " ");
+  w = put(w, end, name);
+  w = put(w, end, "=\"");
+  size_t n = static_cast<size_t>(valueEnd - value);
+  size_t room = end - w > 1 ? static_cast<size_t>(end - w) - 1 : 0;
+  memcpy(w, value, n < room ? n : room);
+  w += n < room ? n : room;
+  return put(w, end, "\"");
+}
+
+// The component, subcomponent and file params, from the route's copy when
+// the texts are those of its last record. The cached params fit in any
+// record whole (the header before them is far shorter than a limit), so the
+// copy is what putParam would write.
+char* putSourceParams(SyslogRoute* route, char* w, const char* end, const zar_svc_prolog* p) {
+  const char* texts[3] = {
+      p->handle->component,
+      p->table_index < p->handle->table_size ? p->handle->table[p->table_index].name : nullptr,
+      p->file};
+  static const char* const kNames[3] = {"component", "subcomponent", "file"};
+  bool same = route->sdLen != 0;
+  bool cacheable = true;
+  for (int i = 0; i < 3; ++i) {
+    const char* t = texts[i] != nullptr ? texts[i] : "";
+    same = same && strcmp(route->sdOf[i], t) == 0;
+    cacheable = cacheable && strlen(t) < kSdCacheText;
+  }
+  if (!same) {
+    if (!cacheable) {
+      for (int i = 0; i < 3; ++i) w = putParam(w, end, kNames[i], texts[i]);
+      return w;
+    }
+    char* c = route->sd;
+    for (int i = 0; i < 3; ++i) {
+      c = putParam(c, route->sd + sizeof route->sd, kNames[i], texts[i]);
+      strcpy(route->sdOf[i], texts[i] != nullptr ? texts[i] : "");
+    }
+    route->sdLen = static_cast<size_t>(c - route->sd);
+  }
+  memcpy(w, route->sd, route->sdLen);
+  return w + route->sdLen;
+}
+
+// Builds the whole record in one buffer on the stack (the TCP frame length
+// in front, the message text formatted straight into a second one) and hands
+// it to the destination: no allocation and one send per record.
 void syslogPrint(void*, void* routeData, zar_svc_prolog* p, va_list args) {
   auto route = static_cast<SyslogRoute*>(routeData);
   char buf[kFrameRoom + kTcpLimit];
@@ -127,68 +211,89 @@ void syslogPrint(void*, void* routeData, zar_svc_prolog* p, va_list args) {
   const char* const end = start + route->limit;
   char* w = start;
 
-  char field[64];
+  // The header is at most some 400 bytes, far below any transport's limit.
   bool debug = svc::severityIndex(p->attributes) < 0;
-  int pri = route->facility * 8 + syslogSeverity(p->attributes);
   struct tm tm = {};
   long ns = 0;
   long tdf = 0;
   if (zar_utc_anytime(&tm, &ns, nullptr, nullptr, &tdf, &p->t) != 0) tdf = 0;
   long offMin = (tdf < 0 ? -tdf : tdf) / 60;
-  char app[49];
-  headerField(app, 48, p->progname);
-  int n = snprintf(w, static_cast<size_t>(end - w),
-                   "<%d>1 %04d-%02d-%02dT%02d:%02d:%02d.%06ld%c%02ld:%02ld %s %s %d ", pri,
-                   tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
-                   ns / 1000, tdf < 0 ? '-' : '+', offMin / 60, offMin % 60, route->host, app,
-                   static_cast<int>(zar_svc__get_pid()));
-  w += n > 0 && n < end - w ? n : 0;
+  *w++ = '<';
+  w = putDec(w, route->facility * 8 + syslogSeverity(p->attributes));
+  w = put(w, end, ">1 ");
+  w = putDec(w, tm.tm_year + 1900, 4);
+  *w++ = '-';
+  w = putDec(w, tm.tm_mon + 1, 2);
+  *w++ = '-';
+  w = putDec(w, tm.tm_mday, 2);
+  *w++ = 'T';
+  w = putDec(w, tm.tm_hour, 2);
+  *w++ = ':';
+  w = putDec(w, tm.tm_min, 2);
+  *w++ = ':';
+  w = putDec(w, tm.tm_sec, 2);
+  *w++ = '.';
+  w = putDec(w, ns / 1000, 6);
+  *w++ = tdf < 0 ? '-' : '+';
+  w = putDec(w, offMin / 60, 2);
+  *w++ = ':';
+  w = putDec(w, offMin % 60, 2);
+  *w++ = ' ';
+  memcpy(w, route->host, route->hostLen);
+  w += route->hostLen;
+  *w++ = ' ';
+  w += headerField(w, 48, p->progname);
+  *w++ = ' ';
+  w = putDec(w, zar_svc__get_pid());
+  *w++ = ' ';
   if (debug) {
-    w = put(w, end, "- [");
+    *w++ = '-';
   } else {
-    snprintf(field, sizeof field, "0x%08X [", p->message_index);
-    w = put(w, end, field);
+    w = putHex(w, p->message_index, true);
   }
+  w = put(w, end, " [");
   w = put(w, end, kSdId);
+  char field[32];
   if (debug) {
-    snprintf(field, sizeof field, "%u", p->attributes & svc_c_debug_mask);
-    w = putParam(w, end, "level", field);
+    w = putPlainParam(w, end, "level", field, putDec(field, p->attributes & svc_c_debug_mask));
   } else {
-    snprintf(field, sizeof field, "0x%08X", p->message_index);
-    w = putParam(w, end, "status", field);
+    w = putPlainParam(w, end, "status", field, putHex(field, p->message_index, true));
   }
-  w = putParam(w, end, "component", p->handle->component);
-  w = putParam(
-      w, end, "subcomponent",
-      p->table_index < p->handle->table_size ? p->handle->table[p->table_index].name : nullptr);
-  w = putParam(w, end, "file", p->file);
-  snprintf(field, sizeof field, "%d", p->line);
-  w = putParam(w, end, "line", field);
-  snprintf(field, sizeof field, "0x%08lx", zar_svc__mapthreadid(&p->thread_id));
-  w = putParam(w, end, "thread", field);
+  w = putSourceParams(route, w, end, p);
+  w = putPlainParam(w, end, "line", field, putDec(field, p->line));
+  w = putPlainParam(w, end, "thread", field,
+                    putHex(field, zar_svc__mapthreadid(&p->thread_id), false));
   w = put(w, end, "] \xEF\xBB\xBF");
-  char* text = formatText(p, args);
-  if (text == nullptr) {
+  // The text, cut a little beyond what the record can hold: putUtf8 writes
+  // at least as many bytes as it reads, so the cut is never reached.
+  char text[kTcpLimit + 8];
+  va_list copy;
+  va_copy(copy, args);
+  int n = zar_vsnprintf(text, sizeof text, p->format != nullptr ? p->format : "", copy);
+  va_end(copy);
+  if (n < 0) {
     countDropped(route->link.dest);
     return;
   }
-  w += putUtf8(w, static_cast<size_t>(end - w), text, strlen(text), nullptr);
-  zar_asprintf_free(text);
+  size_t textLen = static_cast<size_t>(n) < sizeof text ? static_cast<size_t>(n) : sizeof text - 1;
+  w += putUtf8(w, static_cast<size_t>(end - w), text, strnlen(text, textLen), nullptr);
 
   size_t len = static_cast<size_t>(w - start);
   char* record = start;
   if (transportOf(route->link.dest) == Transport::kTcp) {
     char prefix[kFrameRoom + 1];
-    int plen = snprintf(prefix, sizeof prefix, "%zu ", len);
+    char* prefixEnd = putDec(prefix, static_cast<long long>(len));
+    *prefixEnd++ = ' ';
+    size_t plen = static_cast<size_t>(prefixEnd - prefix);
     record -= plen;
-    memcpy(record, prefix, static_cast<size_t>(plen));
-    len += static_cast<size_t>(plen);
+    memcpy(record, prefix, plen);
+    len += plen;
   }
   submit(route->link.dest, record, len);
 }
 
 }  // namespace
 
-const BuiltinType kSyslogType = {"SYSLOG", syslogOpen, syslogPrint, syslogClose};
+const BuiltinType kSyslogType = {"SYSLOG", syslogOpen, syslogPrint, closeRoute};
 
 }  // namespace zar::collect

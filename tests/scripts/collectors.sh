@@ -11,7 +11,6 @@ for s in FATAL ERROR WARNING NOTICE NOTICE_VERBOSE; do unset "SVC_$s"; done
 command -v rsyslogd >/dev/null && [ -x /lib/systemd/systemd-journald ] ||
   fail "rsyslogd or systemd-journald missing (scripts/deps installs them)"
 
-collectorNames="site central"
 startRsyslog central
 startRsyslog site "$(cat "$tmp/central/tcp")"
 startJournald
@@ -52,16 +51,15 @@ done
 printCase "SYSLOG:${where[unix]}" invalid --sev=warning $'bad\xffbyte'
 big=$(printf 'B%.0s' $(seq 120000))
 SVC_WSC_DBG="wsc:core.9:JOURNAL:unix,$journalSocket" "$zar" log --debug 1 "%s%s" "$big" "$big"
-# Waits until the collector's file has n lines matching pattern.
-waitFor() {  # file pattern n
-  for _ in $(seq 100); do
-    [ "$(grep -c -- "$2" "$1" 2>/dev/null || true)" -ge "$3" ] && return 0
-    sleep 0.1
-  done
-  fail "$1: $(grep -c -- "$2" "$1" || true) of $3 records matching $2"
+# Waits until command prints at least n lines.
+waitFor() {  # n command...
+  local n=$1; shift
+  for _ in $(seq 100); do [ "$("$@" 2>/dev/null | grep -c .)" -ge "$n" ] && return 0; sleep 0.1; done
+  fail "$*: $("$@" | grep -c .) of $n records"
 }
-waitFor "$site/records.json" '"msgid"' 21
-waitFor "$tmp/central/records.json" '"msgid"' 20
+waitFor 21 grep '"msgid"' "$site/records.json"
+waitFor 20 grep '"msgid"' "$tmp/central/records.json"
+waitFor 9 journalJson ZAR_COMPONENT=wsc
 
 host=$(hostname)
 ts='^[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{6}[+-][0-9]{2}:[0-9]{2}$'
@@ -95,10 +93,6 @@ len=$(jq -r 'select(.msg | contains("long ")) | .msg' "$site/records.json" | gre
 
 # The journal: every field, found by MESSAGE_ID; odd text whole, the big
 # record through a sealed memory file.
-for _ in $(seq 100); do
-  [ "$(journalJson ZAR_COMPONENT=wsc | grep -c .)" -ge 9 ] && break
-  sleep 0.1
-done
 [ "$(journalJson MESSAGE_ID=$msgid | grep -c .)" = 7 ] ||
   fail "MESSAGE_ID finds $(journalJson MESSAGE_ID=$msgid | grep -c .) of 7 records"
 while read -r name opt sev; do

@@ -19,7 +19,7 @@ freePort() {  # tcp|udp
 # $tmp/NAME/udp and $tmp/NAME/tcp), every record parsed as RFC 5424 and written
 # as one JSON line to $tmp/NAME/records.json; with forward-port it also
 # forwards every record over TCP to that port, as a site forwards to its
-# central server. Sets rsyslogPid_NAME.
+# central server.
 startRsyslog() {
   local name=$1 fwd=${2:-} dir=$tmp/$1 udp tcp
   mkdir -p "$dir/work"
@@ -55,7 +55,7 @@ action(type="omfwd" target="127.0.0.1" port="$fwd" protocol="tcp"
        queue.type="LinkedList" action.resumeRetryCount="-1")
 CONF
   rsyslogd -n -f "$dir/rsyslog.conf" -i "$dir/rsyslogd.pid" >"$dir/rsyslogd.out" 2>&1 &
-  eval "rsyslogPid_$name=$!"
+  collectorPids+=($!)
   for _ in $(seq 100); do
     [ -S "$dir/log.sock" ] && ss -Htln "sport = :$tcp" | grep -q . && return 0
     sleep 0.1
@@ -64,44 +64,29 @@ CONF
   fail "rsyslogd $name did not start"
 }
 
-stopRsyslog() {  # NAME
-  local pid
-  eval "pid=\${rsyslogPid_$1:-}"
-  [ -n "$pid" ] || return 0
-  kill "$pid" 2>/dev/null || true
-  wait "$pid" 2>/dev/null || true
-  eval "rsyslogPid_$1="
-}
-
 # systemd-journald in namespace $journalNs; its socket is $journalSocket.
 startJournald() {
   journalNs=zartest$$
   journalSocket=/run/systemd/journal.$journalNs/socket
   /lib/systemd/systemd-journald "$journalNs" >"$tmp/journald.out" 2>&1 &
-  journaldPid=$!
+  collectorPids+=($!)
   for _ in $(seq 100); do [ -S "$journalSocket" ] && return 0; sleep 0.1; done
   cat "$tmp/journald.out" >&2
   fail "systemd-journald did not start"
 }
 
-# Stops journald and removes its namespace's files: the socket directory and
-# the namespace's journal directory, nothing else.
-stopJournald() {
-  [ -n "${journaldPid:-}" ] || return 0
-  kill "$journaldPid" 2>/dev/null || true
-  wait "$journaldPid" 2>/dev/null || true
-  journaldPid=
-  rm -rf "/run/systemd/journal.$journalNs"
-  local id
-  id=$(cat /etc/machine-id 2>/dev/null || true)
-  [ -n "$id" ] && rm -rf "/var/log/journal/$id.$journalNs" "/run/log/journal/$id.$journalNs"
-}
-
 # journalctl of the test's namespace, JSON lines.
 journalJson() { journalctl --namespace="$journalNs" -o json --no-pager "$@"; }
 
+# Stops every collector by its pid and removes the journal namespace's files
+# (its socket directory and its journal directory, nothing else).
 stopCollectors() {
-  for n in ${collectorNames:-}; do stopRsyslog "$n"; done
-  stopJournald
+  local pid id
+  for pid in "${collectorPids[@]}"; do kill "$pid" 2>/dev/null || true; wait "$pid" 2>/dev/null || true; done
+  [ -n "${journalNs:-}" ] || return 0
+  rm -rf "/run/systemd/journal.$journalNs"
+  id=$(cat /etc/machine-id 2>/dev/null || true)
+  [ -n "$id" ] && rm -rf "/var/log/journal/$id.$journalNs" "/run/log/journal/$id.$journalNs"
 }
+collectorPids=()
 trap 'stopCollectors; rm -rf "$tmp"' EXIT

@@ -203,28 +203,6 @@ TEST(ZarPrintf, PositionalFormatsMatchGlibc) {
   }
 }
 
-#define ZAR_D10(n) (n)*10, (n)*10 + 1, (n)*10 + 2, (n)*10 + 3, (n)*10 + 4, (n)*10 + 5, \
-                   (n)*10 + 6, (n)*10 + 7, (n)*10 + 8, (n)*10 + 9
-#define ZAR_D100(n) ZAR_D10((n)*10), ZAR_D10((n)*10 + 1), ZAR_D10((n)*10 + 2), \
-                    ZAR_D10((n)*10 + 3), ZAR_D10((n)*10 + 4), ZAR_D10((n)*10 + 5), \
-                    ZAR_D10((n)*10 + 6), ZAR_D10((n)*10 + 7), ZAR_D10((n)*10 + 8), ZAR_D10((n)*10 + 9)
-#define ZAR_D1000 ZAR_D100(0), ZAR_D100(1), ZAR_D100(2), ZAR_D100(3), ZAR_D100(4), \
-                  ZAR_D100(5), ZAR_D100(6), ZAR_D100(7), ZAR_D100(8), ZAR_D100(9)
-
-TEST(ZarPrintf, ThousandArgumentsAndConversionsUseTheHeap) {
-  std::string positional, want, repeated;
-  for (int i = 1000; i >= 1; --i) {
-    positional += "%" + std::to_string(i) + "$d ";
-    want += std::to_string(i - 1) + " ";
-    repeated += "%1$c";
-  }
-  EXPECT_EQ(std::string(1000, 'x'), F(repeated.c_str(), 'x'));
-  char* out = nullptr;
-  ASSERT_EQ(static_cast<int>(want.size()), zar_asprintf(&out, positional.c_str(), ZAR_D1000));
-  EXPECT_EQ(want, out);
-  zar_asprintf_free(out);
-}
-
 // zar_snprintf_cs's "length:text" (or kError) with wide conversions into cs.
 template <class... A>
 std::string W(nlz_cs_t cs, int size, const char* fmt, A... a) {

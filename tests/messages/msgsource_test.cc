@@ -19,7 +19,6 @@
 
 #include "tests/testutil/testutil.h"
 #include "zar/msg.h"
-#include "zar/status.h"
 
 namespace zar {
 namespace {
@@ -135,15 +134,6 @@ TEST_P(MessageFile, FollowsTheFormatAndTheNumbering) {
 
 INSTANTIATE_TEST_SUITE_P(Files, MessageFile, ::testing::ValuesIn(kFiles),
                          [](const auto& info) { return std::string(info.param.name); });
-
-// The assertion message is printed with the argument types "%s%s%d".
-TEST(MessageSource, AssertionMessageTakesItsArguments) {
-  std::vector<std::string> sig;
-  std::string why;
-  ASSERT_TRUE(conversions(parseSource(messagesDir() + "bas.msg").texts[ZAR_S_MSG_BAD_OPEN_TYPE & 0xFFF],
-                          &sig, &why)) << why;
-  EXPECT_EQ((std::vector<std::string>{"%s", "%s", "%d"}), sig);
-}
 
 // Translations: only numbers of the English file, the same identifier, the
 // same conversions in the same order; technology-1 translations are

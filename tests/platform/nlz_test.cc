@@ -3,7 +3,6 @@
 #include "platform/nlz.h"
 
 #include <errno.h>
-#include <locale.h>
 #include <string.h>
 
 #include <string>
@@ -181,20 +180,6 @@ TEST(Locale, CanonicalNamesAndLanguages) {
     EXPECT_EQ(loc, canon(nlz_canonical_loc)) << (name ? name : "null");
     EXPECT_EQ(lang, canon(nlz_canonical_lang)) << (name ? name : "null");
   }
-}
-
-TEST(Locale, ProcessNamesFollowSetlocale) {
-  int status = zar::test::runInChild([] {
-    char lang[64], codeset[32];
-    if (nlz_os_cs_name(codeset, sizeof codeset) != 0 || strcmp(codeset, "ANSI_X3.4-1968") != 0)
-      return 1;
-    if (setlocale(LC_ALL, "de_DE.ISO-8859-1") == nullptr) return 2;
-    if (nlz_os_lang_name(lang, sizeof lang) != 0 || strcmp(lang, "de_DE.ISO-8859-1") != 0) return 3;
-    if (nlz_os_cs_name(codeset, sizeof codeset) != 0 || strcmp(codeset, "ISO-8859-1") != 0)
-      return 4;
-    return nlz_os_lang_name(lang, 4) == -1 ? 0 : 5;  // does not fit
-  });
-  EXPECT_EQ(0, zar::test::exitCode(status));
 }
 
 TEST(Settings, DirectoryTextsStayValidAcrossChanges) {

@@ -5,6 +5,7 @@
 // the build made of them.
 #include <nl_types.h>
 #include <stdint.h>
+#include <stdlib.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -134,6 +135,28 @@ TEST_P(MessageFile, FollowsTheFormatAndTheNumbering) {
 
 INSTANTIATE_TEST_SUITE_P(Files, MessageFile, ::testing::ValuesIn(kFiles),
                          [](const auto& info) { return std::string(info.param.name); });
+
+// msggen refuses a source outside the subset, before it writes anything, so
+// that no text reaches the tables or the catalogs other than as written.
+TEST(MessageSource, MsggenRefusesWhatItCannotCompile) {
+  const std::string head = "$ zar-message-source technology=1 component=fzt\n$quote \"\n$set 1\n";
+  const std::pair<std::string, const char*> bad[] = {  // source, reason
+      {head + "1 \"a \" b\"\n", "unescaped quote"},
+      {head + "1 \"a\\qb\"\n", "unknown escape"},
+      {head + "2 \"a\"\n1 \"b\"\n", "numbers must ascend"},
+      {head + "4096 \"a\"\n", "out of range"},
+      {"$ zar-message-source technology=2 component=fzt\n", "technology must be 1 or 3"},
+      {"$quote \"\n", "missing zar-message-source line"}};
+  test::TempDir dir;
+  for (const auto& [source, reason] : bad) {
+    test::writeFile(dir.file("fzt.msg"), source);
+    const std::string cmd = test::buildDir() + "/zar_msggen --cc " + dir.file("out.cc") + " --catalogs " +
+                            dir.file("cat") + " " + dir.file("fzt.msg") + " 2>" + dir.file("err");
+    EXPECT_NE(0, system(cmd.c_str())) << reason;
+    EXPECT_NE(std::string::npos, test::readFile(dir.file("err")).find(reason)) << reason;
+    EXPECT_FALSE(test::fileExists(dir.file("out.cc"))) << reason;
+  }
+}
 
 // Translations: only numbers of the English file, the same identifier, the
 // same conversions in the same order; technology-1 translations are

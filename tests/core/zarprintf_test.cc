@@ -92,6 +92,7 @@ TEST(ZarPrintf, FormatsAsDescribed) {
       {F("%p|%5p|%-5p|", nullptr, nullptr, nullptr), "|     |     |"},
       {F("%p|%012p|%.6p", beef, beef, beef), "0xbeef|0x000000beef|0x00beef"},
       {F("%#.0o|%#.0x|%.0o|%.0d|%+.0d", 0, 0, 0, 0, 0), "||||+"},
+      {F("%#o|%#.2o|%#.4o", 7, 8, 8), "07|010|0010"},  // one leading zero, unless the precision gave it
       {F("%*d|%-*s|", -4, 7, -3, "a"), "7|a|"},  // negative width argument: no width
       {F("%*f|", -10, 1.0), "1.000000  |"},      // except for floating conversions
       {F("%.*s|%.*d|%0*.*d", -1, "abc", -1, 7, 3, -1, 7), "|7|  7"},
@@ -222,7 +223,7 @@ TEST(ZarPrintfWide, ConvertsIntoTheCodeSet) {
     std::string want;
   } rows[] = {
       {W(u8, 99, "%S|%C", u"h\u00e9llo", u'\u20ac'), "10:h\u00e9llo|\u20ac"},
-      {W(u8, 99, "%S", u"\U0001D11E"), "4:\U0001D11E"},  // a surrogate pair is one character
+      {W(u8, 99, "%S", u"\U0001D11E\U000103FF"), "8:\U0001D11E\U000103FF"},  // pairs, one character each
       {W(u8, 99, "%3C|%-3C|%lC", u'\u00e9', u'\u00e9', u'x'), "9: \u00e9|\u00e9 |x"},
       {W(u8, 99, "%.3S|%.4S|%.0S|%.*S", ee, ee, ee, -1, ee), "9:\u00e9|\u00e9\u00e9||"},
       {W(u8, 99, "%6S|%-6S|%S", ee, ee, static_cast<char16_t*>(nullptr)),

@@ -223,7 +223,8 @@ TEST(ZarPrintfWide, ConvertsIntoTheCodeSet) {
     std::string want;
   } rows[] = {
       {W(u8, 99, "%S|%C", u"h\u00e9llo", u'\u20ac'), "10:h\u00e9llo|\u20ac"},
-      {W(u8, 99, "%S", u"\U0001D11E\U000103FF"), "8:\U0001D11E\U000103FF"},  // pairs, one character each
+      {W(u8, 99, "%S|%.8S", u"\U0001D11E", u"\U000103FF\U0001D11E"),  // pairs, one character each
+       "13:\U0001D11E|\U000103FF\U0001D11E"},
       {W(u8, 99, "%3C|%-3C|%lC", u'\u00e9', u'\u00e9', u'x'), "9: \u00e9|\u00e9 |x"},
       {W(u8, 99, "%.3S|%.4S|%.0S|%.*S", ee, ee, ee, -1, ee), "9:\u00e9|\u00e9\u00e9||"},
       {W(u8, 99, "%6S|%-6S|%S", ee, ee, static_cast<char16_t*>(nullptr)),

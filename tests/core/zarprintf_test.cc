@@ -92,7 +92,7 @@ TEST(ZarPrintf, FormatsAsDescribed) {
       {F("%p|%5p|%-5p|", nullptr, nullptr, nullptr), "|     |     |"},
       {F("%p|%012p|%.6p", beef, beef, beef), "0xbeef|0x000000beef|0x00beef"},
       {F("%#.0o|%#.0x|%.0o|%.0d|%+.0d", 0, 0, 0, 0, 0), "||||+"},
-      {F("%#o|%#.2o|%#.4o", 7, 8, 8), "07|010|0010"},  // one leading zero, unless the precision gave it
+      {F("%#o|%#.2o|%#.4o", 7, 8, 8), "07|010|0010"},  // one leading zero, or the precision's
       {F("%*d|%-*s|", -4, 7, -3, "a"), "7|a|"},  // negative width argument: no width
       {F("%*f|", -10, 1.0), "1.000000  |"},      // except for floating conversions
       {F("%.*s|%.*d|%0*.*d", -1, "abc", -1, 7, 3, -1, 7), "|7|  7"},

@@ -308,7 +308,12 @@ TEST_F(StanzaTest, EditsGiveTheFileTextAndStatus) {
        "[s]\n[t]\n", ZAR_S_STZ_READ_FAILED},
       {kTwo, [](F f) { zarStzDeleteStanza(f, "a"); addEntry(f, "b", "z", "3"); }, "[b]\ny = 2\nz = 3\n"},
       // What was appended reaches the file before a replacement reads it.
-      {kTwo, [](F f) { zarStzAddStanza(f, "c"); zarStzAddEntry(f, "k", "v"); zarStzDeleteStanza(f, "a"); },
+      {kTwo,
+       [](F f) {
+         zarStzAddStanza(f, "c");
+         zarStzAddEntry(f, "k", "v");
+         zarStzDeleteStanza(f, "a");
+       },
        "[b]\ny = 2\n[c]\nk = v\n"},
       {kTwo, [](F f) { EXPECT_EQ(1, zarStzDeleteStanza(f, "none")); }, kTwo},  // nothing to remove
       {kTwo, [](F f) { zarStzAddEntry(f, "k", "v"); }, kTwo, ZAR_S_STZ_READ_ONLY, ZAR_STZ_READ},
@@ -375,7 +380,8 @@ TEST_F(StanzaTest, FailedEditsLeaveTheOldTextOrTheNew) {
       all += e.path().filename().string() + " ";
     return all;
   };
-  for (fault::Op op : {fault::Op::kWrite, fault::Op::kFsync, fault::Op::kTruncate, fault::Op::kUnlink}) {
+  using fault::Op;
+  for (Op op : {Op::kWrite, Op::kFsync, Op::kTruncate, Op::kUnlink}) {
     for (long failAt = 0; failAt <= 4; ++failAt) {
       SCOPED_TRACE(std::to_string(static_cast<int>(op)) + " at " + std::to_string(failAt));
       Stz f = openStz(file(kTwo), ZAR_STZ_WRITE);

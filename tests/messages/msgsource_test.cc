@@ -5,8 +5,8 @@
 // the build made of them.
 #include <nl_types.h>
 #include <stdint.h>
-#include <stdlib.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
@@ -37,7 +37,8 @@ Source parseSource(const std::string& path) {
   std::vector<std::string> lines = test::splitLines(test::readFile(path));
   std::istringstream items(lines.empty() ? "" : lines[0]);
   for (std::string item; items >> item;)
-    if (size_t eq = item.find('='); eq != std::string::npos) src.meta[item.substr(0, eq)] = item.substr(eq + 1);
+    if (size_t eq = item.find('='); eq != std::string::npos)
+      src.meta[item.substr(0, eq)] = item.substr(eq + 1);
   for (const std::string& ln : lines) {
     std::smatch m;
     if (!std::regex_match(ln, m, kMessage)) continue;
@@ -140,7 +141,8 @@ INSTANTIATE_TEST_SUITE_P(Files, MessageFile, ::testing::ValuesIn(kFiles),
 // that no text reaches the tables or the catalogs other than as written.
 TEST(MessageSource, MsggenRefusesWhatItCannotCompile) {
   const std::string head = "$ zar-message-source technology=1 component=fzt\n$quote \"\n$set 1\n";
-  const std::pair<std::string, const char*> bad[] = {  // source, reason
+  // Each source, with the reason msggen gives for refusing it.
+  const std::pair<std::string, const char*> bad[] = {
       {head + "1 \"a \" b\"\n", "unescaped quote"},
       {head + "1 \"a\\qb\"\n", "unknown escape"},
       {head + "2 \"a\"\n1 \"b\"\n", "numbers must ascend"},
@@ -150,8 +152,9 @@ TEST(MessageSource, MsggenRefusesWhatItCannotCompile) {
   test::TempDir dir;
   for (const auto& [source, reason] : bad) {
     test::writeFile(dir.file("fzt.msg"), source);
-    const std::string cmd = test::buildDir() + "/zar_msggen --cc " + dir.file("out.cc") + " --catalogs " +
-                            dir.file("cat") + " " + dir.file("fzt.msg") + " 2>" + dir.file("err");
+    const std::string cmd = test::buildDir() + "/zar_msggen --cc " + dir.file("out.cc") +
+                            " --catalogs " + dir.file("cat") + " " + dir.file("fzt.msg") + " 2>" +
+                            dir.file("err");
     EXPECT_NE(0, system(cmd.c_str())) << reason;
     EXPECT_NE(std::string::npos, test::readFile(dir.file("err")).find(reason)) << reason;
     EXPECT_FALSE(test::fileExists(dir.file("out.cc"))) << reason;

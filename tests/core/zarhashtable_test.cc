@@ -79,12 +79,13 @@ TEST(ZARHashTable, WalkOrderAndShadowing) {
   ASSERT_TRUE(t.insertTail(new Key(3, "k"), new Value(1)));
   ASSERT_TRUE(t.insertTail(new Key(32, "k"), new Value(2)));  // 32 % 29 == 3
   ASSERT_TRUE(t.insertHead(new Key(100, "in13"), nullptr));   // 100 % 29 == 13
-  EXPECT_EQ((Walk{{"k", 1}, {"k", 2}, {"in13", -1}, {"in25", 25}}), walk(t));
+  ASSERT_TRUE(t.insertTail(new Key(28, "in28"), new Value(28)));  // the last bucket
+  EXPECT_EQ((Walk{{"k", 1}, {"k", 2}, {"in13", -1}, {"in25", 25}, {"in28", 28}}), walk(t));
   EXPECT_EQ(1, t.find(Key(3, "k"))->v);
   EXPECT_EQ(nullptr, t.find(Key(100, "in13")));  // a null value answers like a miss
   ASSERT_TRUE(t.insertHead(new Key(61, "k"), new Value(3)));  // 61 % 29 == 3
   EXPECT_EQ(3, t.find(Key(3, "k"))->v);
-  EXPECT_EQ(5u, t.getCount());
+  EXPECT_EQ(6u, t.getCount());
 }
 
 TEST(ZARHashTable, OwningAndReferringTablesDeleteEachObjectOnce) {

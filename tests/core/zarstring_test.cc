@@ -145,20 +145,6 @@ TEST(ZARString, AllocationFailureLeavesTheStringUnchanged) {
   EXPECT_STREQ("", s.getData());
 }
 
-TEST(ZARString, MoveTakesTheBlockAndEmptiesTheSource) {
-  ZARString longer(std::string(60, 'L').c_str());
-  const char* block = longer.getData();
-  ZARString moved(std::move(longer));
-  EXPECT_EQ(block, moved.getData());
-  EXPECT_EQ(0, longer.getLen());      // NOLINT(bugprone-use-after-move)
-  EXPECT_EQ(30u, longer.capacity());  // NOLINT(bugprone-use-after-move)
-  ZARString shorter("tiny");
-  moved = std::move(shorter);
-  EXPECT_EQ("tiny", text(moved));
-  EXPECT_TRUE(isInline(moved));
-  EXPECT_NE(shorter.getData(), moved.getData());  // NOLINT(bugprone-use-after-move)
-}
-
 // A ZARString's hash stops at a NUL byte, a reference's does not.
 TEST(ZARString, HashOfStringAndReference) {
   const std::string embedded("a\0b", 3);

@@ -3,14 +3,12 @@
 #include "platform/nlz.h"
 
 #include <errno.h>
-#include <locale.h>
 #include <string.h>
 
 #include <string>
 #include <tuple>
 #include <vector>
 
-#include "tests/testutil/stress.h"
 #include "tests/testutil/testutil.h"
 
 namespace {
@@ -132,25 +130,6 @@ TEST(OneChar, WctombAndMblenAgree) {
   EXPECT_EQ(-1, nlz_mblen(cs("EUC-JP"), "\xff", 1));
 }
 
-TEST(OneChar, NullHandleFollowsTheThreadLocale) {
-  locale_t latin1 = newlocale(LC_ALL_MASK, "de_DE.ISO-8859-1", nullptr);
-  locale_t utf8 = newlocale(LC_ALL_MASK, "de_DE.UTF-8", nullptr);
-  ASSERT_NE(nullptr, latin1) << "LOCPATH must hold the test locales";
-  ASSERT_NE(nullptr, utf8);
-  char out[8];
-  locale_t old = uselocale(latin1);
-  EXPECT_EQ(1, nlz_wctomb(nullptr, out, 0xE4));
-  EXPECT_EQ(1, nlz_mblen(nullptr, "\xe4", 1));
-  EXPECT_STREQ("ISO-8859-1", nlz_cs_name(nullptr));
-  uselocale(utf8);
-  EXPECT_EQ(2, nlz_wctomb(nullptr, out, 0xE4));
-  EXPECT_EQ(-1, nlz_mblen(nullptr, "\xe4", 1));
-  EXPECT_EQ(1, nlz_cs_is_utf8(nullptr));
-  uselocale(old);
-  freelocale(latin1);
-  freelocale(utf8);
-}
-
 TEST(Text, StrstrMatchesAtCharacterBoundariesAndIswspaceKnowsUnicode) {
   const char* hay = "\xa4\xa2\xa4\xa4x";  // two EUC-JP characters then 'x'
   EXPECT_EQ(nullptr, nlz_strstr(cs("EUC-JP"), hay, "\xa2\xa4"));  // straddles a boundary
@@ -163,20 +142,6 @@ TEST(Text, StrstrMatchesAtCharacterBoundariesAndIswspaceKnowsUnicode) {
   for (nlz_wchar_t wc : {0x20, 0x09, 0x0A, 0x0B, 0x0C, 0x0D, 0xA0, 0x2003, 0x3000, 0x2028})
     EXPECT_EQ(1, nlz_iswspace(wc)) << wc;
   for (nlz_wchar_t wc : {0x41, 0x00, 0x200B, 0xFEFF, 0x5F}) EXPECT_EQ(0, nlz_iswspace(wc)) << wc;
-}
-
-TEST(Text, ConcurrentConversionsOnOneHandleStayCorrect) {
-  nlz_cs_t euc = nlz_cs_new("EUC-JP");
-  EXPECT_EQ(0, zar::test::runConcurrently(4, [euc](int) {
-              long wrong = 0;
-              for (int i = 0; i < 300; ++i) {
-                wrong += convert(euc, true, "\xa4\xa2\xa4\xa4") != "\xe3\x81\x82\xe3\x81\x84";
-                wrong += nlz_mblen(euc, "\xa4\xa2", 2) != 2;
-                wrong += convert(euc, false, "\xe3\x81\x82") != "\xa4\xa2";
-              }
-              return wrong;
-            }));
-  nlz_cs_free(euc);
 }
 
 TEST(Locale, ObjectsKnowTheirNameAndCodeSet) {
@@ -215,20 +180,6 @@ TEST(Locale, CanonicalNamesAndLanguages) {
     EXPECT_EQ(loc, canon(nlz_canonical_loc)) << (name ? name : "null");
     EXPECT_EQ(lang, canon(nlz_canonical_lang)) << (name ? name : "null");
   }
-}
-
-TEST(Locale, ProcessNamesFollowSetlocale) {
-  int status = zar::test::runInChild([] {
-    char lang[64], codeset[32];
-    if (nlz_os_cs_name(codeset, sizeof codeset) != 0 || strcmp(codeset, "ANSI_X3.4-1968") != 0)
-      return 1;
-    if (setlocale(LC_ALL, "de_DE.ISO-8859-1") == nullptr) return 2;
-    if (nlz_os_lang_name(lang, sizeof lang) != 0 || strcmp(lang, "de_DE.ISO-8859-1") != 0) return 3;
-    if (nlz_os_cs_name(codeset, sizeof codeset) != 0 || strcmp(codeset, "ISO-8859-1") != 0)
-      return 4;
-    return nlz_os_lang_name(lang, 4) == -1 ? 0 : 5;  // does not fit
-  });
-  EXPECT_EQ(0, zar::test::exitCode(status));
 }
 
 TEST(Settings, DirectoryTextsStayValidAcrossChanges) {

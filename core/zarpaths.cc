@@ -27,9 +27,12 @@ const char* const kDefaults[ZAR_PATH_COUNT] = {
     "/opt/kpsrv/",      "/opt/kpsrv/bin/", "/opt/kpsrv/etc/",     nullptr,
     "/opt/kpsrv/sbin/", "/opt/kpsrv/lib/", "/opt/kpsrv/nls/msg/", "/opt/kpsrv/nls/NLZ/",
     "/var/kpsrv/log/",  "/opt/Brantholm/"};
-std::atomic<const char*> gNlzDir{kDefaults[ZAR_PATH_NLZ_DIR]};
-zar::Mutex gLoadMutex = PTHREAD_MUTEX_INITIALIZER;  // serialises zar_load_paths
-pthread_once_t gPathOnce = PTHREAD_ONCE_INIT;
+struct PathState {
+  pthread_once_t once;              // the paths are loaded once before the first read
+  zar::Mutex loadMu;                // serialises zar_load_paths
+  std::atomic<const char*> nlzDir;  // entry 7; stored under loadMu, read without it
+};
+PathState gPaths = {PTHREAD_ONCE_INIT, PTHREAD_MUTEX_INITIALIZER, {kDefaults[ZAR_PATH_NLZ_DIR]}};
 
 // 0 and *out = base/sub when that exists (of any kind); otherwise non-zero
 // and *out = null.
@@ -65,16 +68,16 @@ extern "C" {
 
 ZAR_API const char* zar_load_paths(void) {
   using namespace zar::paths;
-  zar::MutexLock lock(gLoadMutex);
+  zar::MutexLock lock(gPaths.loadMu);
   nlz_get_dir();
   qumbra_initialize();
   const char* dir = nlz_get_dir();
   if (dir == nullptr || *dir == '\0') return nullptr;
-  const char* current = gNlzDir.load(std::memory_order_acquire);
+  const char* current = gPaths.nlzDir.load(std::memory_order_acquire);
   if (current != kDefaults[ZAR_PATH_NLZ_DIR] && strcmp(current, dir) == 0) return current;
   char* copy = zar::mem::strDup(dir);
   if (copy == nullptr) return nullptr;
-  gNlzDir.store(copy, std::memory_order_release);
+  gPaths.nlzDir.store(copy, std::memory_order_release);
   return copy;
 }
 
@@ -84,9 +87,9 @@ ZAR_API void zar_path_initialize(void) {
 
 ZAR_API const char* zar_get_path(unsigned int index) {
   using namespace zar::paths;
-  pthread_once(&gPathOnce, zar_path_initialize);
+  pthread_once(&gPaths.once, zar_path_initialize);
   if (index >= ZAR_PATH_COUNT) return nullptr;
-  if (index == ZAR_PATH_NLZ_DIR) return gNlzDir.load(std::memory_order_acquire);
+  if (index == ZAR_PATH_NLZ_DIR) return gPaths.nlzDir.load(std::memory_order_acquire);
   return kDefaults[index];
 }
 

@@ -18,10 +18,13 @@ namespace {
 
 constexpr char kRecordName[] = "core/zarrandom";
 
-// Invariants: kryCtx is written once, inside zarkryInitOnceBlock, and only
-// read afterwards; null when the toolkit could not be set up.
-KRY_CTX kryCtx = nullptr;
-pthread_once_t zarkryInitOnceBlock = PTHREAD_ONCE_INIT;
+// Invariants: ctx is set once, inside once, and only read afterwards; null
+// when the toolkit could not be set up.
+struct RandomState {
+  pthread_once_t once;
+  KRY_CTX ctx;
+};
+RandomState gRandom = {PTHREAD_ONCE_INIT, nullptr};
 
 void initContext() {
   KRY_STATUS st;
@@ -35,7 +38,7 @@ void initContext() {
     memset(&st, 0, sizeof st);
     KRY_Attach(ctx, &st);
   }
-  kryCtx = ctx;
+  gRandom.ctx = ctx;
 }
 
 }  // namespace
@@ -44,10 +47,10 @@ void initContext() {
 extern "C" ZAR_API uint32_t zar_get_random_bytes(void* buffer, uint32_t count) {
   using namespace zar::random;
   if (count == 0 || buffer == nullptr) return ZAR_S_INVALID_INPUT;
-  pthread_once(&zarkryInitOnceBlock, initContext);
-  if (kryCtx == nullptr) return ZAR_S_NO_MEMORY;
-  if (KRY_RAND_bytes(kryCtx, static_cast<unsigned char*>(buffer), count) == 1) return ZAR_S_OK;
-  unsigned long err = KRY_ERR_get_error(kryCtx);
+  pthread_once(&gRandom.once, initContext);
+  if (gRandom.ctx == nullptr) return ZAR_S_NO_MEMORY;
+  if (KRY_RAND_bytes(gRandom.ctx, static_cast<unsigned char*>(buffer), count) == 1) return ZAR_S_OK;
+  unsigned long err = KRY_ERR_get_error(gRandom.ctx);
   if (err != 0) {
     char text[KRY_ERROR_STRING_LEN];
     KRY_ERR_error_string(err, text);

@@ -31,9 +31,12 @@ struct StartRecord {
 
 // The delay machinery: a process-wide mutex and a condition that nobody
 // signals; it exists only to wait with a deadline.
-// Invariants: waitMutex is a leaf lock, held only around the timed wait.
-zar::Mutex waitMutex = PTHREAD_MUTEX_INITIALIZER;
-pthread_cond_t waitCV = PTHREAD_COND_INITIALIZER;  // guarded by waitMutex
+// Invariants: mu is a leaf lock, held only around the timed wait on cv.
+struct DelayState {
+  zar::Mutex mu;
+  pthread_cond_t cv;
+};
+DelayState gDelay = {PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER};
 
 void* zarthreadStart(void* p) {
   mem::Unique<StartRecord> record(static_cast<StartRecord*>(p));
@@ -97,7 +100,7 @@ ZAR_API int zarthread_delay_np(const struct timespec* interval) {
   struct timespec deadline;
   deadline.tv_sec = zar::thread::addSeconds(time(nullptr), rel.tv_sec);
   deadline.tv_nsec = rel.tv_nsec;
-  int rc = pthread_mutex_lock(&zar::thread::waitMutex);
+  int rc = pthread_mutex_lock(&zar::thread::gDelay.mu);
   if (rc != 0) return rc;
   int unlockRc = 0;
   int waitRc;
@@ -105,10 +108,10 @@ ZAR_API int zarthread_delay_np(const struct timespec* interval) {
     // Releases the mutex on the way out, also when the wait is cancelled.
     struct Unlock {
       int* rc;
-      ~Unlock() { *rc = pthread_mutex_unlock(&zar::thread::waitMutex); }
+      ~Unlock() { *rc = pthread_mutex_unlock(&zar::thread::gDelay.mu); }
     } unlock{&unlockRc};
     do {
-      waitRc = pthread_cond_timedwait(&zar::thread::waitCV, &zar::thread::waitMutex, &deadline);
+      waitRc = pthread_cond_timedwait(&zar::thread::gDelay.cv, &zar::thread::gDelay.mu, &deadline);
     } while (waitRc == 0 || waitRc == EINTR);  // nobody signals: only spurious wake-ups
   }
   return waitRc == ETIMEDOUT ? unlockRc : waitRc;

@@ -59,7 +59,7 @@ uint32_t swap32(uint32_t v) { return __builtin_bswap32(v); }
 
 // Invariants: data, index, count, texts, textsLen, path and cs never change
 // after nlz_catopen; every index entry's text lies NUL-terminated inside
-// [texts, texts + textsLen). converted is guarded by mu.
+// [texts, texts + textsLen).
 struct nlz_cat_s {
   char* data = nullptr;  // the whole file
   const char* texts = nullptr;
@@ -73,12 +73,13 @@ struct nlz_cat_s {
   char* path = nullptr;
   nlz_cs_t cs = nullptr;  // shared handle of the catalog's code set, or null
   zar::Mutex mu = PTHREAD_MUTEX_INITIALIZER;
-  Converted** converted = nullptr;  // per index entry; guarded by mu
+  Converted** converted ZAR_GUARDED_BY(mu) = nullptr;  // per index entry
 };
 
 namespace {
 
-void destroyCat(nlz_cat_s* c) {
+// Frees a catalog that no other thread can reach any more.
+void destroyCat(nlz_cat_s* c) ZAR_NO_THREAD_SAFETY_ANALYSIS {
   if (c == nullptr) return;
   if (c->converted != nullptr) {
     for (uint32_t i = 0; i < c->count; ++i) {

@@ -29,22 +29,22 @@ constexpr int kNameMax = 64;
 
 // Descriptors for one direction of one code set.
 // Invariants: free_[0..count_) are open descriptors in the initial state or in
-// any state (they are reset before use); guarded by mu_.
+// any state (they are reset before use).
 struct DescriptorPool {
   zar::Mutex mu = PTHREAD_MUTEX_INITIALIZER;
-  iconv_t free_[kPoolSize];  // guarded by mu
-  int count_ = 0;            // guarded by mu
+  iconv_t free_[kPoolSize] ZAR_GUARDED_BY(mu);
+  int count_ ZAR_GUARDED_BY(mu) = 0;
   const char* to = nullptr;  // iconv names, owned by the handle
   const char* from = nullptr;
 
-  iconv_t acquire() {
+  iconv_t acquire() ZAR_EXCLUDES(mu) {
     {
       zar::MutexLock lock(mu);
       if (count_ > 0) return free_[--count_];
     }
     return iconv_open(to, from);
   }
-  void release(iconv_t cd) {
+  void release(iconv_t cd) ZAR_EXCLUDES(mu) {
     {
       zar::MutexLock lock(mu);
       if (count_ < kPoolSize) {
@@ -54,7 +54,8 @@ struct DescriptorPool {
     }
     iconv_close(cd);
   }
-  void closeAll() {
+  void closeAll() ZAR_EXCLUDES(mu) {
+    zar::MutexLock lock(mu);
     for (int i = 0; i < count_; ++i) iconv_close(free_[i]);
     count_ = 0;
   }
@@ -314,33 +315,41 @@ bool probe(zar_codeset_s* cs) {
   return true;
 }
 
-// ---- Interned names ---------------------------------------------------------------
+// ---- Interned names and shared handles ----------------------------------------------
 
 // Normalised names are interned so that two handles of one code set compare
-// by pointer. Invariants: gNames[0..gNameCount) are never changed or freed.
+// by pointer; the shared handles are made once per code set for all callers.
+// Invariants: names[0..nameCount) are never changed or freed;
+// shared[0..sharedCount) are handles made by nlz_cs_new, never freed, and a
+// handle is published only after it is complete.
 constexpr int kNamesMax = 128;
-zar::Mutex gNamesMu = PTHREAD_MUTEX_INITIALIZER;
-char gNames[kNamesMax][kNameMax];  // guarded by gNamesMu
-int gNameCount = 0;                // guarded by gNamesMu
+constexpr int kSharedMax = 64;
+struct CodeSetState {
+  zar::Mutex namesMu;
+  char names[kNamesMax][kNameMax] ZAR_GUARDED_BY(namesMu);
+  int nameCount ZAR_GUARDED_BY(namesMu);
+  zar::Mutex sharedMu;
+  nlz_cs_t shared[kSharedMax] ZAR_GUARDED_BY(sharedMu);
+  int sharedCount ZAR_GUARDED_BY(sharedMu);
+};
+CodeSetState gCs = {PTHREAD_MUTEX_INITIALIZER, {}, 0, PTHREAD_MUTEX_INITIALIZER, {}, 0};
 
 // The interned copy of a normalised name, or null when the table is full.
-const char* intern(const char* name) {
-  zar::MutexLock lock(gNamesMu);
-  for (int i = 0; i < gNameCount; ++i)
-    if (strcmp(gNames[i], name) == 0) return gNames[i];
-  if (gNameCount == kNamesMax) return nullptr;
-  strcpy(gNames[gNameCount], name);
-  return gNames[gNameCount++];
+const char* intern(const char* name) ZAR_EXCLUDES(gCs.namesMu) {
+  zar::MutexLock lock(gCs.namesMu);
+  for (int i = 0; i < gCs.nameCount; ++i)
+    if (strcmp(gCs.names[i], name) == 0) return gCs.names[i];
+  if (gCs.nameCount == kNamesMax) return nullptr;
+  strcpy(gCs.names[gCs.nameCount], name);
+  return gCs.names[gCs.nameCount++];
 }
 
-// ---- Shared handles and the thread's code set ------------------------------------
-
-// Invariants: gShared[0..gSharedCount) are handles made by nlz_cs_new, never
-// freed; a handle is published only after it is complete.
-constexpr int kSharedMax = 64;
-zar::Mutex gSharedMu = PTHREAD_MUTEX_INITIALIZER;
-nlz_cs_t gShared[kSharedMax];  // guarded by gSharedMu
-int gSharedCount = 0;          // guarded by gSharedMu
+// The shared handle named norm, or null when there is none yet.
+nlz_cs_t findShared(const char* norm) ZAR_REQUIRES(gCs.sharedMu) {
+  for (int i = 0; i < gCs.sharedCount; ++i)
+    if (strcmp(gCs.shared[i]->name, norm) == 0) return gCs.shared[i];
+  return nullptr;
+}
 
 // The calling thread's locale code set, cached by its name.
 struct ThreadCs {
@@ -449,25 +458,22 @@ nlz_cs_t nlz_cs_shared(const char* name) {
     return nullptr;
   }
   {
-    zar::MutexLock lock(gSharedMu);
-    for (int i = 0; i < gSharedCount; ++i)
-      if (strcmp(gShared[i]->name, norm) == 0) return gShared[i];
+    zar::MutexLock lock(gCs.sharedMu);
+    if (nlz_cs_t found = findShared(norm)) return found;
   }
   nlz_cs_t made = nlz_cs_new(name);
   if (made == nullptr) return nullptr;
-  zar::MutexLock lock(gSharedMu);
-  for (int i = 0; i < gSharedCount; ++i) {
-    if (strcmp(gShared[i]->name, norm) == 0) {  // another thread was first
-      nlz_cs_free(made);
-      return gShared[i];
-    }
+  zar::MutexLock lock(gCs.sharedMu);
+  if (nlz_cs_t found = findShared(norm)) {  // another thread was first
+    nlz_cs_free(made);
+    return found;
   }
-  if (gSharedCount == kSharedMax) {
+  if (gCs.sharedCount == kSharedMax) {
     nlz_cs_free(made);
     errno = ENOMEM;
     return nullptr;
   }
-  gShared[gSharedCount++] = made;
+  gCs.shared[gCs.sharedCount++] = made;
   return made;
 }
 

@@ -182,36 +182,40 @@ namespace {
 // Texts handed out by nlz_get_dir and default code-set handles that were
 // replaced are never released: another thread may still be reading them. They
 // stay on a list (so that leak checkers see them as reachable).
-// Invariants: gDir is never null; gKept and the stores to gDir and gDefCs are
-// guarded by gSettingsMu.
 struct Kept {
   Kept* next;
   nlz_cs_t cs;
   char text[1];
 };
-zar::Mutex gSettingsMu = PTHREAD_MUTEX_INITIALIZER;
-pthread_once_t gDirOnce = PTHREAD_ONCE_INIT;
-std::atomic<const char*> gDir{""};
-std::atomic<nlz_cs_t> gDefCs{nullptr};
-Kept* gKept = nullptr;  // guarded by gSettingsMu
+
+// Invariants: dir is never null. dir and defCs are stored under mu and read
+// without it.
+struct LocaleState {
+  zar::Mutex mu;
+  pthread_once_t dirOnce;  // QVNLZDIR, read once
+  std::atomic<const char*> dir;
+  std::atomic<nlz_cs_t> defCs;
+  Kept* kept ZAR_GUARDED_BY(mu);
+};
+LocaleState gLoc = {PTHREAD_MUTEX_INITIALIZER, PTHREAD_ONCE_INIT, {""}, {nullptr}, nullptr};
 
 // A new kept record holding a copy of text (null on no memory).
-Kept* keep(const char* text, nlz_cs_t cs) {
+Kept* keep(const char* text, nlz_cs_t cs) ZAR_REQUIRES(gLoc.mu) {
   size_t n = strlen(text);
   Kept* k = static_cast<Kept*>(zar::mem::alloc(sizeof(Kept) + n));
   if (k == nullptr) return nullptr;
   memcpy(k->text, text, n + 1);
   k->cs = cs;
-  k->next = gKept;
-  gKept = k;
+  k->next = gLoc.kept;
+  gLoc.kept = k;
   return k;
 }
 
-void initDir() {
+void initDir() ZAR_EXCLUDES(gLoc.mu) {
   const char* env = zar::env::get("QVNLZDIR");
   if (env == nullptr || *env == '\0') return;
-  zar::MutexLock lock(gSettingsMu);
-  if (Kept* k = keep(env, nullptr)) gDir.store(k->text, std::memory_order_release);
+  zar::MutexLock lock(gLoc.mu);
+  if (Kept* k = keep(env, nullptr)) gLoc.dir.store(k->text, std::memory_order_release);
 }
 
 }  // namespace
@@ -221,26 +225,28 @@ const char* nlz_get_nlspath(void) {
 }
 
 const char* nlz_get_dir(void) {
-  pthread_once(&gDirOnce, initDir);
-  return gDir.load(std::memory_order_acquire);
+  pthread_once(&gLoc.dirOnce, initDir);
+  return gLoc.dir.load(std::memory_order_acquire);
 }
 
 int nlz_set_dir(const char* dir) {
-  pthread_once(&gDirOnce, initDir);
+  pthread_once(&gLoc.dirOnce, initDir);
   if (dir == nullptr) dir = "";
-  zar::MutexLock lock(gSettingsMu);
-  if (strcmp(gDir.load(std::memory_order_relaxed), dir) == 0) return 0;
+  zar::MutexLock lock(gLoc.mu);
+  if (strcmp(gLoc.dir.load(std::memory_order_relaxed), dir) == 0) return 0;
   Kept* k = keep(dir, nullptr);
   if (k == nullptr) return -1;
-  gDir.store(k->text, std::memory_order_release);
+  gLoc.dir.store(k->text, std::memory_order_release);
   return 0;
 }
 
 int nlz_set_def_cs(nlz_cs_t cs) {
-  zar::MutexLock lock(gSettingsMu);
+  zar::MutexLock lock(gLoc.mu);
   if (cs != nullptr && keep("", cs) == nullptr) return -1;
-  gDefCs.store(cs, std::memory_order_release);
+  gLoc.defCs.store(cs, std::memory_order_release);
   return 0;
 }
 
-nlz_cs_t nlz_get_def_cs(void) { return gDefCs.load(std::memory_order_acquire); }
+nlz_cs_t nlz_get_def_cs(void) {
+  return gLoc.defCs.load(std::memory_order_acquire);
+}

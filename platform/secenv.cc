@@ -19,11 +19,13 @@ constexpr char kZoneDir[] = "/usr/share/zoneinfo/";
 // library hands them to constructors: a value whose text lies in this block
 // came from whoever ran the program; setenv and putenv make new strings.
 //
-// Invariants: written once by the constructor before main, read-only after.
+// Invariants: lo, hi and known are written once by the constructor before
+// main, read-only after.
 struct StartEnv {
   const char* lo = nullptr;  // lowest byte of any start-up string
   const char* hi = nullptr;  // one past the end of the highest
   bool known = false;        // false: every value counts as from the start
+  pthread_once_t noticeOnce = PTHREAD_ONCE_INIT;  // the ignored settings are said once
 };
 StartEnv gStart;
 
@@ -104,8 +106,6 @@ void sayIgnored() {
   rawLog("%s\n", line);
 }
 
-pthread_once_t gNoticeOnce = PTHREAD_ONCE_INIT;
-
 }  // namespace
 
 bool privileged() {
@@ -128,7 +128,7 @@ bool refused(const char* name, const char* value) {
 const char* get(const char* name) {
   const char* value = getenv(name);
   if (!privileged()) return value;
-  pthread_once(&gNoticeOnce, sayIgnored);
+  pthread_once(&gStart.noticeOnce, sayIgnored);
   if (value != nullptr && fromStart(value) && refused(name, value)) return nullptr;
   return value;
 }

@@ -17,16 +17,21 @@ constexpr uint32_t kAssertMessage = 0x106521FA;
 constexpr uint32_t kAssertAttributes = svc_c_sev_fatal | svc_c_action_abort;
 
 // The component of checks that have no handle of their own: registered once,
-// at the first such failure, and never unregistered.
-zar_svc_subcomp gAssertTable[] = {{"assert", "DCE assertion failures", 0, 0},
-                                  {nullptr, nullptr, 0, 0}};
-zar_svc_handle gAssertHandle = nullptr;
-pthread_once_t gAssertOnce = PTHREAD_ONCE_INIT;
+// at the first such failure, and never unregistered. handle is set once,
+// inside once; the table belongs to the serviceability after registration.
+struct AssertState {
+  pthread_once_t once;
+  zar_svc_handle handle;
+  zar_svc_subcomp table[2];
+};
+AssertState gAssert = {PTHREAD_ONCE_INIT,
+                       nullptr,
+                       {{"assert", "DCE assertion failures", 0, 0}, {nullptr, nullptr, 0, 0}}};
 
 void registerAssertComponent() {
   zar::svc::SvcLockUnlessHeld lock;
   unsigned long st = 0;
-  gAssertHandle = zar::svc::registerHandle(gAssertTable, "dce", &st);
+  gAssert.handle = zar::svc::registerHandle(gAssert.table, "dce", &st);
 }
 
 }  // namespace
@@ -34,8 +39,8 @@ void registerAssertComponent() {
 extern "C" void zar___assert(struct zar_svc_handle_s* handle, const char* expr, const char* file,
                              int line) {
   if (handle == nullptr) {
-    pthread_once(&gAssertOnce, registerAssertComponent);
-    handle = gAssertHandle;
+    pthread_once(&gAssert.once, registerAssertComponent);
+    handle = gAssert.handle;
   }
   // A check inside the serviceability fails with the mutex held; its record
   // is printed without taking it again.

@@ -92,16 +92,16 @@ namespace {
 // Invariants: dests holds count destinations, never removed; routes lists
 // every open route of both types.
 struct CollectState {
-  Destination** dests = nullptr;  // mutex
-  OpenRoute* routes = nullptr;    // mutex
-  uint32_t count = 0;             // mutex
-  uint64_t queueLimit = 0;        // mutex: from SVC_COLLECTOR_QUEUE, read once
-  bool exitHandlerSet = false;    // mutex
+  Destination** dests ZAR_GUARDED_BY(svc::gSvc.mutex) = nullptr;
+  OpenRoute* routes ZAR_GUARDED_BY(svc::gSvc.mutex) = nullptr;
+  uint32_t count ZAR_GUARDED_BY(svc::gSvc.mutex) = 0;
+  uint64_t queueLimit ZAR_GUARDED_BY(svc::gSvc.mutex) = 0;  // from SVC_COLLECTOR_QUEUE, read once
+  bool exitHandlerSet ZAR_GUARDED_BY(svc::gSvc.mutex) = false;
 };
 
 CollectState gCol;
 
-uint64_t queueLimit() {
+uint64_t queueLimit() ZAR_REQUIRES(svc::gSvc.mutex) {
   if (gCol.queueLimit == 0) {
     gCol.queueLimit = kDefaultQueueLimit;
     if (const char* text = zar::env::get("SVC_COLLECTOR_QUEUE")) {
@@ -328,7 +328,7 @@ bool drain(Destination* d, int64_t deadline) {
   return true;
 }
 
-bool enqueue(Destination* d, const char* data, size_t len) {
+bool enqueue(Destination* d, const char* data, size_t len) ZAR_REQUIRES(svc::gSvc.mutex) {
   if (d->queued >= queueLimit()) return false;
   auto q = static_cast<Queued*>(mem::alloc(sizeof(Queued) + len));
   if (q == nullptr) return false;
@@ -346,10 +346,11 @@ bool enqueue(Destination* d, const char* data, size_t len) {
 }
 
 // Holds the serviceability mutex if it can be had within timeoutMs: the exit
-// handler must not hang on a thread that holds it for good.
-class TrySvcLock {
+// handler must not hang on a thread that holds it for good. Like the other
+// guards, the analysis takes it as held for its scope; callers test held().
+class ZAR_SCOPED_CAPABILITY TrySvcLock {
  public:
-  explicit TrySvcLock(int timeoutMs) {
+  explicit TrySvcLock(int timeoutMs) ZAR_ACQUIRE(svc::gSvc.mutex) ZAR_NO_THREAD_SAFETY_ANALYSIS {
     svc::ensureInit();
     if (svc::heldByThisThread()) {  // exit called by a print's exit action
       held_ = true;
@@ -363,7 +364,7 @@ class TrySvcLock {
     }
     if (held_) svc::gSvc.owner.store(pthread_self(), std::memory_order_relaxed);
   }
-  ~TrySvcLock() {
+  ~TrySvcLock() ZAR_RELEASE() ZAR_NO_THREAD_SAFETY_ANALYSIS {
     if (held_ && owned_) zar_svc__cleanup_mutex();
   }
   TrySvcLock(const TrySvcLock&) = delete;
@@ -376,7 +377,7 @@ class TrySvcLock {
 };
 
 // One pass over every destination of this process; returns the records left.
-uint64_t drainAll(int64_t deadline) {
+uint64_t drainAll(int64_t deadline) ZAR_REQUIRES(svc::gSvc.mutex) {
   uint64_t left = 0;
   for (uint32_t i = 0; i < gCol.count; ++i) {
     Destination* d = gCol.dests[i];
@@ -388,9 +389,9 @@ uint64_t drainAll(int64_t deadline) {
   return left;
 }
 
-// Mutex held, at exit: what is still queued counts as dropped, and every
+// At exit: what is still queued counts as dropped, and every
 // drop not reported yet is reported now.
-void giveUpAll() {
+void giveUpAll() ZAR_REQUIRES(svc::gSvc.mutex) {
   for (uint32_t i = 0; i < gCol.count; ++i) {
     Destination* d = gCol.dests[i];
     d->dropped += d->queued;
@@ -495,8 +496,14 @@ bool parseAddress(const char* text, const char* defaultPath, bool allowNetwork, 
 
 }  // namespace
 
+// Parses an address form of a route's where text: "unix,PATH",
+// "udp,HOST,PORT" or "tcp,HOST,PORT"; an empty text is the datagram socket
+// defaultPath. allowNetwork false accepts only the unix forms. Resolves the
+// host (once, here). Returns the destination named key (created on first
+// use, shared afterwards, counted per route) or null when the text is not a
+// valid address.
 Destination* acquire(const char* key, const char* address, const char* defaultPath,
-                     bool allowNetwork, bool passLargeAsFile) {
+                     bool allowNetwork, bool passLargeAsFile) ZAR_REQUIRES(svc::gSvc.mutex) {
   for (uint32_t i = 0; i < gCol.count; ++i) {
     Destination* d = gCol.dests[i];
     if (strcmp(d->key, key) != 0) continue;
@@ -529,7 +536,7 @@ Destination* acquire(const char* key, const char* address, const char* defaultPa
   return d;
 }
 
-void release(Destination* d) {
+void release(Destination* d) ZAR_REQUIRES(svc::gSvc.mutex) {
   adoptAfterFork(d);
   if (--d->references > 0) return;
   // Re-routing closes a list before it opens it again: what waits stays
@@ -543,14 +550,17 @@ Transport transportOf(const Destination* d) {
   return d->transport;
 }
 
-void trackRoute(OpenRoute* r) {
+// The route (its dest and typeName set) joins the list of open routes.
+void trackRoute(OpenRoute* r) ZAR_REQUIRES(svc::gSvc.mutex) {
   r->prev = nullptr;
   r->next = gCol.routes;
   if (gCol.routes != nullptr) gCol.routes->prev = r;
   gCol.routes = r;
 }
 
-void untrackRoute(OpenRoute* r) {
+// The route leaves the list of open routes and lets go of its destination
+// (the caller frees the record).
+void untrackRoute(OpenRoute* r) ZAR_REQUIRES(svc::gSvc.mutex) {
   if (r->prev != nullptr) {
     r->prev->next = r->next;
   } else {
@@ -560,7 +570,24 @@ void untrackRoute(OpenRoute* r) {
   release(r->dest);
 }
 
-void releaseRoutesOf(const char* typeName) {
+void* openRoute(const CollectorKind& kind, const char* name, const char* where, const char* address,
+                size_t size) ZAR_REQUIRES(svc::gSvc.mutex) {
+  char key[svc::kMaxRouteText + 16];
+  if (snprintf(key, sizeof key, "%s:%s", name, where) >= static_cast<int>(sizeof key))
+    return nullptr;
+  auto route = static_cast<OpenRoute*>(mem::allocZero(1, size));
+  if (route == nullptr) return nullptr;
+  route->dest = acquire(key, address, kind.defaultPath, kind.allowNetwork, kind.passLargeAsFile);
+  if (route->dest == nullptr) {
+    mem::free(route);
+    return nullptr;
+  }
+  route->typeName = kind.typeName;
+  trackRoute(route);
+  return route;
+}
+
+void releaseRoutesOf(const char* typeName) ZAR_EXCLUDES(svc::gSvc.mutex) {
   svc::SvcLock lock;
   for (OpenRoute* r = gCol.routes; r != nullptr;) {
     OpenRoute* next = r->next;
@@ -582,13 +609,13 @@ void closeRoute(const char* typeName, void*, void* routeData, unsigned long*) {
   mem::free(route);
 }
 
-void countDropped(Destination* d) {
+void countDropped(Destination* d) ZAR_REQUIRES(svc::gSvc.mutex) {
   adoptAfterFork(d);
   ++d->dropped;
   report(d, false);
 }
 
-void submit(Destination* d, const char* data, size_t len) {
+void submit(Destination* d, const char* data, size_t len) ZAR_REQUIRES(svc::gSvc.mutex) {
   adoptAfterFork(d);
   noticePeerClose(d);
   if (d->head != nullptr) drain(d, nowNs() + kBudgetNs);

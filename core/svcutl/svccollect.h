@@ -9,15 +9,16 @@
 // delivered are counted per destination and reported on standard error
 // through the raw path, at most once per report interval.
 //
-// Locking: every function here is called with the serviceability mutex held
-// (route callbacks run under it; the public calls take it), which guards all
-// destination state. No other lock is taken.
+// Locking: the serviceability mutex guards all destination state (route
+// callbacks run under it; the public calls take it). No other lock is taken.
 #ifndef ZAR_CORE_SVCUTL_SVCCOLLECT_H_
 #define ZAR_CORE_SVCUTL_SVCCOLLECT_H_
 
 #include <stddef.h>
 #include <stdint.h>
 
+#include "base/zarlock.h"
+#include "core/svcutl/svcint.h"
 #include "zar/svc.h"
 
 namespace zar::collect {
@@ -26,24 +27,16 @@ enum class Transport { kUnixDatagram, kUdp, kTcp };
 
 struct Destination;
 
-// Parses an address form of a route's where text: "unix,PATH",
-// "udp,HOST,PORT" or "tcp,HOST,PORT"; an empty text is the datagram socket
-// defaultPath. allowNetwork false accepts only the unix forms. Resolves the
-// host (once, here). Returns the destination named key (created on first
-// use, shared afterwards, counted per route) or null when the text is not a
-// valid address. Mutex held.
-Destination* acquire(const char* key, const char* address, const char* defaultPath,
-                     bool allowNetwork, bool passLargeAsFile);
 // One route lets go of its destination. What is still queued when the last
 // one goes stays queued (a route string naming the destination again, a
 // flush or the exit handler sends it); the socket stays open for it.
-void release(Destination* dest);
+void release(Destination* dest) ZAR_REQUIRES(svc::gSvc.mutex);
 Transport transportOf(const Destination* dest);
 
 // Hands one record (a whole datagram, or a whole framed TCP record) to the
 // destination: sent now when nothing waits before it and the collector takes
 // it, else queued; counted as dropped when the queue is full. Never blocks.
-void submit(Destination* dest, const char* data, size_t len);
+void submit(Destination* dest, const char* data, size_t len) ZAR_REQUIRES(svc::gSvc.mutex);
 
 // A route open on a destination, linked into the list of open routes so that
 // a type removed while its routes are open can let go of them all. The
@@ -54,21 +47,35 @@ struct OpenRoute {
   Destination* dest;
   const char* typeName;
 };
-// Mutex held: the route (its dest and typeName set) joins the list, or
-// leaves it and lets go of its destination (the caller frees the record).
-void trackRoute(OpenRoute* route);
-void untrackRoute(OpenRoute* route);
+
+// What the open step of a collector type needs to know of the type.
+struct CollectorKind {
+  const char* typeName;     // the type's name; a route string's key starts with it
+  const char* defaultPath;  // the collector's datagram socket, for an empty address
+  bool allowNetwork;        // the udp and tcp address forms are accepted
+  bool passLargeAsFile;     // a datagram too large goes as a sealed memory file
+};
+
+// Opens a route of a collector type: a zeroed record of size bytes with an
+// OpenRoute first, on the destination that address names (the where text,
+// or what follows the type's own options in it), keyed "name:where"; the
+// route joins the list of open routes. Null when the key is too long, memory
+// is short or the address is not valid.
+void* openRoute(const CollectorKind& kind, const char* name, const char* where, const char* address,
+                size_t size) ZAR_REQUIRES(svc::gSvc.mutex);
 // The type called typeName is removed while routes still use it (its close
 // callback with null route data, which runs without the mutex): every route
-// of the type lets go of its destination and is freed. Takes the mutex.
-void releaseRoutesOf(const char* typeName);
+// of the type lets go of its destination and is freed.
+void releaseRoutesOf(const char* typeName) ZAR_EXCLUDES(svc::gSvc.mutex);
 // The close callback of both types: the route (an OpenRoute first in its
 // record) lets go of its destination and is freed; null route data is the
-// type removed under its routes (releaseRoutesOf).
-void closeRoute(const char* typeName, void* typeData, void* routeData, unsigned long* status);
+// type removed under its routes (releaseRoutesOf). Runs under the mutex for
+// a route, without it for a removed type, which the analysis cannot follow.
+void closeRoute(const char* typeName, void* typeData, void* routeData,
+                unsigned long* status) ZAR_NO_THREAD_SAFETY_ANALYSIS;
 
 // Counts a record that could not even be made (no memory) as dropped.
-void countDropped(Destination* dest);
+void countDropped(Destination* dest) ZAR_REQUIRES(svc::gSvc.mutex);
 
 // Replaces each invalid UTF-8 sequence of in[0..len) by U+FFFD and appends
 // the result to out (at most outLen bytes, never cutting a character), with

@@ -28,7 +28,7 @@ struct LevelNote {
 };
 
 // Where the levels set by a list are told. Told at once: the callbacks run
-// as each level is set (the caller holds the mutex). Collected: the notes and
+// as each level is set, under the mutex. Collected: the notes and
 // the callbacks of the moment are kept, and tell() calls them later without
 // the mutex.
 class LevelTeller {
@@ -41,7 +41,7 @@ class LevelTeller {
   LevelTeller(const LevelTeller&) = delete;
   LevelTeller& operator=(const LevelTeller&) = delete;
 
-  // Mutex held. Takes the callbacks of the moment; false when memory is short.
+  // Takes the callbacks of the moment; false when memory is short.
   bool snapshotCallbacks() ZAR_REQUIRES(zar::svc::gSvc.mutex) {
     if (!collect_ || gSvc.nCallbacks == 0) return true;
     callbacks_ = static_cast<zar_svc_level_fn*>(
@@ -52,8 +52,8 @@ class LevelTeller {
     }
     return true;
   }
-  // Mutex held. Room for one more note before a level is set.
-  bool reserve() {
+  // Room for one more note before a level is set.
+  bool reserve() ZAR_REQUIRES(zar::svc::gSvc.mutex) {
     if (!collect_ || nCallbacks_ == 0 || count_ < capacity_) return true;
     uint32_t capacity = capacity_ == 0 ? 8 : capacity_ * 2;
     auto grown = static_cast<LevelNote*>(mem::realloc(notes_, capacity * sizeof(LevelNote)));
@@ -62,7 +62,7 @@ class LevelTeller {
     capacity_ = capacity;
     return true;
   }
-  // Mutex held; after reserve().
+  // After reserve().
   void levelSet(const char* component, const zar_svc_subcomp& entry, uint32_t level)
       ZAR_REQUIRES(zar::svc::gSvc.mutex) {
     if (collect_) {
@@ -74,9 +74,8 @@ class LevelTeller {
       if (fn != nullptr) fn(component, entry.name, entry.description_id, level);
     }
   }
-  // Mutex not held: the collected notes, each to every callback in
-  // registration order.
-  void tell(const char* component) const {
+  // The collected notes, each to every callback in registration order.
+  void tell(const char* component) const ZAR_EXCLUDES(zar::svc::gSvc.mutex) {
     for (uint32_t n = 0; n < count_; ++n) {
       for (uint32_t i = 0; i < nCallbacks_; ++i)
         callbacks_[i](component, notes_[n].subcomp, notes_[n].descriptionId, notes_[n].level);
@@ -104,8 +103,8 @@ int readLevel(const char* text) {
   return static_cast<int>(v);
 }
 
-// Mutex held. Sets one entry's level and tells it; false when memory is
-// short for the note (nothing is set then).
+// Sets one entry's level and tells it; false when memory is short for the
+// note (nothing is set then).
 bool setLevel(zar_svc_handle handle, zar_svc_subcomp* entry, uint32_t level, LevelTeller* teller,
               bool callbacks) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   if (callbacks && !teller->reserve()) return false;
@@ -114,7 +113,7 @@ bool setLevel(zar_svc_handle handle, zar_svc_subcomp* entry, uint32_t level, Lev
   return true;
 }
 
-// Mutex held. Applies a level list item by item; returns the status (the
+// Applies a level list item by item; returns the status (the
 // items before a bad one stay applied).
 uint32_t applyLevels(zar_svc_handle handle, const char* levels, bool callbacks, LevelTeller* teller)
     ZAR_REQUIRES(zar::svc::gSvc.mutex) {

@@ -42,7 +42,7 @@ void debugFillProlog(zar_svc_record* record, void* context) ZAR_REQUIRES(zar::sv
   copyProgname(p.progname);
 }
 
-// Mutex held. True when the message is not to be printed: a level outside 1
+// True when the message is not to be printed: a level outside 1
 // to 9, a sub-component beyond the table, settings that cannot be settled,
 // or a sub-component level below the message's.
 bool debugTestLevel(zar_svc_handle handle, uint32_t subcomp, uint32_t level)

@@ -15,19 +15,19 @@
 namespace zar::svc {
 namespace {
 
-// Invariants: a bit is set once its severity's faulty setting was reported;
-// bits are never cleared, so each severity is reported at most once however
-// often its empty list is filled in again.
-uint32_t gReportedSeverities = 0;  // guarded by the serviceability mutex
-std::atomic<bool> gReportedRoutingFile{false};
-
-// The routes made from a setting of the environment or the routing file.
-// Route records are never freed, so their addresses identify them for good.
-struct Marked {
-  const zar_svc_route_s** routes = nullptr;  // guarded by the serviceability mutex
-  size_t count = 0;                          // guarded by the serviceability mutex
+// What was reported once, and the routes made from a setting of the
+// environment or the routing file. Invariants: a bit of reportedSeverities is
+// set once its severity's faulty setting was reported; bits are never cleared,
+// so each severity is reported at most once however often its empty list is
+// filled in again. Route records are never freed, so the addresses in marked
+// identify them for good.
+struct DiagState {
+  uint32_t reportedSeverities ZAR_GUARDED_BY(gSvc.mutex) = 0;
+  std::atomic<bool> reportedRoutingFile{false};
+  const zar_svc_route_s** marked ZAR_GUARDED_BY(gSvc.mutex) = nullptr;
+  size_t markedCount ZAR_GUARDED_BY(gSvc.mutex) = 0;
 };
-Marked gMarked;
+DiagState gDiag;
 
 bool isFileKindWord(const char* word, size_t len) {
   for (const char* k : {"TEXTFILE", "UTF8FILE", "XMLFILE", "FILE"}) {
@@ -84,22 +84,22 @@ void markRoutesFromSetting(const svc_route_list* list) {
   for (int32_t i = 0; i < list->count; ++i) {
     if (!isFileKind(list->routes[i]->kind) || fromSetting(list->routes[i])) continue;
     auto grown = static_cast<const zar_svc_route_s**>(
-        mem::realloc(gMarked.routes, (gMarked.count + 1) * sizeof(zar_svc_route_s*)));
+        mem::realloc(gDiag.marked, (gDiag.markedCount + 1) * sizeof(zar_svc_route_s*)));
     if (grown == nullptr) return;  // only a notice is lost
-    gMarked.routes = grown;
-    gMarked.routes[gMarked.count++] = list->routes[i];
+    gDiag.marked = grown;
+    gDiag.marked[gDiag.markedCount++] = list->routes[i];
   }
 }
 
 bool fromSetting(const zar_svc_route_s* route) {
-  for (size_t i = 0; i < gMarked.count; ++i) {
-    if (gMarked.routes[i] == route) return true;
+  for (size_t i = 0; i < gDiag.markedCount; ++i) {
+    if (gDiag.marked[i] == route) return true;
   }
   return false;
 }
 
 void reportUnreadableRoutingFile(const char* path, int err) {
-  if (gReportedRoutingFile.exchange(true)) return;
+  if (gDiag.reportedRoutingFile.exchange(true)) return;
   rawLog(
       "libzar: KP_SVC_ROUTING_FILE: cannot read %s (%s); severities and components without "
       "another setting use their defaults\n",
@@ -109,8 +109,8 @@ void reportUnreadableRoutingFile(const char* path, int err) {
 void reportBadSeverityRoutes(int severity, const SettingSource& src, const char* text,
                              int32_t opened) {
   if (severity < 0 || severity >= kNumSeverities || !src.known()) return;
-  if ((gReportedSeverities & (1u << severity)) != 0) return;
-  gReportedSeverities |= 1u << severity;
+  if ((gDiag.reportedSeverities & (1u << severity)) != 0) return;
+  gDiag.reportedSeverities |= 1u << severity;
   char where[600];
   describe(src, where, sizeof where);
   const char* name = kCodeTable[severity];

@@ -6,14 +6,16 @@
 // failures through itself. Settings made by calls are not reported: their
 // callers get a status.
 //
-// Thread safety: the report functions that take a severity or a component run
-// with the serviceability mutex held (their once-only marks are guarded by
-// it); the others need no lock.
+// Thread safety: the once-only marks of the severity reports and the marked
+// routes are guarded by the serviceability mutex; the other reports need no
+// lock.
 #ifndef ZAR_CORE_SVCUTL_SVCDIAG_H_
 #define ZAR_CORE_SVCUTL_SVCDIAG_H_
 
 #include <stdint.h>
 
+#include "base/zarlock.h"
+#include "core/svcutl/svcint.h"
 #include "zar/svc.h"
 
 namespace zar::svc {
@@ -39,21 +41,20 @@ char* lineFor(const char* name, int* line);
 void reportUnreadableRoutingFile(const char* path, int err);
 
 // A severity's setting text from src did not parse; opened routes of its list
-// were made before the faulty element. Once per severity. Mutex held.
+// were made before the faulty element. Once per severity.
 void reportBadSeverityRoutes(int severity, const SettingSource& src, const char* text,
-                             int32_t opened);
+                             int32_t opened) ZAR_REQUIRES(gSvc.mutex);
 
 // A component's debug setting text from src could not be used: what says
 // which part (the component name, the level list, the routes), position is
-// 1-based in text. Mutex held.
+// 1-based in text.
 void reportBadDebugSetting(const char* component, const SettingSource& src, const char* text,
                            const char* what, int position);
 
 // Marks the routes of list as made from a setting of the environment or the
 // routing file: a log file of theirs that cannot be opened is reported.
-// Mutex held.
-void markRoutesFromSetting(const svc_route_list* list);
-bool fromSetting(const struct zar_svc_route_s* route);  // mutex held
+void markRoutesFromSetting(const svc_route_list* list) ZAR_REQUIRES(gSvc.mutex);
+bool fromSetting(const struct zar_svc_route_s* route) ZAR_REQUIRES(gSvc.mutex);
 
 // A log file could not be opened (err is the errno; refusedLink when it is a
 // symbolic link planted by another user): the route writes to standard error

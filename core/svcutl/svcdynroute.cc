@@ -35,6 +35,10 @@ struct DynRouteState {
   pthread_cond_t cond;              // broadcast when an open, print or close ends
   svc_dyn_route** types ZAR_GUARDED_BY(lock) = nullptr;  // the registered types
   uint32_t count ZAR_GUARDED_BY(lock) = 0;
+  // The fork's prepare handler took the lock. inited may turn true between
+  // the handlers, so the release handler goes by this, not by inited; only
+  // the fork handlers touch it.
+  bool lockedForFork ZAR_GUARDED_BY(lock) = false;
 };
 
 DynRouteState gDyn;
@@ -128,8 +132,8 @@ class OnExit {
   bool armed_ = true;
 };
 
-// Lock held. The block goes when its last reference does.
-void dropReference(svc_dyn_route* type) {
+// The block goes when its last reference does.
+void dropReference(svc_dyn_route* type) ZAR_REQUIRES(gDyn.lock) {
   if (--type->references == 0) mem::free(type);
 }
 
@@ -139,7 +143,7 @@ void dropReferenceLocked(svc_dyn_route* type) {
   if (lock.held()) dropReference(type);
 }
 
-// Lock held. The type called name; while one is being removed a type of the
+// The type called name; while one is being removed a type of the
 // same name may have been added already, and that one is found first.
 svc_dyn_route* findType(const char* name) ZAR_REQUIRES(gDyn.lock) {
   svc_dyn_route* removed = nullptr;
@@ -162,7 +166,7 @@ bool removedNow(svc_dyn_route* type) {
   return !lock.held() || type->removed != 0;
 }
 
-// Mutex held: tries to make a waiting route (its kind not DYNAMIC) a route of
+// Tries to make a waiting route (its kind not DYNAMIC) a route of
 // the type its element names.
 void takeOver(svc_route* route) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   svc_dyn_route* type = nullptr;
@@ -179,20 +183,14 @@ void takeOver(svc_route* route) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
 
 }  // namespace
 
-namespace {
-// Mutex (the fork handlers hold it): the lock was taken before the fork. It
-// may come to exist only between the handlers, so it is not looked at again.
-bool gLockedForFork = false;
-}  // namespace
-
 void dynRouteForkPrepare() ZAR_NO_THREAD_SAFETY_ANALYSIS {
-  gLockedForFork = gDyn.inited.load(std::memory_order_acquire);
-  if (gLockedForFork) pthread_mutex_lock(&gDyn.lock);
+  gDyn.lockedForFork = gDyn.inited.load(std::memory_order_acquire);
+  if (gDyn.lockedForFork) pthread_mutex_lock(&gDyn.lock);
 }
 
 void dynRouteForkRelease() ZAR_NO_THREAD_SAFETY_ANALYSIS {
-  if (gLockedForFork) pthread_mutex_unlock(&gDyn.lock);
-  gLockedForFork = false;
+  if (gDyn.lockedForFork) pthread_mutex_unlock(&gDyn.lock);
+  gDyn.lockedForFork = false;
 }
 
 }  // namespace zar::svc
@@ -292,8 +290,9 @@ void zar__svc_dyn_route_close(svc_dyn_route* type, void* routeData) {
   }
   {
     // The route is already out of its list: a thread cancelled while it
-    // waits still gives up the route's reference.
-    OnExit cancelled([type] { zar::svc::dropReference(type); });
+    // waits still gives up the route's reference (a cancelled wait returns
+    // with the lock held, which the analysis cannot follow).
+    OnExit cancelled([type]() ZAR_NO_THREAD_SAFETY_ANALYSIS { zar::svc::dropReference(type); });
     while (type->closing || type->printing) lock.wait();
     cancelled.disarm();
   }

@@ -23,8 +23,6 @@
 namespace zar::svc {
 namespace {
 
-pthread_once_t gForkOnce = PTHREAD_ONCE_INIT;
-
 // Decimal text to int32 (strtol semantics, clamped): "" and junk give 0.
 int32_t toInt32(const char* text) {
   long v = strtol(text, nullptr, 10);
@@ -332,7 +330,7 @@ void openLogRoute(svc_route* route) {
   }
 }
 
-void flushLogRoute(svc_route* route) {
+void flushLogRoute(svc_route* route) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   svc_file_route* record = route->file;
   if (record != nullptr && record->stream != nullptr) sys::fflush(record->stream);
 }
@@ -361,7 +359,7 @@ pid_t zar_svc__get_pid(void) {
 }
 
 void zar_svc__register_fork_handler_once(void) {
-  pthread_once(&zar::svc::gForkOnce, [] {
+  pthread_once(&zar::svc::gSvc.forkOnce, [] {
     pthread_atfork(zar::svc::forkPrepare, zar::svc::forkParent, zar::svc::forkChild);
   });
 }

@@ -147,7 +147,9 @@ struct TimeTextCache {
 struct SvcState {
   // The serviceability mutex; first in the lock order (below).
   zar::Mutex mutex ZAR_ACQUIRED_BEFORE(zar::msg::gMsg.mutex) = PTHREAD_MUTEX_INITIALIZER;
+  pthread_once_t setupOnce = PTHREAD_ONCE_INIT;  // runs the one-time set-up
   std::atomic<bool> setup{false};   // one-time set-up done (set once, then read freely)
+  pthread_once_t forkOnce = PTHREAD_ONCE_INIT;  // the fork handlers are registered once
   std::atomic<pthread_t> owner{0};  // thread holding mutex, 0 when none (for re-entry checks)
   int32_t brief = 0;                // SVC_BRIEF, read once at set-up, then read freely
 
@@ -187,11 +189,16 @@ extern SvcState gSvc;
 //      nor while a route type's callback runs)
 //   3. the message lock zar::msg::gMsg.mutex, then the catalog lock
 //      gMsg.catMutex (msgint.h; msgtable.cc, msgcat.cc)
-//   4. the time-zone lock (utczone.cc), a leaf
-// Leaf locks, taken under none of the above and holding nothing else: the
-// code-set locks of platform/, the UTF-8 handle lock (svcnls.cc), the UUID
-// generator lock, the message-cache read-write lock, the delay mutex of the
-// thread helpers, the install-path lock.
+//   4. the time-zone lock gZone.mu (utczone.cc), a leaf
+//   5. the install-path lock gPaths.loadMu (zarpaths.cc), then the data
+//      directory's set-up lock (platform/qumbra.cc)
+//   6. a message catalog's conversion lock (platform/nlzcat.cc)
+// Leaf locks, which hold nothing else and may be taken under any of the
+// above: the code-set locks of platform/ (gCs.namesMu and gCs.sharedMu in
+// nlzcs.cc, each handle's descriptor pools), the locale settings lock
+// gLoc.mu (nlzloc.cc), the UTF-8 handle lock gNls.utf8Mu (svcnls.cc), the
+// UUID generator lock gGen.mu, the message-cache read-write lock, the delay
+// mutex gDelay.mu (zarthread.cc).
 // clang checks the pairs annotated ACQUIRED_BEFORE at the locks' declarations
 // (gSvc.mutex above, the message lock in msgint.h).
 
@@ -245,7 +252,7 @@ extern const char* const kDebugTable[9];
 extern const uint32_t kAttrTable[kNumSeverities];
 extern const uint32_t kAttrMaskTable[kNumSeverities];
 
-// Registers a component's table (zar_svc_register with the mutex held).
+// Registers a component's table (the body of zar_svc_register).
 zar_svc_handle registerHandle(zar_svc_subcomp* table, const char* component, unsigned long* status)
     ZAR_REQUIRES(zar::svc::gSvc.mutex);
 
@@ -387,19 +394,19 @@ void componentName(uint32_t code, char name[4]);
 
 // Fills the prolog of a severity message (and the record's code sets and
 // message text). cs non-null: the text is UTF-8 from the catalog, else the
-// compiled text; null: the local text of zar_msg_get_msg. Mutex held.
+// compiled text; null: the local text of zar_msg_get_msg.
 void buildProlog(zar_svc_record* record, zar_svc_handle handle, zar_codeset_t cs, const char* file,
                  int line, const char* argtypes, uint32_t subcomp, uint32_t attributes,
                  uint32_t msgid) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 
 // The program name of a record (32 bytes): the one set, or "PID#" and the
-// process id. Mutex held.
+// process id.
 void copyProgname(char* out) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 
 // Writes the record to every route of list, in order, as each route's kind
 // needs; GOESTO routes continue with the list they name (a list already
 // visited in this call is skipped). buildProlog is called through the given
-// builder the first time a route writes. Mutex held.
+// builder the first time a route writes.
 using PrologBuilder = void (*)(zar_svc_record* record, void* context);
 void writeRoutes(zar_svc_record* record, svc_route_list* list, PrologBuilder build,
                  void* buildContext, va_list args) ZAR_REQUIRES(zar::svc::gSvc.mutex);
@@ -409,14 +416,14 @@ void writeRoutes(zar_svc_record* record, svc_route_list* list, PrologBuilder bui
 // empty, or memory is short.
 char* localSprintf(nlz_cs_t cs, const char* fmt, int32_t* length, va_list args);
 
-// zar_svc_printf_withfile with the mutex held.
+// The body of zar_svc_printf_withfile.
 void printMessage(zar_svc_handle handle, const char* file, int line, const char* argtypes,
                uint32_t subcomp, uint32_t attributes, uint32_t msgid, ...)
     ZAR_REQUIRES(zar::svc::gSvc.mutex);
 
 }  // namespace zar::svc
 
-// ---- Internal steps (mutex held unless stated) ------------------------------------------
+// ---- Internal steps ---------------------------------------------------------------------
 
 extern "C" {
 // Registration (svcreg.cc).
@@ -427,10 +434,7 @@ bool zar_svc__add_to_table(zar_svc_handle handle, unsigned long* status)
 zar_svc_handle zar_svc__component_to_handle(const char* name) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 zar_svc_handle zar_svc__table_to_handle(zar_svc_subcomp* table) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 unsigned long zar_svc__mapthreadid(const pthread_t* thread);
-// Takes the mutex itself; catalog texts for the descriptions, once per handle.
-void zar_svc__translate(zar_svc_handle handle, unsigned long* status)
-    ZAR_EXCLUDES(zar::svc::gSvc.mutex);
-// Takes the mutex itself; closes every severity list and debug list.
+// Closes every severity list and debug list.
 void zar_svc__shutdown(void) ZAR_EXCLUDES(zar::svc::gSvc.mutex);
 
 // Routing (svcroute.cc).
@@ -438,7 +442,7 @@ void zar_svc__open_routes(svc_route_list* list, zar::svc::RouteKind fallback, co
                           unsigned long* status) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 void zar_svc__fillin(uint32_t attributes, unsigned long* status) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 svc_route** zar_svc__goesto(const char* name, int32_t* count) ZAR_REQUIRES(zar::svc::gSvc.mutex);
-char* zar_svc__linefor(const char* name);  // no mutex needed; caller frees
+char* zar_svc__linefor(const char* name);  // caller frees
 const char* zar_svc__get(const char* name) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 void zar_svc__store(const char* text, int32_t kind, unsigned long* status)
     ZAR_REQUIRES(zar::svc::gSvc.mutex);
@@ -450,7 +454,7 @@ bool checkWildCardTraceRoute(const char* value);
 void zar_svc__close_routes(svc_route_list* list) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 
 // Log files and fork (svcfile.cc).
-pid_t zar_svc__get_pid(void);  // no mutex needed
+pid_t zar_svc__get_pid(void);
 void zar_svc__register_fork_handler_once(void);
 
 // Dynamic routes (svcdynroute.cc). Open, print and close run their callback
@@ -472,8 +476,8 @@ void zar_svc__routing_denounce(const char* name, unsigned long* status)
 // Message save (svcsave.cc). The destructor of the thread-specific slot.
 void zar_svc_msgsave_destructor(void* state);
 
-// Debug levels (svcdbglevel.cc). Applies a level list to a handle (mutex
-// held); fills in a handle's debug settings (mutex held), true when settled.
+// Debug levels (svcdbglevel.cc). Applies a level list to a handle; fills in a
+// handle's debug settings, true when settled.
 void zar_svc__really_debug_set_levels(zar_svc_handle handle, const char* levels, int callbacks,
                                       unsigned long* status) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 bool zar_svc__debug_fillin(zar_svc_handle handle, unsigned long* status)
@@ -485,7 +489,8 @@ namespace zar::svc {
 // ---- Sinks --------------------------------------------------------------------------
 //
 // What the routes of one kind do, the same four steps for every kind; a
-// step a kind has no use for is null. All run with the mutex held.
+// step a kind has no use for is null. Each kind's steps are declared
+// ZAR_REQUIRES(gSvc.mutex): they run inside a print call or a close.
 struct Sink {
   // Gets the route ready before a record: opens its log file, or the next
   // one when the file is full. A destination that cannot be had turns the
@@ -508,7 +513,7 @@ inline const Sink& sinkOf(RouteKind kind) { return kSinks[kind]; }
 
 // The log-file steps of the file kinds (svcfile.cc).
 void openLogRoute(svc_route* route) ZAR_REQUIRES(zar::svc::gSvc.mutex);
-void flushLogRoute(svc_route* route);
+void flushLogRoute(svc_route* route) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 void closeLogRoute(svc_route* route) ZAR_REQUIRES(zar::svc::gSvc.mutex);
 
 }  // namespace zar::svc

@@ -84,24 +84,20 @@ class Fields {
   bool ok_ = true;
 };
 
-void journalOpen(const char* name, const char* where, void*, void** routeData, int32_t* opened) {
+constexpr CollectorKind kJournalKind = {"JOURNAL", "/run/systemd/journal/socket", false, true};
+
+void journalOpen(const char* name, const char* where, void*, void** routeData, int32_t* opened)
+    ZAR_REQUIRES(svc::gSvc.mutex) {
   *opened = 0;
-  char key[svc::kMaxRouteText + 16];
-  if (snprintf(key, sizeof key, "%s:%s", name, where) >= static_cast<int>(sizeof key)) return;
-  auto route = static_cast<JournalRoute*>(mem::allocZero(1, sizeof(JournalRoute)));
+  auto route =
+      static_cast<JournalRoute*>(openRoute(kJournalKind, name, where, where, sizeof(JournalRoute)));
   if (route == nullptr) return;
-  route->link.dest = acquire(key, where, "/run/systemd/journal/socket", false, true);
-  if (route->link.dest == nullptr) {
-    mem::free(route);
-    return;
-  }
-  route->link.typeName = "JOURNAL";
-  trackRoute(&route->link);
   *routeData = route;
   *opened = 1;
 }
 
-void journalPrint(void*, void* routeData, zar_svc_prolog* p, va_list args) {
+void journalPrint(void*, void* routeData, zar_svc_prolog* p, va_list args)
+    ZAR_REQUIRES(svc::gSvc.mutex) {
   auto route = static_cast<JournalRoute*>(routeData);
   char* text = formatText(p, args);
   if (text == nullptr) {

@@ -125,7 +125,7 @@ bool printable(const SeverityCall& call) {
          call.subcomp < call.handle->table_size;
 }
 
-// One print call; the caller holds the mutex.
+// One print call.
 void printBody(const SeverityCall& call, va_list args) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   zar_svc_handle handle = call.handle;
   zar_svc_record record;

@@ -38,7 +38,7 @@ ZAR_API zar_svc_handle zarsv_if_svc_handle = nullptr;
 namespace {
 
 // Registers each product component whose handle is still null, in the order
-// client, deploy, interface; stops at the first failure. Mutex held.
+// client, deploy, interface; stops at the first failure.
 void registerProduct(unsigned long* status) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   struct Component {
     zar_svc_subcomp* table;

@@ -9,7 +9,6 @@
 #include "base/zarstatus.h"
 #include "core/svcutl/svcint.h"
 #include "platform/secenv.h"
-#include "zar/msg.h"
 #include "zar/status.h"
 
 namespace zar::svc {
@@ -24,8 +23,6 @@ const uint32_t kAttrTable[kNumSeverities] = {0x10, 0x20, 0x30, 0x40, 0x50};
 const uint32_t kAttrMaskTable[kNumSeverities] = {0x1, 0x2, 0x4, 0x8, 0xA};
 
 namespace {
-
-pthread_once_t gOnce = PTHREAD_ONCE_INIT;
 
 // Counts the entries of a sub-component table before its terminator.
 uint32_t countEntries(const zar_svc_subcomp* table) {
@@ -68,7 +65,8 @@ zar_svc_handle newHandle(zar_svc_subcomp* table, const char* component, unsigned
 }  // namespace
 
 void ensureInit() {
-  if (!gSvc.setup.load(std::memory_order_acquire)) pthread_once(&gOnce, zar_svc__init_mutex);
+  if (!gSvc.setup.load(std::memory_order_acquire))
+    pthread_once(&gSvc.setupOnce, zar_svc__init_mutex);
 }
 
 SvcLock::SvcLock() ZAR_NO_THREAD_SAFETY_ANALYSIS {
@@ -162,32 +160,6 @@ zar_svc_handle zar_svc__table_to_handle(zar_svc_subcomp* table) {
 
 unsigned long zar_svc__mapthreadid(const pthread_t* thread) {
   return thread == nullptr ? 0 : static_cast<unsigned long>(*thread);
-}
-
-void zar_svc__translate(zar_svc_handle handle, unsigned long* status) {
-  zar::setStatus(status, 0);
-  if (handle == nullptr) return;
-  SvcLock lock;
-  if (handle->translated) return;
-  handle->translated = 1;
-  zar_svc_subcomp* table = handle->table;
-  if (table == nullptr) return;
-  uint32_t first = 0;
-  for (uint32_t i = 0; i < handle->table_size && first == 0; ++i) first = table[i].description_id;
-  if (first == 0) return;
-  // Every description of a table is expected in the catalog of the first.
-  zar_msg_cat_handle_t catalog = zar_msg_cat_open(first, status);
-  if (catalog == nullptr) return;
-  for (uint32_t i = 0; i < handle->table_size; ++i) {
-    if (table[i].description_id == 0) continue;
-    unsigned long st = 0;
-    const char* text = zar_msg_cat_get_msg(catalog, table[i].description_id, &st);
-    // The old description may be the caller's constant: it is replaced, not
-    // freed. A copy that cannot be made leaves it in place.
-    char* copy = text != nullptr ? zar::mem::strDup(text) : nullptr;
-    if (copy != nullptr) table[i].description = copy;
-  }
-  zar_msg_cat_close(catalog, status);
 }
 
 void zar_svc__shutdown(void) {

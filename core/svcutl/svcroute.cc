@@ -431,7 +431,7 @@ void zar_svc__store(const char* text, int32_t kind, unsigned long* status) {
 namespace zar::svc {
 namespace {
 
-// The body of zar_svc_routing, mutex held; returns the status.
+// The body of zar_svc_routing; returns the status.
 unsigned long routeSeverities(const char* text) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   if (text == nullptr) return ZAR_S_SVC_BAD_ROUTE;
   mem::Unique<char> copy(mem::strDup(text));

@@ -69,7 +69,7 @@ void clearSavedMsgs(MsgSaveState* state) {
   state->count = 0;
 }
 
-// Mutex held. A handle may have been unregistered (and freed) since its
+// A handle may have been unregistered (and freed) since its
 // message was saved.
 bool stillRegistered(zar_svc_handle handle) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   for (uint32_t i = 0; i < gSvc.mapSize; ++i) {
@@ -78,7 +78,7 @@ bool stillRegistered(zar_svc_handle handle) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   return false;
 }
 
-// Mutex held. args is never read: a saved record has no format.
+// args is never read: a saved record has no format.
 void writeSaved(zar_svc_record* record, svc_route_list* list, ...)
     ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   va_list args;

@@ -27,10 +27,10 @@ void writeStderr(svc_route*, zar_svc_record* record, va_list args)
   form(stderr, record, true, args);
 }
 
-void flushStdout(svc_route*) {
+void flushStdout(svc_route*) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   sys::fflush(stdout);
 }
-void flushStderr(svc_route*) {
+void flushStderr(svc_route*) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   sys::fflush(stderr);
 }
 
@@ -54,7 +54,7 @@ void writeFile(svc_route* route, zar_svc_record* record, va_list args)
 
 // ---- GOESTO ---------------------------------------------------------------------------
 
-void closeGoesTo(svc_route* route) {
+void closeGoesTo(svc_route* route) ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   mem::free(route->listName);
   route->listName = nullptr;
 }
@@ -85,7 +85,8 @@ class FormatSwap {
 // Hands the record to a route of a registered type: the format and its
 // arguments, or "%s" with the formatted text (in UTF-8 for a severity message
 // of the local code set; a saved UTF-8 message is its own text).
-void writeDynamic(svc_route* route, zar_svc_record* record, va_list args) {
+void writeDynamic(svc_route* route, zar_svc_record* record, va_list args)
+    ZAR_REQUIRES(zar::svc::gSvc.mutex) {
   svc_dyn_route* type = route->type;
   if (record->dynamicGetsArgs) {
     zar__svc_dyn_route_print(type, route->routeData, &record->prolog, args);

@@ -70,7 +70,10 @@ size_t headerField(char* out, size_t maxLen, const char* text) {
   return n;
 }
 
-void syslogOpen(const char* name, const char* where, void*, void** routeData, int32_t* opened) {
+constexpr CollectorKind kSyslogKind = {"SYSLOG", "/dev/log", true, false};
+
+void syslogOpen(const char* name, const char* where, void*, void** routeData, int32_t* opened)
+    ZAR_REQUIRES(svc::gSvc.mutex) {
   *opened = 0;
   int facility = 1;
   const char* address = where;
@@ -81,23 +84,15 @@ void syslogOpen(const char* name, const char* where, void*, void** routeData, in
     address = where[first] == ',' ? where + first + 1 : where + first;
     break;
   }
-  char key[svc::kMaxRouteText + 16];
-  if (snprintf(key, sizeof key, "%s:%s", name, where) >= static_cast<int>(sizeof key)) return;
-  auto route = static_cast<SyslogRoute*>(mem::allocZero(1, sizeof(SyslogRoute)));
+  auto route =
+      static_cast<SyslogRoute*>(openRoute(kSyslogKind, name, where, address, sizeof(SyslogRoute)));
   if (route == nullptr) return;
-  route->link.dest = acquire(key, address, "/dev/log", true, false);
-  if (route->link.dest == nullptr) {
-    mem::free(route);
-    return;
-  }
   Transport t = transportOf(route->link.dest);
   route->limit = t == Transport::kUdp ? kUdpLimit : t == Transport::kTcp ? kTcpLimit : kUnixLimit;
   route->facility = facility;
   char host[256] = {};
   gethostname(host, sizeof host - 1);
   route->hostLen = headerField(route->host, sizeof route->host, host);
-  route->link.typeName = "SYSLOG";
-  trackRoute(&route->link);
   *routeData = route;
   *opened = 1;
 }
@@ -204,7 +199,8 @@ char* putSourceParams(SyslogRoute* route, char* w, const char* end, const zar_sv
 // Builds the whole record in one buffer on the stack (the TCP frame length
 // in front, the message text formatted straight into a second one) and hands
 // it to the destination: no allocation and one send per record.
-void syslogPrint(void*, void* routeData, zar_svc_prolog* p, va_list args) {
+void syslogPrint(void*, void* routeData, zar_svc_prolog* p, va_list args)
+    ZAR_REQUIRES(svc::gSvc.mutex) {
   auto route = static_cast<SyslogRoute*>(routeData);
   char buf[kFrameRoom + kTcpLimit];
   char* const start = buf + kFrameRoom;

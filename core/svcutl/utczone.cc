@@ -465,10 +465,10 @@ struct ZoneState {
   char* prevTz ZAR_GUARDED_BY(mu);
   bool fromTz ZAR_GUARDED_BY(mu);
   bool lclIsSet ZAR_GUARDED_BY(mu);
+  pthread_once_t forkOnce;  // the fork handler is registered once
 };
 
-ZoneState gZone = {PTHREAD_MUTEX_INITIALIZER, {}, nullptr, false, false};
-pthread_once_t gForkOnce = PTHREAD_ONCE_INIT;
+ZoneState gZone = {PTHREAD_MUTEX_INITIALIZER, {}, nullptr, false, false, PTHREAD_ONCE_INIT};
 
 // In a child of fork: when another thread of the parent held the zone lock,
 // the child gets a fresh lock and rebuilds the zone at its next call (the
@@ -507,7 +507,7 @@ void loadZoneFromTz(ZoneData* sp, const char* tz) {
 
 // Builds the state again from tz (null: the default zone).
 __attribute__((noinline)) void rebuildZone(const char* tz) ZAR_REQUIRES(gZone.mu) {
-  pthread_once(&gForkOnce, registerForkHandler);
+  pthread_once(&gZone.forkOnce, registerForkHandler);
   mem::free(gZone.prevTz);
   gZone.prevTz = nullptr;
   gZone.fromTz = tz != nullptr;

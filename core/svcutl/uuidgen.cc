@@ -41,28 +41,28 @@ namespace {
 constexpr uint64_t kUnixEpoch = 0x01B21DD213814000ULL;  // 1970-01-01 in 100-ns since 1582-10-15
 constexpr uint16_t kMaxAdjust = 0x7FFF;
 
-// Invariants: every field is guarded by mu, a leaf lock (nothing else is
+// Invariants: mu is a leaf lock (nothing else is
 // taken while it is held; the random-byte source and the node-address lookup
 // are consulted before taking it). timeLast + timeAdjust is the timestamp of
 // the last UUID handed out under clockSeq. gotAddress only goes from false to
 // true, after savedAddr is written; it is read without the lock as a hint.
 struct Generator {
   zar::Mutex mu = PTHREAD_MUTEX_INITIALIZER;
-  bool initDone = false;                // mu: the fields below are set up
-  uint32_t randM = 0;                   // mu: clock-sequence random generator
-  uint32_t randIa = 0;                  // mu
-  uint32_t randIb = 0;                  // mu
-  uint32_t randIrand = 0;               // mu
-  uint16_t clockSeq = 0;                // mu: only the low 14 bits enter a UUID
-  uint16_t timeAdjust = 0;              // mu: added to timeLast for the last UUID
-  uint64_t timeLast = 0;                // mu: clock value used for the last UUID
+  bool initDone ZAR_GUARDED_BY(mu) = false;  // the fields below are set up
+  uint32_t randM ZAR_GUARDED_BY(mu) = 0;     // clock-sequence random generator
+  uint32_t randIa ZAR_GUARDED_BY(mu) = 0;
+  uint32_t randIb ZAR_GUARDED_BY(mu) = 0;
+  uint32_t randIrand ZAR_GUARDED_BY(mu) = 0;
+  uint16_t clockSeq ZAR_GUARDED_BY(mu) = 0;    // only the low 14 bits enter a UUID
+  uint16_t timeAdjust ZAR_GUARDED_BY(mu) = 0;  // added to timeLast for the last UUID
+  uint64_t timeLast ZAR_GUARDED_BY(mu) = 0;    // clock value used for the last UUID
   std::atomic<bool> gotAddress{false};  // savedAddr is valid
-  uint8_t savedAddr[6] = {};            // mu: node address for the life of the process
+  uint8_t savedAddr[6] ZAR_GUARDED_BY(mu) = {};  // node address for the life of the process
   std::atomic<bool> forked{false};      // set in a fork child: clockSeq must be renewed
+  pthread_once_t forkOnce = PTHREAD_ONCE_INIT;  // the fork handlers are registered once
 };
 
 Generator gGen;
-pthread_once_t gForkOnce = PTHREAD_ONCE_INIT;
 
 void forkPrepare() {
   pthread_mutex_lock(&gGen.mu);
@@ -91,7 +91,7 @@ uint64_t getOsTime() {
 }
 
 // Next number of the clock-sequence generator (mu held).
-uint16_t trueRandom(Generator& g) {
+uint16_t trueRandom(Generator& g) ZAR_REQUIRES(g.mu) {
   g.randM += 7;
   g.randIa += 1907;
   g.randIb += 73939;
@@ -102,7 +102,7 @@ uint16_t trueRandom(Generator& g) {
   return static_cast<uint16_t>((g.randIrand & 0x3FFF) ^ (g.randIrand >> 16));
 }
 
-void initLocked(Generator& g) {
+void initLocked(Generator& g) ZAR_REQUIRES(g.mu) {
   g.randM = 971;
   g.randIa = 11113;
   g.randIb = 104322;
@@ -118,7 +118,7 @@ void initLocked(Generator& g) {
 // In a fork child: a clock sequence other than the parent's, from the random
 // bytes when they could be had (fresh), else from the generator re-seeded
 // with the child's process id.
-void renewClockSeqLocked(Generator& g, bool haveFresh, uint16_t fresh) {
+void renewClockSeqLocked(Generator& g, bool haveFresh, uint16_t fresh) ZAR_REQUIRES(g.mu) {
   uint16_t parent = g.clockSeq & 0x3FFF;
   if (!haveFresh) {
     g.randIrand += static_cast<uint32_t>(getpid());
@@ -229,7 +229,7 @@ ZAR_API void kp_get_802_addr(uint8_t* address, uint64_t* status) {
 ZAR_API void kp_uuid_create(kp_uuid_t* uuid, uint64_t* status) {
   using zar::uuid::gGen;
   if (uuid == nullptr) return zar::setStatus(status, ZAR_S_INVALID_INPUT);
-  pthread_once(&zar::uuid::gForkOnce, zar::uuid::registerForkHandlers);
+  pthread_once(&gGen.forkOnce, zar::uuid::registerForkHandlers);
 
   // Work that may block or take other locks happens before the leaf lock.
   if (!gGen.gotAddress.load(std::memory_order_acquire)) {

@@ -79,7 +79,7 @@ ZAR_EXTERN_C_BEGIN
  * in the table (the first entry is index 0). */
 typedef struct zar_svc_subcomp_s {
   const char* name;        /* e.g. "core" */
-  const char* description; /* one line; replaced by its catalog text on translation */
+  const char* description; /* one line */
   uint32_t description_id; /* status code of the description's text, 0 for none */
   uint32_t level;          /* low 4 bits: the sub-component's current debug level, 0-9 */
 } zar_svc_subcomp;
@@ -127,7 +127,7 @@ struct zar_svc_handle_s {
   char* component;              /* owned copy of the component name */
   zar_svc_subcomp* table;       /* the caller's table, not owned */
   uint8_t debug_filled;         /* debug levels and routes have been settled */
-  uint8_t translated;           /* descriptions have been replaced by catalog texts */
+  uint8_t translated;           /* reserved, always 0 */
   uint8_t allocated;            /* made by registration; unregistration frees it */
   uint8_t in_map;               /* listed in the component map */
   uint32_t table_size;          /* entries of table before its terminator */

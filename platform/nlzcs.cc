@@ -221,6 +221,13 @@ int copyUtf8(const char* in, int inLen, char* out, int outLen) {
   const unsigned char* s = reinterpret_cast<const unsigned char*>(in);
   int i = 0;
   while (i < inLen) {
+    uint64_t word;  // US-ASCII needs no decoding: eight bytes at a time while none has its high bit
+    while (i + 8 <= inLen && (memcpy(&word, s + i, 8), (word & 0x8080808080808080u) == 0)) i += 8;
+    if (i == inLen) break;
+    if (s[i] < 0x80) {
+      ++i;
+      continue;
+    }
     uint32_t cp;
     int n = utf8Decode(s + i, inLen - i, &cp);
     if (n < 0) {

@@ -702,6 +702,16 @@ size_t putUtf8(char* out, size_t outLen, const char* in, size_t len, const char*
   return w;
 }
 
+const char* givenText(const zar_svc_prolog* prolog, va_list args) {
+  const char* f = prolog->format;
+  if (f == nullptr || f[0] != '%' || f[1] != 's' || f[2] != '\0') return nullptr;
+  va_list copy;
+  va_copy(copy, args);
+  const char* text = va_arg(copy, const char*);
+  va_end(copy);
+  return text != nullptr ? text : "(null)";
+}
+
 char* formatText(zar_svc_prolog* prolog, va_list args) {
   char* text = nullptr;
   va_list copy;

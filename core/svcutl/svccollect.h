@@ -83,6 +83,11 @@ void countDropped(Destination* dest) ZAR_REQUIRES(svc::gSvc.mutex);
 // before them). Returns the bytes written.
 size_t putUtf8(char* out, size_t outLen, const char* in, size_t len, const char* escapeSet);
 
+// The message text of a record that comes formatted already (the format is
+// "%s", as the serviceability hands its records to a route type): that
+// argument; null for any other format.
+const char* givenText(const zar_svc_prolog* prolog, va_list args);
+
 // The message text of a record: its format with its arguments, in a buffer
 // the caller frees with zar_asprintf_free; null when it cannot be made.
 char* formatText(zar_svc_prolog* prolog, va_list args);

@@ -99,7 +99,9 @@ void journalOpen(const char* name, const char* where, void*, void** routeData, i
 void journalPrint(void*, void* routeData, zar_svc_prolog* p, va_list args)
     ZAR_REQUIRES(svc::gSvc.mutex) {
   auto route = static_cast<JournalRoute*>(routeData);
-  char* text = formatText(p, args);
+  const char* given = givenText(p, args);
+  char* formatted = given != nullptr ? nullptr : formatText(p, args);
+  const char* text = given != nullptr ? given : formatted;
   if (text == nullptr) {
     countDropped(route->link.dest);
     return;
@@ -112,7 +114,7 @@ void journalPrint(void*, void* routeData, zar_svc_prolog* p, va_list args)
     f.add("MESSAGE", clean, putUtf8(clean, textLen * 3, text, textLen, nullptr));
     mem::free(clean);
   }
-  zar_asprintf_free(text);
+  zar_asprintf_free(formatted);
   if (clean == nullptr) {
     countDropped(route->link.dest);
     return;

@@ -150,17 +150,19 @@ char* putParam(char* w, const char* end, const char* name, const char* value) {
 }
 
 // An SD-PARAM whose value needs no escaping (a number), written as putParam
-// would write it.
-char* putPlainParam(char* w, const char* end, const char* name, const char* value,
+// would write it; lead is ' name="' (the header before these params is far
+// below any limit, so it always fits).
+template <size_t N>
+char* putPlainParam(char* w, const char* end, const char (&lead)[N], const char* value,
                     const char* valueEnd) {
-  w = put(w, end, " ");
-  w = put(w, end, name);
-  w = put(w, end, "=\"");
+  memcpy(w, lead, N - 1);
+  w += N - 1;
   size_t n = static_cast<size_t>(valueEnd - value);
   size_t room = end - w > 1 ? static_cast<size_t>(end - w) - 1 : 0;
   memcpy(w, value, n < room ? n : room);
   w += n < room ? n : room;
-  return put(w, end, "\"");
+  *w++ = '"';
+  return w;
 }
 
 // The component, subcomponent and file params, from the route's copy when
@@ -251,28 +253,36 @@ void syslogPrint(void*, void* routeData, zar_svc_prolog* p, va_list args)
   w = put(w, end, kSdId);
   char field[32];
   if (debug) {
-    w = putPlainParam(w, end, "level", field, putDec(field, p->attributes & svc_c_debug_mask));
+    w = putPlainParam(w, end, " level=\"", field, putDec(field, p->attributes & svc_c_debug_mask));
   } else {
-    w = putPlainParam(w, end, "status", field, putHex(field, p->message_index, true));
+    w = putPlainParam(w, end, " status=\"", field, putHex(field, p->message_index, true));
   }
   w = putSourceParams(route, w, end, p);
-  w = putPlainParam(w, end, "line", field, putDec(field, p->line));
-  w = putPlainParam(w, end, "thread", field,
+  w = putPlainParam(w, end, " line=\"", field, putDec(field, p->line));
+  w = putPlainParam(w, end, " thread=\"", field,
                     putHex(field, zar_svc__mapthreadid(&p->thread_id), false));
   w = put(w, end, "] \xEF\xBB\xBF");
   // The text, cut a little beyond what the record can hold: putUtf8 writes
   // at least as many bytes as it reads, so the cut is never reached.
-  char text[kTcpLimit + 8];
-  va_list copy;
-  va_copy(copy, args);
-  int n = zar_vsnprintf(text, sizeof text, p->format != nullptr ? p->format : "", copy);
-  va_end(copy);
-  if (n < 0) {
-    countDropped(route->link.dest);
-    return;
+  char formatted[kTcpLimit + 8];
+  const char* text = givenText(p, args);
+  size_t textLen;
+  if (text != nullptr) {
+    textLen = strnlen(text, sizeof formatted - 1);
+  } else {
+    va_list copy;
+    va_copy(copy, args);
+    int n = zar_vsnprintf(formatted, sizeof formatted, p->format != nullptr ? p->format : "", copy);
+    va_end(copy);
+    if (n < 0) {
+      countDropped(route->link.dest);
+      return;
+    }
+    text = formatted;
+    textLen = strnlen(text, static_cast<size_t>(n) < sizeof formatted ? static_cast<size_t>(n)
+                                                                        : sizeof formatted - 1);
   }
-  size_t textLen = static_cast<size_t>(n) < sizeof text ? static_cast<size_t>(n) : sizeof text - 1;
-  w += putUtf8(w, static_cast<size_t>(end - w), text, strnlen(text, textLen), nullptr);
+  w += putUtf8(w, static_cast<size_t>(end - w), text, textLen, nullptr);
 
   size_t len = static_cast<size_t>(w - start);
   char* record = start;

@@ -142,6 +142,17 @@ struct TimeTextCache {
   char text[50] = {};
 };
 
+// The parsed form of the latest message text rendered, with its own copy of
+// the text: a record whose text is the same, byte for byte and in the same
+// code set, takes its conversions instead of parsing the text again. Another
+// message, a catalog read again or another locale gives another text, which
+// does not match.
+struct ParsedTextCache {
+  size_t length = 0;  // of text; 0: nothing kept
+  char text[256] = {};
+  zar::format::Context model;  // parsed from text, no heap arrays
+};
+
 // Invariants: every field below `mutex` is read and written only with mutex
 // held (the exceptions say so). Arrays grow by one slot at a time and never
 // shrink except map and callbacks, which shrink on removal.
@@ -168,6 +179,7 @@ struct SvcState {
   std::atomic<pid_t> pid{0};        // cached process id; refreshed in a fork child
 
   TimeTextCache timeCache ZAR_GUARDED_BY(mutex);  // local time text of the latest second printed
+  ParsedTextCache parsedCache ZAR_GUARDED_BY(mutex);
   char pidName[32] ZAR_GUARDED_BY(mutex) = {};    // "PID#" and pidNameOf
   pid_t pidNameOf ZAR_GUARDED_BY(mutex) = 0;      // the process id pidName was made for
 
@@ -345,7 +357,7 @@ struct zar_svc_record {
   const char* convertedText(va_list args, size_t* length);
   // The format parsed with args for rendering in code set cs; null when it
   // cannot be parsed. Kept for the next call with the same code set.
-  zar::format::Context* parsed(va_list args, nlz_cs_t cs);
+  zar::format::Context* parsed(va_list args, nlz_cs_t cs) ZAR_REQUIRES(zar::svc::gSvc.mutex);
   // The local time text of prolog.t ("" when it cannot be made), and its
   // length once it is made.
   const char* timeText() ZAR_REQUIRES(zar::svc::gSvc.mutex);

@@ -46,6 +46,24 @@ char* localConvert(nlz_cs_t source, nlz_cs_t other, bool sourceIsUtf8, size_t le
   return out;
 }
 
+// Parses format with args in code set cs, through the kept parse of the
+// last text when format is that text.
+int parseText(format::Context* ctx, nlz_cs_t cs, const char* format, va_list args)
+    ZAR_REQUIRES(gSvc.mutex) {
+  ParsedTextCache& cache = gSvc.parsedCache;
+  size_t length = strlen(format);
+  if (cache.length != 0 && length == cache.length && cache.model.cs == cs &&
+      memcmp(cache.text, format, length) == 0)
+    return zar_vsnprintf_parse_as(ctx, &cache.model, format, args);
+  int rc = zar_vsnprintf_parse(ctx, cs, format, args);
+  if (rc == 0 && length < sizeof cache.text) {
+    cache.length = 0;
+    memcpy(cache.text, format, length + 1);
+    if (zar_vsnprintf_parse_as(&cache.model, ctx, cache.text, args) == 0) cache.length = length;
+  }
+  return rc;
+}
+
 }  // namespace
 
 char* localSprintf(nlz_cs_t cs, const char* fmt, int32_t* length, va_list args) {
@@ -147,7 +165,7 @@ zar::format::Context* zar_svc_record::parsed(va_list args, nlz_cs_t cs) {
     if (parseState_ == 1) zar_vsnprintf_done(&parsed_);
     va_list copy;
     va_copy(copy, args);
-    int rc = zar_vsnprintf_parse(&parsed_, cs, prolog.format, copy);
+    int rc = zar::svc::parseText(&parsed_, cs, prolog.format, copy);
     va_end(copy);
     parseState_ = rc == 0 ? 1 : -1;
     parsedCs_ = cs;

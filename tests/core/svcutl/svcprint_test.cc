@@ -442,6 +442,7 @@ TEST_F(SvcPrint, RecordsTakeNothingStaleFromTheRecordBefore) {
     route("NOTICE:TEXTFILE:@/t.log;XMLFILE:@/t.xml");
     zar_svc_printf_withfile(zarsv_client_svc_handle, "p.c", 1, "", 0, kNotice, texts[0].code, "ab");
     zar_svc_printf_withfile(zarsv_client_svc_handle, "p.c", 1, "", 0, kNotice, texts[1].code, 42);
+    usleep(20000);  // other tens of milliseconds, mostly within the same second
     printError(kNotice);
     for (time_t now = time(nullptr); time(nullptr) == now;) usleep(1000);  // the next second
     printError(kNotice);

@@ -1245,6 +1245,34 @@ fail:
   return -1;
 }
 
+int zar_vsnprintf_parse_as(Context* ctx, const Context* model, const char* fmt, va_list ap) {
+  namespace f = zar::format;
+  if (model->conversions != model->inlineConversions || model->arguments != model->inlineArguments)
+    return -1;
+  ctx->cs = model->cs;
+  ctx->conversions = ctx->inlineConversions;
+  ctx->conversionCount = model->conversionCount;
+  ctx->conversionCapacity = f::kInlineConversions;
+  ctx->arguments = ctx->inlineArguments;
+  ctx->argumentCount = model->argumentCount;
+  ctx->format = fmt;
+  ctx->formatEnd = fmt + (model->formatEnd - model->format);
+  for (int32_t i = 0; i < model->conversionCount; ++i) {
+    Conversion& c = ctx->inlineConversions[i];
+    c = model->inlineConversions[i];
+    c.start = fmt + (c.start - model->format);
+    c.end = fmt + (c.end - model->format);
+  }
+  va_list list;
+  va_copy(list, ap);
+  for (int32_t i = 1; i <= model->argumentCount; ++i) {
+    ctx->inlineArguments[i].type = model->inlineArguments[i].type;
+    f::fetchArgument(&ctx->inlineArguments[i], &list);
+  }
+  va_end(list);
+  return 0;
+}
+
 int zar_vsnprintf_render(Context* ctx, char* buf, size_t size) {
   if (buf == nullptr) size = 0;
   zar::format::BufferSink out(buf, size != 0 ? size - 1 : 0, size != 0);

@@ -150,6 +150,14 @@ struct Context {
 // released. No argument is fetched when the format is malformed.
 int zar_vsnprintf_parse(zar::format::Context* ctx, nlz_cs_t cs, const char* fmt, va_list ap);
 
+// zar_vsnprintf_parse of fmt through model, a context parsed (and not
+// released) from a text equal to fmt in the wanted code set: its
+// conversions, moved onto fmt, and its argument types are taken as they are
+// and only the arguments are fetched from ap. Returns 0, or -1 (nothing done)
+// when model holds heap arrays; the caller then parses fmt itself.
+int zar_vsnprintf_parse_as(zar::format::Context* ctx, const zar::format::Context* model,
+                           const char* fmt, va_list ap);
+
 // Renders the parsed context into buf: at most size bytes including a
 // terminator, which is always stored when size >= 1 (also when the output was
 // cut); buf may be null when size is 0. When the output is cut, what was

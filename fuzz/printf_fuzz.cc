@@ -47,9 +47,17 @@ int parse(zar::format::Context* ctx, nlz_cs_t cs, const char* fmt, ...) {
   va_end(ap);
   return r;
 }
+int parseAs(zar::format::Context* ctx, const zar::format::Context* model, const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  int r = zar_vsnprintf_parse_as(ctx, model, fmt, ap);
+  va_end(ap);
+  return r;
+}
 
 #define P10 p, p, p, p, p, p, p, p, p, p
 #define P100 P10, P10, P10, P10, P10, P10, P10, P10, P10, P10
+#define ARGS P100, P100, 1.5, -0.0, 1e300, 2.5e-310, 0.1, -7.0, 123.456, 1e-5
 
 // A format names at most three arguments per '%' (value, width, precision);
 // 20 of them stay well inside the 200 pool pointers even when every
@@ -81,13 +89,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   const char* p = poolPointer();
   zar::format::Context ctx;
-  if (parse(&ctx, cs, fmt.c_str(), P100, P100, 1.5, -0.0, 1e300, 2.5e-310, 0.1, -7.0, 123.456,
-            1e-5) != 0)
-    return 0;
+  if (parse(&ctx, cs, fmt.c_str(), ARGS) != 0) return 0;
   const int n = zar_vsnprintf_render(&ctx, nullptr, 0);
   if (n >= 0 && n < (1 << 22)) {
     std::vector<char> whole(static_cast<size_t>(n) + 1);
     if (zar_vsnprintf_render(&ctx, whole.data(), whole.size()) != n || whole[n] != '\0') abort();
+    // The same text in another place, parsed through this parse: the same output.
+    const std::string same = fmt;
+    zar::format::Context again;
+    std::vector<char> other(whole.size());
+    if (parseAs(&again, &ctx, same.c_str(), ARGS) == 0 &&
+        (zar_vsnprintf_render(&again, other.data(), other.size()) != n || other != whole))
+      abort();
     // A cut: the same result, a terminated prefix, the guard bytes intact.
     std::vector<char> cut(bufSize + 16, '\x5a');
     if (zar_vsnprintf_render(&ctx, cut.data(), bufSize) != n) abort();

@@ -114,12 +114,15 @@ void debugLines(const char* name, uint32_t status) {
   fprintf(stderr, "catopen(%s) status = %8.8lx\n", name, static_cast<unsigned long>(status));
 }
 
-// Copies a text out of an entry while the catalog lock is held.
+// Copies a text out of an entry while the catalog lock is held: into buf
+// when it fits there (cap bytes with the terminator), else into a new block.
 struct Reader {
   nlz_cs_t cs;      // code set wanted (null: as it is)
-  char* text;       // the copy, or null
+  char* text;       // the copy (buf or a new block), or null
+  char* buf;        // the caller's buffer, or null
+  size_t cap;
 };
-char* copyText(zar_msg_cat_s* e, uint32_t code, nlz_cs_t cs, unsigned long* status);
+char* copyText(zar_msg_cat_s* e, uint32_t code, Reader* reader, unsigned long* status);
 
 // Opens the catalog of code for locale (null: the thread's current) and puts
 // it in slot 0 of row, evicting slot 7. Called on a miss. Returns the new entry with refs references, or
@@ -243,7 +246,7 @@ zar_msg_cat_s* openCatalog(uint32_t code, const char* locale, int flags, unsigne
     }
     if (result != nullptr && reader != nullptr) {
       unsigned long readStatus = ZAR_S_OK;
-      reader->text = copyText(result, code, reader->cs, &readStatus);
+      reader->text = copyText(result, code, reader, &readStatus);
       st = static_cast<uint32_t>(readStatus);
     }
   }
@@ -261,9 +264,11 @@ const char* rawText(zar_msg_cat_s* e, uint32_t code) {
   return (t == nullptr || t == kNope) ? nullptr : t;  // the default comes back as given
 }
 
-// A new copy of the text of code in an entry converted into cs (null: as it
-// is). Null with status 0x10652205 or 0x10652203.
-char* copyText(zar_msg_cat_s* e, uint32_t code, nlz_cs_t cs, unsigned long* status) {
+// A copy of the text of code in an entry converted into the reader's code
+// set (null: as it is), in the reader's buffer when the text fits there, else
+// a new block. Null with status 0x10652205 or 0x10652203.
+char* copyText(zar_msg_cat_s* e, uint32_t code, Reader* reader, unsigned long* status) {
+  nlz_cs_t cs = reader->cs;
   int num = static_cast<int>(code & e->mask);
   const char* t;
   size_t len = 0;
@@ -296,6 +301,11 @@ char* copyText(zar_msg_cat_s* e, uint32_t code, nlz_cs_t cs, unsigned long* stat
     zar::setStatus(status, ZAR_S_MSG_NOT_IN_CATALOG);
     return nullptr;
   }
+  if (len < reader->cap) {
+    memcpy(reader->buf, t, len);
+    reader->buf[len] = '\0';
+    return reader->buf;
+  }
   char* copy = zar::mem::strDupLen(t, len);
   if (copy == nullptr) zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
   return copy;
@@ -303,13 +313,13 @@ char* copyText(zar_msg_cat_s* e, uint32_t code, nlz_cs_t cs, unsigned long* stat
 
 }  // namespace
 
-char* zar::msg::copyCatalogText(uint32_t code, unsigned long* status) {
+char* zar::msg::copyCatalogText(uint32_t code, unsigned long* status, char* buf, size_t cap) {
   if (zar::msg::gMsg.noXpgCat != 0) {
     zar::setStatus(status, ZAR_S_MSG_NOT_IN_CATALOG);
     return nullptr;
   }
   if (code == 0) code = ZAR_S_MSG_SUCCESS_TEXT;
-  Reader reader{zarsvc_get_local_code_page(), nullptr};
+  Reader reader{zarsvc_get_local_code_page(), nullptr, buf, buf != nullptr ? cap : 0};
   openCatalog(code, nullptr, 0, status, &reader);
   return reader.text;
 }
@@ -381,7 +391,7 @@ char* zar_msg_get_locale_cat_msg(uint32_t code, const char* locale, const char* 
     zar::setStatus(status, ZAR_S_MSG_BAD_OPEN_TYPE);
   } else {
     zar::MutexLock lock(zar::msg::gMsg.mutex);
-    Reader reader{cs, nullptr};
+    Reader reader{cs, nullptr, nullptr, 0};
     openCatalog(code, locale, kFlags[openType], status, &reader);
     text = reader.text;
   }

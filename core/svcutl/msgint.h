@@ -74,9 +74,15 @@ inline bool ensureInit() {
 inline bool debugCatalogs() { return gMsg.debugMsg; }
 
 // A catalog text copied out under the locks: the current-locale lookup of
-// zar_msg_get_cat_msg, but returning a new copy (caller frees) so that no
-// pointer into the cache escapes.
-char* copyCatalogText(uint32_t code, unsigned long* status) ZAR_REQUIRES(gMsg.mutex);
+// zar_msg_get_cat_msg, but returning a copy so that no pointer into the
+// cache escapes: into buf when it fits in its cap bytes, else a new block
+// (the caller frees a result other than buf).
+char* copyCatalogText(uint32_t code, unsigned long* status, char* buf = nullptr, size_t cap = 0)
+    ZAR_REQUIRES(gMsg.mutex);
+
+// zar_msg_get_msg with the same choice of result: buf when the text fits in
+// its cap bytes, else a new block (null only when memory is short).
+char* getMsgInto(uint32_t code, unsigned long* status, char* buf, size_t cap);
 
 // Copies the longest run of whole characters (of cs; null: the thread's code
 // set) of text that fits in max - 1 bytes into out, and terminates it.

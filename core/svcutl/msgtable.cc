@@ -163,28 +163,34 @@ const char* zar_msg_get_default_msg(uint32_t code, unsigned long* status) {
 
 namespace {
 
-// A new copy of text, or of the "Unknown message number" text for code.
-char* copyOrUnknown(const char* text, uint32_t code, unsigned long* status) {
+// A copy of text, or of the "Unknown message number" text for code: into buf
+// when it fits in its cap bytes, else a new block.
+char* copyOrUnknown(const char* text, uint32_t code, unsigned long* status, char* buf, size_t cap) {
   char unknown[48];
   if (text == nullptr) {
     snprintf(unknown, sizeof unknown, kUnknownFormat, static_cast<unsigned long>(code));
     text = unknown;
   }
-  char* copy = zar::mem::strDup(text);
+  size_t len = strlen(text);
+  if (len < cap) {
+    memcpy(buf, text, len + 1);
+    return buf;
+  }
+  char* copy = zar::mem::strDupLen(text, len);
   if (copy == nullptr) zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
   return copy;
 }
 
 }  // namespace
 
-char* zar_msg_get_msg(uint32_t code, unsigned long* status) {
+char* zar::msg::getMsgInto(uint32_t code, unsigned long* status, char* buf, size_t cap) {
   if (!zar::msg::ensureInit()) {
     zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
     return nullptr;
   }
   zar::MutexLock lock(gMsg.mutex);
   unsigned long st = ZAR_S_OK;
-  char* text = zar::msg::copyCatalogText(code, &st);
+  char* text = zar::msg::copyCatalogText(code, &st, buf, cap);
   if (text != nullptr) {
     zar::setStatus(status, ZAR_S_OK);
     return text;
@@ -195,7 +201,11 @@ char* zar_msg_get_msg(uint32_t code, unsigned long* status) {
   }
   const char* found = zar_msg_get_default_msg(code, &st);
   zar::setStatus(status, static_cast<uint32_t>(st));
-  return copyOrUnknown(found, code, status);
+  return copyOrUnknown(found, code, status, buf, cap);
+}
+
+char* zar_msg_get_msg(uint32_t code, unsigned long* status) {
+  return zar::msg::getMsgInto(code, status, nullptr, 0);
 }
 
 char* zar_msg_get_msg_utf8(uint32_t code, unsigned long* status) {
@@ -218,7 +228,7 @@ char* zar_msg_get_msg_utf8(uint32_t code, unsigned long* status) {
   zar::MutexLock lock(gMsg.mutex);
   const char* found = zar_msg_get_default_msg(code, &st);
   zar::setStatus(status, static_cast<uint32_t>(st));
-  return copyOrUnknown(found, code, status);
+  return copyOrUnknown(found, code, status, nullptr, 0);
 }
 
 // ---- Error texts -------------------------------------------------------------------

@@ -136,9 +136,21 @@ namespace zar::svc {
 // The local time text of one whole second, kept for the records of that
 // second. msAt is the index of its milliseconds (0: nothing kept).
 struct TimeTextCache {
-  int64_t second = 0;
+  uint64_t from100 = 0;  // the second's start, in the UTC value's 100 ns units
   size_t msAt = 0;
+  size_t length = 0;  // of text
   char text[50] = {};
+};
+
+// The parsed form of the latest message text rendered, with its own copy of
+// the text: a record whose text is the same, byte for byte and in the same
+// code set, takes its conversions instead of parsing the text again. Another
+// message, a catalog read again or another locale gives another text, which
+// does not match.
+struct ParsedTextCache {
+  size_t length = 0;  // of text; 0: nothing kept
+  char text[256] = {};
+  zar::format::Context model;  // parsed from text, no heap arrays
 };
 
 // Invariants: every field below `mutex` is read and written only with mutex
@@ -169,6 +181,7 @@ struct SvcState {
   std::atomic<pid_t> pid{0};        // cached process id; refreshed in a fork child
 
   TimeTextCache timeCache ZAR_GUARDED_BY(mutex);  // local time text of the latest second printed
+  ParsedTextCache parsedCache ZAR_GUARDED_BY(mutex);
   char pidName[32] ZAR_GUARDED_BY(mutex) = {};    // "PID#" and pidNameOf
   pid_t pidNameOf ZAR_GUARDED_BY(mutex) = 0;      // the process id pidName was made for
 
@@ -328,11 +341,15 @@ struct zar_svc_record {
   }
   bool saved() const { return saved_; }
   const char* savedText() const { return saved_ ? text_ : nullptr; }
-  // Takes an owned message text as the prolog's format.
+  // Takes a message text as the prolog's format: the record's own format
+  // buffer, or an owned block.
   void ownFormat(char* format) {
     prolog.format = format;
-    formatOwned_ = format != nullptr;
+    formatOwned_ = format != nullptr && format != formatBuffer_;
   }
+  // Where a message text that fits is copied, to be taken by ownFormat.
+  char* formatBuffer() { return formatBuffer_; }
+  static constexpr size_t kFormatBufferSize = 256;
 
   // The code set of the text and its string arguments, and the other one
   // (UTF-8 for a local text, else the local code page).
@@ -347,9 +364,11 @@ struct zar_svc_record {
   const char* convertedText(va_list args, size_t* length);
   // The format parsed with args for rendering in code set cs; null when it
   // cannot be parsed. Kept for the next call with the same code set.
-  zar::format::Context* parsed(va_list args, nlz_cs_t cs);
-  // The local time text of prolog.t ("" when it cannot be made).
+  zar::format::Context* parsed(va_list args, nlz_cs_t cs) ZAR_REQUIRES(zar::svc::gSvc.mutex);
+  // The local time text of prolog.t ("" when it cannot be made), and its
+  // length once it is made.
   const char* timeText() ZAR_REQUIRES(zar::svc::gSvc.mutex);
+  size_t timeTextLength() const { return timeLength_; }
 
   bool utf8Source = false;       // text and string arguments are UTF-8 (else the local code set)
   bool dynamicGetsArgs = false;  // route types get the format and its arguments (else
@@ -373,16 +392,19 @@ struct zar_svc_record {
   zar::format::Context parsed_;
   bool timeMade_ = false;
   char timeText_[50];
+  size_t timeLength_ = 0;
+  char formatBuffer_[kFormatBufferSize];
 };
 
 namespace zar::svc {
 
 // Message texts and code sets as the printer needs them (svcmsg.cc).
 // messageText: the text of msgid in the local code set (catalog of the
-// user's locale, else the compiled table, else "Unknown message number"), a
-// new block, null only when memory is short. messageTextUtf8: the catalog
+// user's locale, else the compiled table, else "Unknown message number"), in
+// buf when it fits in its cap bytes, else a new block; null only when memory
+// is short. messageTextUtf8: the catalog
 // text in UTF-8, else a copy of the compiled text, else null.
-char* messageText(uint32_t msgid);
+char* messageText(uint32_t msgid, char* buf, size_t cap);
 char* messageTextUtf8(uint32_t msgid);
 // The calling thread's local code page and the UTF-8 code set (either may be
 // null when it cannot be made).

@@ -17,9 +17,9 @@
 
 namespace zar::svc {
 
-char* messageText(uint32_t msgid) {
+char* messageText(uint32_t msgid, char* buf, size_t cap) {
   unsigned long st = 0;
-  return zar_msg_get_msg(msgid, &st);
+  return msg::getMsgInto(msgid, &st, buf, cap);
 }
 
 char* messageTextUtf8(uint32_t msgid) {

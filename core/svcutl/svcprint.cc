@@ -59,7 +59,9 @@ void buildProlog(zar_svc_record* record, zar_svc_handle handle, zar_codeset_t cs
   record->utf8Source = cs != nullptr;
   // A UTF-8 message reaches route types with its own format and arguments.
   record->dynamicGetsArgs = cs != nullptr;
-  record->ownFormat(record->utf8Source ? messageTextUtf8(msgid) : messageText(msgid));
+  record->ownFormat(record->utf8Source ? messageTextUtf8(msgid)
+                                       : messageText(msgid, record->formatBuffer(),
+                                                     zar_svc_record::kFormatBufferSize));
   p.handle = handle;
   p.version = 1;
   zar_utc_gettime(&p.t);

@@ -2,6 +2,7 @@
 // every route of the call (formatted, converted, parsed, the local time
 // text), and the write lock the record forms take.
 #include <ctype.h>
+#include <endian.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <string.h>
@@ -43,6 +44,24 @@ char* localConvert(nlz_cs_t source, nlz_cs_t other, bool sourceIsUtf8, size_t le
   out[n] = '\0';
   *outLength = static_cast<size_t>(n);
   return out;
+}
+
+// Parses format with args in code set cs, through the kept parse of the
+// last text when format is that text.
+int parseText(format::Context* ctx, nlz_cs_t cs, const char* format, va_list args)
+    ZAR_REQUIRES(gSvc.mutex) {
+  ParsedTextCache& cache = gSvc.parsedCache;
+  size_t length = strlen(format);
+  if (cache.length != 0 && length == cache.length && cache.model.cs == cs &&
+      memcmp(cache.text, format, length) == 0)
+    return zar_vsnprintf_parse_as(ctx, &cache.model, format, args);
+  int rc = zar_vsnprintf_parse(ctx, cs, format, args);
+  if (rc == 0 && length < sizeof cache.text) {
+    cache.length = 0;
+    memcpy(cache.text, format, length + 1);
+    if (zar_vsnprintf_parse_as(&cache.model, ctx, cache.text, args) == 0) cache.length = length;
+  }
+  return rc;
 }
 
 }  // namespace
@@ -146,7 +165,7 @@ zar::format::Context* zar_svc_record::parsed(va_list args, nlz_cs_t cs) {
     if (parseState_ == 1) zar_vsnprintf_done(&parsed_);
     va_list copy;
     va_copy(copy, args);
-    int rc = zar_vsnprintf_parse(&parsed_, cs, prolog.format, copy);
+    int rc = zar::svc::parseText(&parsed_, cs, prolog.format, copy);
     va_end(copy);
     parseState_ = rc == 0 ? 1 : -1;
     parsedCs_ = cs;
@@ -155,36 +174,48 @@ zar::format::Context* zar_svc_record::parsed(va_list args, nlz_cs_t cs) {
 }
 
 // The text of a whole second is made once and kept; records within that
-// second only put in their milliseconds. (Zone offsets change at whole
-// seconds, so the kept text is right for the whole second; a changed TZ shows
-// from the next second on.)
+// second only put in their milliseconds, taken straight from the UTC value
+// (its time in 100 ns units, as mkcomptime stores it). (Zone offsets change
+// at whole seconds, so the kept text is right for the whole second; a
+// changed TZ shows from the next second on.)
 const char* zar_svc_record::timeText() {
   if (timeMade_) return timeText_;
   timeMade_ = true;
-  struct timespec ts = {};
+  constexpr uint64_t kPerSecond100 = 10'000'000;
   zar::svc::TimeTextCache& cache = gSvc.timeCache;
-  if (zar_utc_bintime(&ts, nullptr, nullptr, &prolog.t) == 0 && cache.msAt != 0 &&
-      ts.tv_sec == cache.second) {
+  const unsigned char* b = prolog.t.char_array;
+  uint64_t t100 = 0;
+  const bool plain = (b[15] & 0xF0) == 0x10;  // the form of a time made by this library
+  if (plain) {
+    memcpy(&t100, b, 8);
+    t100 = le64toh(t100);
+  }
+  if (plain && cache.msAt != 0 && t100 - cache.from100 < kPerSecond100) {
     memcpy(timeText_, cache.text, sizeof timeText_);
-    long ms = ts.tv_nsec / 1000000;
+    uint64_t ms = (t100 - cache.from100) / 10'000;
     timeText_[cache.msAt] = static_cast<char>('0' + ms / 100);
     timeText_[cache.msAt + 1] = static_cast<char>('0' + ms / 10 % 10);
     timeText_[cache.msAt + 2] = static_cast<char>('0' + ms % 10);
+    timeLength_ = cache.length;
     return timeText_;
   }
   if (zar_utc_asclocaltime(timeText_, sizeof timeText_, &prolog.t) != 0) {
     timeText_[0] = '\0';
     return timeText_;
   }
+  timeLength_ = strlen(timeText_);
   // Keep it when the milliseconds are where the form puts them: three
   // digits after the first '.'.
   const char* dot = strchr(timeText_, '.');
   cache.msAt = 0;
-  if (dot != nullptr && isdigit(static_cast<unsigned char>(dot[1])) &&
-      isdigit(static_cast<unsigned char>(dot[2])) && isdigit(static_cast<unsigned char>(dot[3]))) {
+  struct timespec ts = {};
+  if (plain && zar_utc_bintime(&ts, nullptr, nullptr, &prolog.t) == 0 && dot != nullptr &&
+      isdigit(static_cast<unsigned char>(dot[1])) && isdigit(static_cast<unsigned char>(dot[2])) &&
+      isdigit(static_cast<unsigned char>(dot[3]))) {
     memcpy(cache.text, timeText_, sizeof cache.text);
-    cache.second = ts.tv_sec;
+    cache.from100 = t100 - static_cast<uint64_t>(ts.tv_nsec / 100);
     cache.msAt = static_cast<size_t>(dot + 1 - timeText_);
+    cache.length = timeLength_;
   }
   return timeText_;
 }

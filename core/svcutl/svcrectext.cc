@@ -18,8 +18,9 @@ void putTextPrefix(OutBuf& out, zar_svc_record* record, bool lineBreak) {
                          p.handle->table[p.table_index].name,
                          p.file};
   size_t len[6];
-  size_t total = 64;  // blanks, id, level, line, thread, separator
-  for (int i = 0; i < 6; ++i) total += len[i] = strlen(text[i]);
+  len[0] = record->timeTextLength();
+  size_t total = 64 + len[0];  // blanks, id, level, line, thread, separator
+  for (int i = 1; i < 6; ++i) total += len[i] = strlen(text[i]);
   char* w = out.reserve(total);
   if (w == nullptr) {  // names too long for the buffer: piece by piece
     out.put(text[0], len[0]);
@@ -40,7 +41,7 @@ void putTextPrefix(OutBuf& out, zar_svc_record* record, bool lineBreak) {
     return;
   }
   char* start = w;
-  memcpy(w, text[0], len[0]);
+  mem::moveBytes(w, text[0], len[0]);
   w += len[0];
   if (!isDebug(p)) {
     memcpy(w, " 0x", 3);
@@ -48,7 +49,7 @@ void putTextPrefix(OutBuf& out, zar_svc_record* record, bool lineBreak) {
   }
   for (int i = 1; i < 6; ++i) {
     *w++ = ' ';
-    memcpy(w, text[i], len[i]);
+    mem::moveBytes(w, text[i], len[i]);
     w += len[i];
     if (i == 2 && isDebug(p)) *w++ = static_cast<char>('0' + (p.attributes & svc_c_debug_mask));
   }

@@ -171,16 +171,19 @@ TEST_F(SvcPrint, ProgramNameFiltersUnknownTextsAndNullHandles) {
     zar_svc_printf_withfile(h, "f.c", 2, "%d", 0, kError, 0x38C5213A, 5);  // "Trace Level: %d"
     zar_svc_printf_withfile(zarsv_client_svc_handle, "x.c", 3, "", 2, kError, 0xABCDEF09);
     zar_svc_printf_withfile(nullptr, "f", 1, "", 0, kError | svc_c_action_abort, kNoMemory);
+    static const std::string longText(300, 'x');  // too long for the record's own buffer
+    const zar_msg_entry entry[] = {{0x38C5AF21, longText.c_str()}};
+    zar_msg_define_msg_table(entry, 1, &st);
     FaultPlan plan(zar::fault::Op::kAlloc, 1, true);
-    printError();
+    zar_svc_printf_withfile(zarsv_client_svc_handle, "server.cc", 412, "", 0, kError, 0x38C5AF21);
   });
   EXPECT_EQ(kEnded, o.status);
   const std::string head = std::string(kTime) + " 0x", tail = std::string(" ") + kThread + "\n";
   EXPECT_TRUE(matches(o.out, head + "38C5213A server ERROR flt main f\\.c 2" + tail +
                                  "Trace Level: 5\n" + head + "ABCDEF09 server ERROR wsc azn-svc x\\.c 3" +
                                  tail + "Unknown message number 0xabcdef09\n" + head +
-                                 "38C52097 server ERROR wsc core server.cc 412" + tail +
-                                 "Unknown message 0x38c52097\n"))
+                                 "38C5AF21 server ERROR wsc core server.cc 412" + tail +
+                                 "Unknown message 0x38c5af21\n"))
       << o.out;
 }
 
@@ -425,6 +428,36 @@ TEST_F(SvcPrint, XmlRecordsAreWellFormedWithAParamPerConversion) {
   // A brief record has no head but is closed.
   EXPECT_EQ("XKJSC0151E   Memory could not be allocated. ]]></LogText>\n</Message>\n\n",
             file("brief.xml"));
+}
+
+// A record reuses nothing of the record before it: texts of one length with
+// other conversions, and the time text of a second that is over (the time
+// text of each XML record agrees with its Millis, within a second and across
+// the next one).
+TEST_F(SvcPrint, RecordsTakeNothingStaleFromTheRecordBefore) {
+  static const zar_msg_entry texts[] = {{0x38C5AF11, "Got %s."}, {0x38C5AF12, "Got %d."}};
+  Captured o = inChild([&] {
+    unsigned long st = 0;
+    zar_msg_define_msg_table(texts, 2, &st);
+    route("NOTICE:TEXTFILE:@/t.log;XMLFILE:@/t.xml");
+    zar_svc_printf_withfile(zarsv_client_svc_handle, "p.c", 1, "", 0, kNotice, texts[0].code, "ab");
+    zar_svc_printf_withfile(zarsv_client_svc_handle, "p.c", 1, "", 0, kNotice, texts[1].code, 42);
+    usleep(20000);  // other tens of milliseconds, mostly within the same second
+    printError(kNotice);
+    for (time_t now = time(nullptr); time(nullptr) == now;) usleep(1000);  // the next second
+    printError(kNotice);
+  });
+  ASSERT_EQ(kEnded, o.status) << o.err;
+  std::string log = file("t.log"), xml = file("t.xml");
+  EXPECT_TRUE(has(log, " Got ab.\n") && has(log, " Got 42.\n")) << log;
+  const std::regex stamp(R"re(<Time Millis="(\d+)">[-\d]+:\d\d:(\d\d)\.(\d{3})</Time>)re");
+  int n = 0;
+  for (std::sregex_iterator it(xml.begin(), xml.end(), stamp), end; it != end; ++it, ++n) {
+    long long millis = std::stoll((*it)[1].str());
+    EXPECT_EQ(millis / 1000 % 60, std::stoi((*it)[2].str())) << (*it)[0];
+    EXPECT_EQ(millis % 1000, std::stoi((*it)[3].str())) << (*it)[0];
+  }
+  EXPECT_EQ(4, n);
 }
 
 }  // namespace

@@ -244,39 +244,6 @@ TEST(ZarPrintfWide, ConvertsIntoTheCodeSet) {
   for (const auto& r : rows) EXPECT_EQ(r.want, r.got);
 }
 
-TEST(ZarPrintfWide, NullHandleMeansTheThreadsLocale) {
-  locale_t latin1 = newlocale(LC_ALL_MASK, "de_DE.ISO-8859-1", nullptr);
-  ASSERT_NE(nullptr, latin1) << "generated locales are missing (LOCPATH)";
-  locale_t old = uselocale(latin1);
-  const std::string inLatin1 = W(nullptr, 99, "%S", u"\u00e9"), viaAsprintf = As("%C", u'\u00fc');
-  uselocale(LC_GLOBAL_LOCALE);
-  const std::string inC = W(nullptr, 99, "%S", u"\u00e9");
-  uselocale(old);
-  freelocale(latin1);
-  EXPECT_EQ("1:\xe9", inLatin1);
-  EXPECT_EQ("\xfc", viaAsprintf);
-  EXPECT_EQ(kError, inC) << "the C locale's code set is ASCII";
-}
-
-TEST(ZarPrintfWide, LocalCodePageAndUtf8Variants) {
-  // The local code page is fixed by the first call in the process: a child
-  // that starts in a Latin-1 locale.
-  int status = test::runInChild([] {
-    if (setlocale(LC_ALL, "de_DE.ISO-8859-1") == nullptr) return 2;
-    char lcp[8], u8[8];
-    char *lcpText = nullptr, *u8Text = nullptr;
-    bool ok = zar_snprintf_lcp(lcp, sizeof lcp, "%S", u"\u00e9") == 1 && strcmp(lcp, "\xe9") == 0 &&
-              zar_snprintf_utf8(u8, sizeof u8, "%S", u"\u00e9") == 2 &&
-              strcmp(u8, "\u00e9") == 0 && zar_asprintf_lcp(&lcpText, "%C", u'\u00fc') == 1 &&
-              strcmp(lcpText, "\xfc") == 0 && zar_asprintf_utf8(&u8Text, "%C", u'\u00fc') == 2 &&
-              strcmp(u8Text, "\u00fc") == 0 && zar_snprintf_lcp(lcp, sizeof lcp, "%S", u"\u20ac") == -1;
-    zar_asprintf_free(lcpText);
-    zar_asprintf_free(u8Text);
-    return ok ? 0 : 1;
-  });
-  EXPECT_EQ(0, test::exitCode(status));
-}
-
 TEST(ZarPrintfStream, WritesWhatTheBufferWouldHoldAndReportsFailures) {
   nlz_cs_t u8 = nlz_cs_shared("UTF8");
   const std::string big(300, 'z');

@@ -81,26 +81,11 @@ TEST_P(LogShowMerge, PerProcessRotatedFilesComeOutInTimeOrderEachOnce) {
   const std::string kind = GetParam();
   writeLogs("ERROR:" + kind + ".50.20:" + dir.file("app_%d.log"), kProcs, kThreads, kCount);
 
-  ZarRun raw = zar(dir, "log show '" + dir.file("app_%d.log") + "'");
+  // The files by their pattern, or (UTF-8) by their directory.
+  ZarRun raw = zar(dir, "log show " + (kind == "UTF8FILE" ? dir.path() : "'" + dir.file("app_%d.log") + "'"));
   ASSERT_EQ(0, raw.rc) << raw.err;
   EXPECT_EQ("", raw.err);
   EXPECT_EQ("", checkRecords(raw.out, kind == "XMLFILE", kProcs, kThreads, kCount));
-
-  // The same through the directory, as JSON: times never go back.
-  ZarRun json = zar(dir, "log show --json " + dir.path());
-  ASSERT_EQ(0, json.rc) << json.err;
-  static const std::regex kTime("\"time_ms\":([0-9]+)");
-  long long last = 0;
-  size_t n = 0;
-  for (const std::string& line : splitLines(json.out)) {
-    std::smatch m;
-    ASSERT_TRUE(std::regex_search(line, m, kTime)) << line;
-    long long t = std::stoll(m[1]);
-    EXPECT_LE(last, t) << "record " << n;
-    last = t;
-    ++n;
-  }
-  EXPECT_EQ(static_cast<size_t>(kProcs * kThreads * kCount), n);
 }
 
 INSTANTIATE_TEST_SUITE_P(Forms, LogShowMerge, ::testing::Values("TEXTFILE", "UTF8FILE", "XMLFILE"));

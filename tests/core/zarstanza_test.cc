@@ -176,20 +176,6 @@ TEST_F(StanzaTest, MovesByNameAndSizeInBothModes) {
   EXPECT_EQ("a/z a/- a/z -/- a/z", seen + " " + at(m.get()));
 }
 
-// Another process that ignores the lock truncates the file: edits find their
-// lines gone and change nothing.
-TEST_F(StanzaTest, FileTruncatedBehindTheCursor) {
-  Stz e = openStz(file("[a]\nx = 1\ny = 2\n[b]\nz = 3\n"), ZAR_STZ_WRITE);
-  ASSERT_EQ(1, zarStzMoveEntry(e.get(), "b", "z"));
-  ASSERT_EQ(0, truncate(path_.c_str(), 10));
-  zarStzChangeValue(e.get(), "4");  // the line is gone, or no longer where it was
-  EXPECT_TRUE(e->status == ZAR_S_STZ_UPDATE_FAILED || e->status == ZAR_S_STZ_READ_FAILED);
-  EXPECT_EQ(0, zarStzMoveStanza(e.get(), "b"));
-  EXPECT_EQ(1, zarStzMoveStanza(e.get(), "a"));
-  zarStzAddEntry(e.get(), "n", "5");
-  EXPECT_EQ("[a]\nx = 1\nn = 5\n", readFile(path_));
-}
-
 const std::string kTwo = "[a]\nx = 1\n\n# b next\n[b]\ny = 2\n";
 
 // Every write of an edit that a signal interrupts is made again.

@@ -18,6 +18,7 @@ expect 0 "$(printf 'port = 80\nhost = a')" "$conf" list server
 expect 0 "80" "$conf" get server port
 expect 0 "" "$conf" get log level
 expect 1 "" "$conf" get server missing
+grep -q "no entry 'missing' in stanza \[server\]" "$tmp/err" || fail "missing entry: $(cat "$tmp/err")"
 expect 1 "" "$conf" get nostanza port
 expect 1 "" "$conf" list nostanza
 expect 0 "" "$conf" set server port 8080

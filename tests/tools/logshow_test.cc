@@ -161,12 +161,11 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         FilterCase{"", "beta alpha gamma delta epsilon"},
         FilterCase{"--severity ERROR", "alpha delta"},
-        FilterCase{"--severity debug2", "beta alpha delta epsilon"},
         FilterCase{"--severity DEBUG3", "beta alpha gamma delta epsilon"},
         FilterCase{"--component wsc", "alpha gamma epsilon"},
         FilterCase{"--sub deploy --sub admin", "beta gamma delta"},
         FilterCase{"--status 0x38C52097 --status 0x10652203", "alpha delta epsilon"},
-        FilterCase{"--program server", "beta alpha"}, FilterCase{"--pid 42", "gamma epsilon"},
+        FilterCase{"--pid 42", "gamma epsilon"},
         FilterCase{"--grep 'second|^del'", "beta delta"},
         FilterCase{"--since 2026-01-01T11:00:00Z", "gamma delta epsilon"},
         FilterCase{"--until 2026-01-01-10:30:00.000+01:00", "beta"},

@@ -212,11 +212,6 @@ TEST(FileUtil, CopyCopiesBlocksAndRefusesWhatWouldLoseData) {
     FaultPlan plan(zar::fault::Op::kWrite, 1, /*sticky=*/true, ENOSPC);
     EXPECT_ZAR_STATUS(ZAR_S_NO_MEMORY, zar_file_copy(src.c_str(), dir.file("dst2").c_str()));
   }
-  chmod(src.c_str(), 0);
-  chmod(dir.path().c_str(), 0777);  // let nobody reach the files
-  Results got = asUnprivileged(
-      [&]() -> Results { return {zar_file_copy(src.c_str(), dir.file("dst3").c_str()), 0}; });
-  EXPECT_ZAR_STATUS(ZAR_S_ACCESS_DENIED, got[0]);
 }
 
 }  // namespace

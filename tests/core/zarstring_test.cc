@@ -117,12 +117,6 @@ TEST(ZARString, ConvertingAppendReservesRoomAndFailsWhole) {
     EXPECT_EQ(c.capacity, s.capacity());
     EXPECT_EQ('\0', s.getData()[s.getLen()]);
   }
-  ZARString s(kLatin1Twenty.c_str(), -1, ZARString::CONVERT_TO_UTF8);
-  const std::string utf8 = text(s);
-  ASSERT_TRUE(s.set(utf8.c_str(), -1, ZARString::CONVERT_FROM_UTF8));
-  EXPECT_EQ(kLatin1Twenty, text(s));
-  ASSERT_TRUE(s.append(s.getData(), s.getLen(), ZARString::CONVERT_TO_UTF8));  // its own content
-  EXPECT_EQ(kLatin1Twenty + utf8, text(s));
 }
 
 int sign(int v) { return (v > 0) - (v < 0); }

@@ -49,6 +49,16 @@ TEST(ZARString, AllocatesExactlyAndOnlyBeyond29Bytes) {
   }
 }
 
+// Growing keeps a byte for the terminator: inline up to 29 bytes, a heap
+// block one byte longer than the length asked for.
+TEST(ZARString, ExpandKeepsRoomForTheTerminator) {
+  ZARString s;
+  ASSERT_TRUE(s.expand(30));
+  EXPECT_EQ(31u, s.capacity());
+  ASSERT_TRUE(s.expand(31));
+  EXPECT_EQ(32u, s.capacity());
+}
+
 // Every allocating operation, failed at its allocation, returns false and
 // leaves content, length and capacity as they were.
 TEST(ZARString, AllocationFailureLeavesTheStringUnchanged) {

@@ -12,13 +12,11 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <strings.h>
-#include <unistd.h>
 
+#include <filesystem>
 #include <map>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "zar/cmdline.hpp"
@@ -26,8 +24,7 @@
 
 namespace {
 
-std::string gDir;
-std::string gPath;
+std::string gDir, gPath;
 
 #define check(cond)                                                            \
   do {                                                                         \
@@ -64,18 +61,12 @@ std::vector<Occurrence> modelFile(const std::string& stanza, uint32_t* status) {
   zarStzFile* f = zarStzFileOpen(gPath.c_str(), ZAR_STZ_READ, &st);
   check(f != nullptr && st == 0);
   if (zarStzMoveStanza(f, stanza.c_str()) == 1) {
-    for (; f->entryName != nullptr; zarStzMoveNextEntry(f)) {
+    for (; f->entryName != nullptr; zarStzMoveNextEntry(f))
       out.push_back({f->entryName, f->value != nullptr ? f->value : "", true});
-    }
   }
   *status = f->status;
   zarStzFileClose(f);
   return out;
-}
-
-void removeFiles() {
-  unlink(gPath.c_str());
-  rmdir(gDir.c_str());
 }
 
 }  // namespace
@@ -86,7 +77,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   gDir = std::string(tmp != nullptr && *tmp ? tmp : "/tmp") + "/cmdfuzz.XXXXXX";
   if (mkdtemp(gDir.data()) == nullptr) abort();
   gPath = gDir + "/rsp";
-  atexit(removeFiles);
+  atexit([] {
+    std::error_code ec;
+    std::filesystem::remove_all(gDir, ec);
+  });
   return 0;
 }
 
@@ -100,8 +94,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text = nul == std::string::npos ? "" : rest.substr(nul + 1);
 
   std::vector<std::string> storage;
-  for (size_t p = 0; (p = words.find_first_not_of(" \t\n\r\v\f", p)) != std::string::npos;) {
-    const size_t e = words.find_first_of(" \t\n\r\v\f", p);
+  const char* const kBlank = " \t\n\r\v\f";
+  for (size_t p = 0; (p = words.find_first_not_of(kBlank, p)) != std::string::npos;) {
+    const size_t e = words.find_first_of(kBlank, p);
     storage.push_back(words.substr(p, e - p));
     p = e;
   }
@@ -124,7 +119,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   all.insert(all.end(), second.begin(), second.end());
 
   ZARCmdLine cl;
-  unsigned st = 0;
   if (mode & 1) check(cl.loadRspFile(gPath.c_str(), stanza.c_str()) == fileStatus);
   check(cl.initialize(static_cast<int>(argv.size()), argv.data()) == 0);
   if (!(mode & 1)) check(cl.loadRspFile(gPath.c_str(), stanza.c_str()) == fileStatus);
@@ -138,13 +132,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   check(cl.getNumOptions() == static_cast<int>(first.size()));
   ZARStringRef ref;
-  ZARStringRef cmd;
-  check((cl.getCmdName(cmd) == 0) == (!argv.empty() && argv[0][0] != '-'));
+  check((cl.getCmdName(ref) == 0) == (!argv.empty() && argv[0][0] != '-'));
   int i = 0;
   for (const auto& [name, o] : first) {
     check(cl.findOption(name.c_str(), ref) == 0 && o->value == ref.getData());
     bool flag = false;
-    st = cl.findOption(name.c_str(), flag);
+    const unsigned st = cl.findOption(name.c_str(), flag);
     const bool yes = strcasecmp(o->value.c_str(), "yes") == 0;
     const bool no = strcasecmp(o->value.c_str(), "no") == 0;
     check(st == ((yes || no) ? 0u : ZAR_S_CMDLINE_BAD_OPTION) && (!(yes || no) || flag == yes));
@@ -152,8 +145,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       cl.validated(ZARStringRef(name.data(), static_cast<int>(name.size())));
   }
   // Duplicates: per name, in arrival order, with their source.
-  std::map<std::string, std::vector<std::string>> want;
-  std::map<std::string, std::vector<std::string>> got;
+  std::map<std::string, std::vector<std::string>> want, got;
   for (const auto& [name, v] : dups) want[name].push_back(v);
   ZARCmdLine::OptionIter it(cl.duplicateOptions());
   ZARString* k = nullptr;

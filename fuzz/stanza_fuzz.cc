@@ -7,8 +7,10 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -35,14 +37,8 @@ std::vector<std::string> walk(zarStzFile* f) {
 }
 
 std::string readAll() {
-  std::string text;
-  FILE* in = fopen(gPath.c_str(), "rb");
-  if (in == nullptr) abort();
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), in)) > 0) text.append(buf, n);
-  fclose(in);
-  return text;
+  std::ifstream in(gPath, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // An invariant that failed names itself before the fuzzer takes the abort.
@@ -64,10 +60,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   std::string dir = std::string(tmp != nullptr && *tmp ? tmp : "/tmp") + "/stzfuzz.XXXXXX";
   if (mkdtemp(dir.data()) == nullptr) abort();
   gPath = dir + "/conf";
-  static std::string gDir = dir;
   atexit([] {
-    unlink(gPath.c_str());
-    rmdir(gDir.c_str());
+    std::error_code ec;
+    std::filesystem::remove_all(std::filesystem::path(gPath).parent_path(), ec);
   });
   return 0;
 }

@@ -10,6 +10,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 
 #include "core/svcutl/svcint.h"
@@ -19,13 +20,6 @@ namespace {
 
 std::string gDir;
 
-void removeDir() {
-  std::string cmd = "rm -rf '" + gDir + "'";
-  if (system(cmd.c_str()) != 0) {
-    // A directory left behind in TMPDIR is harmless.
-  }
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -33,7 +27,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   std::string tmpl = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/svcfuzz.XXXXXX";
   if (mkdtemp(tmpl.data()) == nullptr || chdir(tmpl.c_str()) != 0) abort();
   gDir = tmpl;
-  atexit(removeDir);
+  atexit([] {
+    std::error_code ec;
+    std::filesystem::remove_all(gDir, ec);
+  });
   if (freopen("/dev/null", "w", stdout) == nullptr) abort();
   unsigned long st = 0;
   zar_svc_init(0, &st);

@@ -1,7 +1,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <optional>
 #include <string>
@@ -23,24 +22,6 @@ TEST(ZarPaths, LayerEntryAndIndexesPastTheTable) {
   EXPECT_STREQ(*dir != '\0' ? dir : "/opt/kpsrv/nls/NLZ/", zar_get_path(ZAR_PATH_NLZ_DIR));
   EXPECT_EQ(nullptr, zar_get_path(10));
   EXPECT_EQ(nullptr, zar_get_path(~0u));
-}
-
-// The table is set up once per process, so this runs in a fresh process:
-// the test binary itself, started again for this one case.
-TEST(ZarPaths, LayerDirectoryFromTheEnvironmentBecomesEntrySeven) {
-  if (getenv("ZAR_TEST_FRESH_PROCESS") != nullptr) {
-    EXPECT_STREQ("/srv/nlz-data", zar_get_path(ZAR_PATH_NLZ_DIR));
-    return;
-  }
-  int status = zar::test::runInChild([] {
-    setenv("ZAR_TEST_FRESH_PROCESS", "1", 1);
-    setenv("QVNLZDIR", "/srv/nlz-data", 1);
-    execl("/proc/self/exe", "zarpaths_test",
-          "--gtest_filter=ZarPaths.LayerDirectoryFromTheEnvironmentBecomesEntrySeven",
-          static_cast<char*>(nullptr));
-    return 127;
-  });
-  EXPECT_EQ(0, zar::test::exitCode(status));
 }
 
 TEST(ZarPaths, CanonicalizeTidiesInPlace) {

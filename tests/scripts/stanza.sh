@@ -18,6 +18,7 @@ expect 0 "$(printf 'port = 80\nhost = a')" "$conf" list server
 expect 0 "80" "$conf" get server port
 expect 0 "" "$conf" get log level
 expect 1 "" "$conf" get server missing
+grep -q "no entry 'missing' in stanza \[server\]" "$tmp/err" || fail "missing entry: $(cat "$tmp/err")"
 expect 1 "" "$conf" get nostanza port
 expect 1 "" "$conf" list nostanza
 expect 0 "" "$conf" set server port 8080
@@ -66,20 +67,21 @@ expect 2 "" "$conf" frobnicate
 expect 2 "" "$conf" get server
 expect 2 "" "$conf"
 
-# Another process holds the exclusive lock: --nowait fails at once, a plain
-# read waits until the lock is released.
+# Another process holds the exclusive lock until told to release it (a minute
+# at most): --nowait fails at once, a plain read waits for the release.
 perl -e '
   use Fcntl;
   open(my $f, "+<", $ARGV[0]) or die;
   my $lock = pack("s s x4 q q i x4", F_WRLCK, 0, 0, 0, 0);
   fcntl($f, F_SETLKW, $lock) or die "lock: $!";
   open(my $ready, ">", $ARGV[1]) or die; close($ready);
-  sleep 1;' "$conf" "$tmp/locked" &
+  for (1 .. 1200) { last if -e $ARGV[2]; select(undef, undef, undef, 0.05) }' "$conf" "$tmp/locked" "$tmp/release" &
 holder=$!
-for _ in $(seq 200); do [ -e "$tmp/locked" ] && break; sleep 0.05; done
+for _ in $(seq 600); do [ -e "$tmp/locked" ] && break; sleep 0.05; done
 [ -e "$tmp/locked" ] || fail "the lock holder did not start"
 expect 1 "" --nowait "$conf" list
 grep -q XKJSC0169E "$tmp/err" || fail "no would-block message: $(cat "$tmp/err")"
+(sleep 0.5; touch "$tmp/release") &
 expect 0 "8080" "$conf" get server port
 wait "$holder"
 

@@ -1,6 +1,7 @@
 // What msggen makes of the message sources in messages/: every technology-3
 // text in the compiled tables, every text in the catalogs of each locale (the
-// German ones in that locale's code set), and sources it must refuse.
+// German ones in that locale's code set, with the conversions of their
+// English originals), and sources it must refuse.
 #include <nl_types.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -8,8 +9,6 @@
 
 #include <map>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "tests/testutil/testutil.h"
 #include "zar/msg.h"
@@ -35,6 +34,12 @@ Texts parseSource(const std::string& path) {
     src[std::stoi(m[1])] = text;
   }
   return src;
+}
+
+// The conversions of a format, in order: a translation must keep them.
+std::vector<std::string> conversions(const std::string& text) {
+  static const std::regex kConversion(R"(%[^a-zA-Z%]*[a-zA-Z%])");
+  return {std::sregex_token_iterator(text.begin(), text.end(), kConversion), {}};
 }
 
 std::string messagesDir() { return test::sourceDir() + "/messages/"; }
@@ -88,6 +93,7 @@ TEST(MessageSource, BuildsIntoTheCompiledTablesAndTheCatalogs) {
       std::string de = messagesDir() + "de/" + name + ".msg";
       if (locale[0] == 'd' && test::fileExists(de)) {
         for (auto [number, text] : parseSource(de)) {
+          EXPECT_EQ(conversions(en[number]), conversions(text)) << de << " " << number;
           if (strstr(locale, "8859") != nullptr) {  // Latin-1 from its UTF-8 (C2 xx, C3 xx)
             for (size_t i = 0; i < text.size(); ++i)
               if (static_cast<unsigned char>(text[i]) >= 0xC2 && i + 1 < text.size())

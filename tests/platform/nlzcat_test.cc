@@ -1,14 +1,13 @@
 // Catalogs of the internationalisation layer: the NLSPATH search for a
-// locale, the checked reader (compared with the system's catgets), code-set
-// conversion of texts, and bad files and bad paths.
+// locale, the checked reader (compared with the system's catgets), and bad
+// files and bad paths. Texts converted into other code sets are the catalog
+// cache's tests.
 #include <errno.h>
 #include <nl_types.h>
 #include <string.h>
 #include <unistd.h>
 
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "platform/nlz.h"
 #include "tests/testutil/catalogs.h"
@@ -95,34 +94,6 @@ TEST_F(CatalogTree, LocaleFormsAndFallbacks) {
   EXPECT_EQ(kGruesseUtf8, text("/nowhere/%N", "de_DE.UTF-8", kLocale));
   EXPECT_EQ("<errno ENOENT>", text("/nowhere/%N", "de_DE.UTF-8", kLocale | NLZ_CAT_NO_DATADIR));
   nlz_set_dir("");
-}
-
-TEST_F(CatalogTree, TextsAreConvertedIntoTheRequestedCodeSet) {
-  ScopedEnv env("NLSPATH", d() + "/%L/%N.cat:" + d() + "/%l/%N.cat");
-  LocPtr de(nlz_loc_new("de_DE.UTF-8")), fr(nlz_loc_new("fr_FR.UTF-8"));
-  CatPtr cat(nlz_catopen("t", NLZ_CAT_LOCALE, de.get()));
-  CatPtr frCat(nlz_catopen("t", NLZ_CAT_LOCALE | NLZ_CAT_NO_C_FALLBACK, fr.get()));
-  ASSERT_NE(nullptr, cat);
-  ASSERT_NE(nullptr, frCat);
-  EXPECT_STREQ("UTF-8", nlz_cat_cs_name(cat.get()));
-  EXPECT_STREQ("UTF-8", nlz_cat_cs_name(frCat.get()));  // no marker: the locale's code set
-  nlz_cs_t latin1 = nlz_cs_shared("ISO-8859-1"), utf8 = nlz_cs_shared("UTF8");
-  // Every text comes with its length, converted texts and the default too.
-  auto get = [&](int set, int num, nlz_cs_t cs) {
-    size_t len = 12345;
-    const char* t = nlz_catgets_len(cat.get(), set, num, "?", cs, &len);
-    EXPECT_EQ(strlen(t), len) << set << "/" << num;
-    EXPECT_EQ(t, nlz_catgets(cat.get(), set, num, "?", cs));
-    return t;
-  };
-  const char* a = get(1, 1, latin1);
-  EXPECT_STREQ(kGruesseLatin1, a);
-  EXPECT_EQ(a, get(1, 1, latin1));  // kept, same text
-  EXPECT_STREQ(kGruesseUtf8, get(1, 1, utf8));
-  EXPECT_STREQ(kGruesseUtf8, get(1, 1, nullptr));
-  EXPECT_STREQ("?", get(1, 3, latin1));  // euro: not in latin1
-  EXPECT_STREQ("?", get(1, 99, nullptr));
-  EXPECT_STREQ("?", get(2, 1, nullptr));
 }
 
 TEST(CatalogReader, AgreesWithTheSystemCatgetsOnEveryMessage) {

@@ -16,7 +16,6 @@
 namespace {
 
 using zar::test::CatMsg;
-using zar::test::FaultPlan;
 using zar::test::ScopedEnv;
 
 using LocPtr = std::unique_ptr<zar_locale_s, decltype([](nlz_loc_t l) { nlz_loc_free(l); })>;
@@ -145,23 +144,6 @@ TEST(CatalogReader, RefusesCorruptAndTruncatedFiles) {
   ASSERT_EQ(0, truncate(good.c_str(), (64 << 20) + 1));  // valid, but past the size limit
   EXPECT_EQ(nullptr, nlz_catopen(good.c_str(), 0, nullptr));
   EXPECT_EQ("<errno EINVAL>", failure());
-}
-
-TEST_F(CatalogTree, UnreadableCatalogsAndBadArgumentsFailCleanly) {
-  ScopedEnv env("NLSPATH", d() + "/%L/%N.cat");
-  LocPtr c(nlz_loc_new("C"));
-  using zar::fault::Op;
-  for (auto [op, err, want] : {std::tuple{Op::kOpen, EACCES, "<errno EACCES>"},
-                               {Op::kRead, EIO, "<errno EINVAL>"},
-                               {Op::kAlloc, ENOMEM, "<errno ENOMEM>"}, {Op::kRead, 0, "opened"}}) {
-    FaultPlan plan(op, err != 0 ? 1 : 0, true, err);
-    CatPtr cat(nlz_catopen("t", NLZ_CAT_LOCALE, c.get()));
-    EXPECT_EQ(want, cat ? "opened" : failure());
-  }
-  EXPECT_EQ(nullptr, nlz_catopen(nullptr, 0, nullptr));
-  EXPECT_EQ(nullptr, nlz_catopen("", 0, nullptr));
-  EXPECT_STREQ("d", nlz_catgets(nullptr, 1, 1, "d", nullptr));
-  EXPECT_EQ(-1, nlz_catclose(nullptr));
 }
 
 }  // namespace

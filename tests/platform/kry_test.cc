@@ -5,7 +5,6 @@
 #include <errno.h>
 #include <string.h>
 
-#include <string>
 #include <thread>
 #include <tuple>
 

@@ -1,13 +1,11 @@
-// Code sets, conversions, locales and settings of the internationalisation
-// layer, with real conversions in UTF-8, ISO-8859-1 and EUC-JP.
+// Code sets, conversions and locales of the internationalisation layer,
+// with real conversions in UTF-8, ISO-8859-1 and EUC-JP.
 #include "platform/nlz.h"
 
 #include <errno.h>
 #include <string.h>
 
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "tests/testutil/testutil.h"
 
@@ -110,40 +108,6 @@ TEST(Wide, SurrogatePairsAreOneCharacterBothWays) {
     EXPECT_EQ(-1, nlz_wcstombs(cs(name), out, w, sizeof out)) << name << " " << w[0];
 }
 
-TEST(OneChar, WctombAndMblenAgree) {
-  const std::tuple<const char*, uint32_t, std::string> rows[] = {  // "": not representable
-      {"UTF-8", 0x41, "A"}, {"UTF-8", 0xE4, "\xc3\xa4"}, {"UTF-8", 0x1D11E, "\xf0\x9d\x84\x9e"},
-      {"ISO-8859-1", 0xE4, "\xe4"}, {"ISO-8859-1", 0x20AC, ""}, {"EUC-JP", 0x3042, "\xa4\xa2"},
-      {"EUC-JP", 0x41, "A"}, {"UTF-8", 0xD800, ""}, {"UTF-8", 0x110000, ""},
-      {"US-ASCII", 0xE4, ""}};
-  for (const auto& [name, wc, bytes] : rows) {
-    SCOPED_TRACE(name + (" " + std::to_string(wc)));
-    char out[8];
-    const int n = nlz_wctomb(cs(name), out, wc);
-    EXPECT_EQ(bytes.empty() ? "-1" : bytes, n < 0 ? "-1" : std::string(out, n));
-    if (n <= 0) continue;
-    EXPECT_EQ(n, nlz_mblen(cs(name), bytes.data(), n));
-    EXPECT_TRUE(n == 1 || nlz_mblen(cs(name), bytes.data(), n - 1) == -1);  // incomplete
-  }
-  EXPECT_EQ(0, nlz_mblen(cs("EUC-JP"), "", 1));
-  EXPECT_EQ(-1, nlz_mblen(cs("EUC-JP"), "\xa4" "a", 2));  // lead byte then ASCII
-  EXPECT_EQ(-1, nlz_mblen(cs("EUC-JP"), "\xff", 1));
-}
-
-TEST(Text, StrstrMatchesAtCharacterBoundariesAndIswspaceKnowsUnicode) {
-  const char* hay = "\xa4\xa2\xa4\xa4x";  // two EUC-JP characters then 'x'
-  EXPECT_EQ(nullptr, nlz_strstr(cs("EUC-JP"), hay, "\xa2\xa4"));  // straddles a boundary
-  EXPECT_EQ(hay + 2, nlz_strstr(cs("EUC-JP"), hay, "\xa4\xa4"));
-  EXPECT_EQ(hay + 4, nlz_strstr(cs("EUC-JP"), hay, "x"));
-  EXPECT_EQ(hay, nlz_strstr(cs("EUC-JP"), hay, ""));
-  EXPECT_EQ(nullptr, nlz_strstr(cs("EUC-JP"), "abc", "abcd"));
-  const char* path = "/opt/kpsrv/nls/msg//%L/%N";
-  EXPECT_EQ(path, nlz_strstr(cs("UTF-8"), path, "/opt/kpsrv/nls/msg/"));
-  for (nlz_wchar_t wc : {0x20, 0x09, 0x0A, 0x0B, 0x0C, 0x0D, 0xA0, 0x2003, 0x3000, 0x2028})
-    EXPECT_EQ(1, nlz_iswspace(wc)) << wc;
-  for (nlz_wchar_t wc : {0x41, 0x00, 0x200B, 0xFEFF, 0x5F}) EXPECT_EQ(0, nlz_iswspace(wc)) << wc;
-}
-
 TEST(Locale, ObjectsKnowTheirNameAndCodeSet) {
   for (const char* name : {"de_DE.ISO-8859-1", "ja_JP.EUC-JP"}) {
     nlz_loc_t loc = nlz_loc_new(name);
@@ -180,20 +144,6 @@ TEST(Locale, CanonicalNamesAndLanguages) {
     EXPECT_EQ(loc, canon(nlz_canonical_loc)) << (name ? name : "null");
     EXPECT_EQ(lang, canon(nlz_canonical_lang)) << (name ? name : "null");
   }
-}
-
-TEST(Settings, DirectoryTextsStayValidAcrossChanges) {
-  ASSERT_EQ(0, nlz_set_dir("/first/dir"));
-  const char* first = nlz_get_dir();
-  ASSERT_EQ(0, nlz_set_dir("/second"));
-  EXPECT_STREQ("/second", nlz_get_dir());
-  EXPECT_STREQ("/first/dir", first);
-  {
-    FaultPlan plan(zar::fault::Op::kAlloc, 1);
-    EXPECT_EQ(-1, nlz_set_dir("/third"));
-  }
-  EXPECT_STREQ("/second", nlz_get_dir());
-  nlz_set_dir("");
 }
 
 }  // namespace

@@ -1,14 +1,13 @@
 // Catalogs of the internationalisation layer: the NLSPATH search for a
-// locale, the checked reader (compared with the system's catgets), code-set
-// conversion of texts, and bad files and bad paths.
+// locale, the checked reader (compared with the system's catgets), and bad
+// files and bad paths. Texts converted into other code sets are the catalog
+// cache's tests.
 #include <errno.h>
 #include <nl_types.h>
 #include <string.h>
 #include <unistd.h>
 
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "platform/nlz.h"
 #include "tests/testutil/catalogs.h"
@@ -17,7 +16,6 @@
 namespace {
 
 using zar::test::CatMsg;
-using zar::test::FaultPlan;
 using zar::test::ScopedEnv;
 
 using LocPtr = std::unique_ptr<zar_locale_s, decltype([](nlz_loc_t l) { nlz_loc_free(l); })>;
@@ -97,34 +95,6 @@ TEST_F(CatalogTree, LocaleFormsAndFallbacks) {
   nlz_set_dir("");
 }
 
-TEST_F(CatalogTree, TextsAreConvertedIntoTheRequestedCodeSet) {
-  ScopedEnv env("NLSPATH", d() + "/%L/%N.cat:" + d() + "/%l/%N.cat");
-  LocPtr de(nlz_loc_new("de_DE.UTF-8")), fr(nlz_loc_new("fr_FR.UTF-8"));
-  CatPtr cat(nlz_catopen("t", NLZ_CAT_LOCALE, de.get()));
-  CatPtr frCat(nlz_catopen("t", NLZ_CAT_LOCALE | NLZ_CAT_NO_C_FALLBACK, fr.get()));
-  ASSERT_NE(nullptr, cat);
-  ASSERT_NE(nullptr, frCat);
-  EXPECT_STREQ("UTF-8", nlz_cat_cs_name(cat.get()));
-  EXPECT_STREQ("UTF-8", nlz_cat_cs_name(frCat.get()));  // no marker: the locale's code set
-  nlz_cs_t latin1 = nlz_cs_shared("ISO-8859-1"), utf8 = nlz_cs_shared("UTF8");
-  // Every text comes with its length, converted texts and the default too.
-  auto get = [&](int set, int num, nlz_cs_t cs) {
-    size_t len = 12345;
-    const char* t = nlz_catgets_len(cat.get(), set, num, "?", cs, &len);
-    EXPECT_EQ(strlen(t), len) << set << "/" << num;
-    EXPECT_EQ(t, nlz_catgets(cat.get(), set, num, "?", cs));
-    return t;
-  };
-  const char* a = get(1, 1, latin1);
-  EXPECT_STREQ(kGruesseLatin1, a);
-  EXPECT_EQ(a, get(1, 1, latin1));  // kept, same text
-  EXPECT_STREQ(kGruesseUtf8, get(1, 1, utf8));
-  EXPECT_STREQ(kGruesseUtf8, get(1, 1, nullptr));
-  EXPECT_STREQ("?", get(1, 3, latin1));  // euro: not in latin1
-  EXPECT_STREQ("?", get(1, 99, nullptr));
-  EXPECT_STREQ("?", get(2, 1, nullptr));
-}
-
 TEST(CatalogReader, AgreesWithTheSystemCatgetsOnEveryMessage) {
   zar::test::TempDir dir;
   std::vector<CatMsg> msgs;
@@ -174,23 +144,6 @@ TEST(CatalogReader, RefusesCorruptAndTruncatedFiles) {
   ASSERT_EQ(0, truncate(good.c_str(), (64 << 20) + 1));  // valid, but past the size limit
   EXPECT_EQ(nullptr, nlz_catopen(good.c_str(), 0, nullptr));
   EXPECT_EQ("<errno EINVAL>", failure());
-}
-
-TEST_F(CatalogTree, UnreadableCatalogsAndBadArgumentsFailCleanly) {
-  ScopedEnv env("NLSPATH", d() + "/%L/%N.cat");
-  LocPtr c(nlz_loc_new("C"));
-  using zar::fault::Op;
-  for (auto [op, err, want] : {std::tuple{Op::kOpen, EACCES, "<errno EACCES>"},
-                               {Op::kRead, EIO, "<errno EINVAL>"},
-                               {Op::kAlloc, ENOMEM, "<errno ENOMEM>"}, {Op::kRead, 0, "opened"}}) {
-    FaultPlan plan(op, err != 0 ? 1 : 0, true, err);
-    CatPtr cat(nlz_catopen("t", NLZ_CAT_LOCALE, c.get()));
-    EXPECT_EQ(want, cat ? "opened" : failure());
-  }
-  EXPECT_EQ(nullptr, nlz_catopen(nullptr, 0, nullptr));
-  EXPECT_EQ(nullptr, nlz_catopen("", 0, nullptr));
-  EXPECT_STREQ("d", nlz_catgets(nullptr, 1, 1, "d", nullptr));
-  EXPECT_EQ(-1, nlz_catclose(nullptr));
 }
 
 }  // namespace

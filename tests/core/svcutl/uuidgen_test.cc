@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <string>
 #include <tuple>
 
 #include "core/svcutl/uuidgen.h"

@@ -67,6 +67,7 @@ TEST(Conversion, RoundTripsAndRefusesBadInput) {
       {"UTF-8", true, "\xed\xa0\x80"},  // a surrogate
       {"UTF-8", true, "ab\xe3\x81"}, {"UTF-8", true, "\xf4\x90\x80\x80"},  // cut; past U+10FFFF
       {"US-ASCII", true, "caf\xe9"}, {"EUC-JP", true, "\xa4"},  // lead byte alone
+      {"UTF-8", true, "\xff" "abcdefgh"},  // a bad byte leading eight US-ASCII ones
       {"ISO-8859-1", false, "\xe2\x82\xac"}, {"ISO-8859-1", false, "\xff"}};
   for (const auto& [name, toUtf8, input] : bad)
     EXPECT_EQ("-1 EILSEQ", convert(cs(name), toUtf8, input)) << name << " " << input;

@@ -7,6 +7,7 @@
 
 #include "core/svcutl/msgint.h"
 #include "tests/testutil/catalogs.h"
+#include "tests/testutil/stress.h"
 #include "tests/testutil/testutil.h"
 #include "zar/msg.h"
 #include "zar/status.h"
@@ -157,6 +158,34 @@ TEST_F(Cache, BadArgumentsGiveStatusCodes) {
                 t.push_back(localeMsg(code, locale, cs, type));
               }
               return t;
+            }));
+}
+
+// Sixteen catalogs in one row of eight, used from four threads: entries are
+// evicted and reopened all the time while other threads read their texts.
+TEST_F(Cache, TextsNeverDangleWhileOtherThreadsEvict) {
+  EXPECT_EQ(Texts{"0"}, inChild([] {
+              long wrong = zar::test::runConcurrently(4, [](int t) {
+                long bad = 0;
+                unsigned long st;
+                for (int i = 0; i < 150; ++i) {
+                  int comp = (i * 7 + t * 5) % kComponents, num = 1 + (i + t) % 20;
+                  int comp2 = (comp + 3) % kComponents, comp3 = (comp + 9) % kComponents;
+                  zar_msg_cat_handle_t cat = zar_msg_cat_open(code(comp, 0), &st);
+                  const char* t1 = cat ? zar_msg_cat_get_msg(cat, code(comp, num), &st) : nullptr;
+                  char* t2 = zar_msg_get_msg(code(comp2, num), &st);
+                  char* t3 = zar_msg_get_locale_cat_msg(code(comp3, num), "C", "UTF8", 4, &st);
+                  // t1 is read after other catalogs were opened by the calls above.
+                  bad += withStatus(t1, 0) != expected(comp, num);
+                  bad += withStatus(t2, 0) != expected(comp2, num);
+                  bad += withStatus(t3, 0) != expected(comp3, num);
+                  free(t2);
+                  free(t3);
+                  zar_msg_cat_close(cat, &st);
+                }
+                return bad;
+              });
+              return Texts{std::to_string(wrong)};
             }));
 }
 

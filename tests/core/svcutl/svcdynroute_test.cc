@@ -6,9 +6,12 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <mutex>
+#include <set>
 #include <thread>
 
 #include "tests/testutil/caproute.h"
+#include "tests/testutil/stress.h"
 #include "tests/testutil/testutil.h"
 #include "zar/status.h"
 
@@ -142,6 +145,66 @@ TEST_F(SvcDynRoute, RemovalWaitsForARunningPrint) {
   printer.join();
   remover.join();
   EXPECT_TRUE(gClosedAfterPrint.load());
+}
+
+// One registration of a type that checks that prints reach only open routes.
+// The test deletes it once its removal returned: a later callback would be a
+// use after free.
+struct Instance {
+  std::mutex mu;
+  std::set<void*> live;  // route data of the open routes
+  int bad = 0;
+  static Instance& of(void* arg) { return *static_cast<Instance*>(arg); }
+  static void open(const char*, const char*, void* arg, void** data, int32_t* ok) {
+    std::lock_guard<std::mutex> lock(of(arg).mu);
+    of(arg).live.insert(*data = new int(0));
+    *ok = 1;
+  }
+  static void print(void* arg, void* data, zar_svc_prolog*, va_list) {
+    std::lock_guard<std::mutex> lock(of(arg).mu);
+    of(arg).bad += of(arg).live.count(data) == 0;
+  }
+  static void close(const char*, void* arg, void* data, unsigned long*) {
+    Instance& in = of(arg);
+    std::lock_guard<std::mutex> lock(in.mu);
+    if (data == nullptr) {  // the type goes: its routes are done with
+      for (void* d : in.live) delete static_cast<int*>(d);
+      in.live.clear();
+    } else if (in.live.erase(data) == 1) {
+      delete static_cast<int*>(data);
+    } else {
+      ++in.bad;
+    }
+  }
+};
+
+TEST_F(SvcDynRoute, TypesComeAndGoWhileThreadsPrint) {
+  CaptureFd err(2);  // severity routes write to standard error between registrations
+  unsigned long st = 1;
+  zar_svc_debug_routing("wsc:*.9:CAPC:d1;CAPC:d2", &st);
+  ASSERT_ZAR_OK(st);
+  ASSERT_ZAR_OK(svcRoute("NOTICE:CAPC:n1;CAPC:n2"));
+  std::atomic<bool> done{false};
+  long wrong = zar::test::runConcurrently(3, [&](int t) -> long {
+    while (t < 2 && !done.load()) {
+      if (t == 0) print(svc_c_sev_notice);
+      if (t == 1) zar_svc__debug(zarsv_client_svc_handle, 1, 5, "d");
+    }
+    long n = 0;
+    for (int i = 0; t == 2 && i < 200; ++i) {
+      auto in = std::make_unique<Instance>();
+      unsigned long s = 1;
+      zar_svc_add_route("CAPC", in.get(), Instance::open, Instance::print, Instance::close, &s);
+      n += s != 0;
+      if (i % 4 == 0) n += svcRoute("NOTICE:CAPC:n1;CAPC:n2") != 0;  // closes on the type
+      zar_svc_remove_route("CAPC", &s);
+      std::lock_guard<std::mutex> lock(in->mu);
+      n += (s != 0) + in->bad + static_cast<long>(in->live.size());
+    }
+    if (t == 2) done.store(true);
+    return n;
+  });
+  EXPECT_EQ(0, wrong);
 }
 
 }  // namespace

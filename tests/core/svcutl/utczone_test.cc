@@ -11,6 +11,7 @@
 
 #include <tuple>
 
+#include "tests/testutil/stress.h"
 #include "tests/testutil/testutil.h"
 #include "zar/utc.h"
 
@@ -177,6 +178,22 @@ TEST(ZoneRules, DaylightNameWithoutRulesShiftsTheRulesZone) {
   // time), one with no daylight-saving type, or none at all, refuses.
   for (const char* zone : {"America/New_York", "Etc/UTC", "No/Such/Zone"})
     EXPECT_EQ(-1, tzparse(&got, "CST6CDT", false, zone)) << zone;
+}
+
+TEST(ZoneState, ConcurrentCallersAgree) {
+  ScopedEnv tz("TZ", "Europe/Berlin");
+  EXPECT_EQ(0, test::runConcurrently(4, [](int n) {
+              long bad = 0;
+              for (int i = 0; i < 2000; ++i) {
+                utc_t u = at(kJul2024 + i * 977 + n);
+                char text[50];
+                long tdf = 0;
+                bad += zar_utc_asclocaltime(text, sizeof text, &u) != 0 ||
+                       strstr(text, "+02:00I-----") == nullptr ||
+                       zar_utc_localzone(nullptr, 0, &tdf, nullptr, &u) != 0 || tdf != 7'200;
+              }
+              return bad;
+            }));
 }
 
 }  // namespace

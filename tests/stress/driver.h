@@ -57,6 +57,8 @@ class Run {
 // prefix, the decimal n and suffix ("rot.", 4711, ".log").
 std::string named(const char* prefix, long n, const char* suffix = "");
 double now();  // seconds on the monotonic clock
+// Zeroed memory shared with the children of fork made after this call.
+void* sharedMemory(size_t bytes);
 
 // Children of fork that died (a signal or a non-zero status) or hung
 // (killed at their deadline).

@@ -11,7 +11,6 @@
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -173,19 +172,14 @@ void printOne(int proc, int thread, long seq) {
 // it is empty); a line with a damaged record counts as torn.
 test::RecordTally tally(const std::string& text, const std::string& input) {
   test::RecordTally t;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
+  std::string key;
+  long seq = 0;
+  for (const std::string& line : test::splitLines(text)) {
     if (line.compare(0, input.size(), input) != 0) continue;
-    size_t at = line.find("The cw.");
-    int p, th;
-    long seq;
-    if (at != std::string::npos &&
-        sscanf(line.c_str() + at, "The cw.%d.%d system routine failed: system error code: %ld", &p,
-               &th, &seq) == 3) {
-      t.seqs[named("cw.", p, named(".", th).c_str())].push_back(seq), ++t.records;
-    } else if (line.find("cw.") != std::string::npos) {
-      ++t.torn;
-    }
+    if (test::sysRoutineMarker()(line, &key, &seq) == 1)
+      t.seqs[key].push_back(seq), ++t.records;
+    else
+      t.torn += line.find("cw.") != std::string::npos;
   }
   return t;
 }
@@ -330,9 +324,7 @@ Scenario restart("collect-tcp-restart", [](Run& run) {
   if (route(routes[0]) != 0) run.fail("routing");
   // Shared with the child: [0] writers pause, [1] writers paused, [2] the
   // longest print in microseconds.
-  auto shared = static_cast<std::atomic<long>*>(mmap(nullptr, 3 * sizeof(std::atomic<long>),
-                                                     PROT_READ | PROT_WRITE,
-                                                     MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  auto shared = static_cast<std::atomic<long>*>(sharedMemory(3 * sizeof(std::atomic<long>)));
   double t0 = now();
   pid_t child = test::forkChild([&] {
     std::vector<std::thread> ts;
@@ -379,7 +371,6 @@ Scenario restart("collect-tcp-restart", [](Run& run) {
   for (int th = 0; th < threads; ++th) expected[named("cw.0.", th)] = {0, per};
   judgeTransport(run, "tcp", rs.records(), kInputs[2], expected, counts[0], 0, heldRecords);
   run.figure("seconds", now() - t0);
-  munmap(shared, 3 * sizeof(std::atomic<long>));
 });
 
 struct Canceled {

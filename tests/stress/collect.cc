@@ -184,29 +184,21 @@ test::RecordTally tally(const std::string& text, const std::string& input) {
   return t;
 }
 
-// What process proc's destinations counted, after a flush: sent, dropped and
-// queued of each route, written for the run to add up.
-void saveCounts(Run& run, const std::vector<std::string>& routes, int proc) {
-  zar_svc_collector_flush(30000);
-  std::ofstream out(run.file(named("counts.", proc)));
-  for (const std::string& r : routes) {
-    zar_svc_collector_counts c{};
-    zar_svc_collector_counts_get(r.c_str(), &c, nullptr);
-    out << c.sent << ' ' << c.dropped << ' ' << c.queued << ' ';
-  }
+// What the processes' destinations counted, after a flush: sent, dropped
+// and queued of each route, added up in memory shared with the run.
+using Counts = std::array<long, 3>;
+Counts* sharedCounts(size_t routes) {
+  return static_cast<Counts*>(sharedMemory(routes * sizeof(Counts)));
 }
-
-std::vector<std::array<long, 3>> sumCounts(Run& run, size_t routes, int procs) {
-  std::vector<std::array<long, 3>> sum(routes, {0, 0, 0});
-  for (int p = 0; p < procs; ++p) {
-    std::ifstream in(run.file(named("counts.", p)));
-    for (auto& r : sum)
-      for (long& v : r) {
-        long x = 0;
-        in >> x, v += x;
-      }
+void addCounts(const std::vector<std::string>& routes, Counts* sum) {
+  zar_svc_collector_flush(30000);
+  for (size_t r = 0; r < routes.size(); ++r) {
+    zar_svc_collector_counts c{};
+    zar_svc_collector_counts_get(routes[r].c_str(), &c, nullptr);
+    __atomic_add_fetch(&sum[r][0], c.sent, __ATOMIC_SEQ_CST);
+    __atomic_add_fetch(&sum[r][1], c.dropped, __ATOMIC_SEQ_CST);
+    __atomic_add_fetch(&sum[r][2], c.queued, __ATOMIC_SEQ_CST);
   }
-  return sum;
 }
 
 // The records that arrived through one transport against those printed and
@@ -215,8 +207,8 @@ std::vector<std::array<long, 3>> sumCounts(Run& run, size_t routes, int procs) {
 // its socket but never read are known to no sender: heldBound (-1: none)
 // allows that many beyond the counts.
 void judgeTransport(Run& run, const std::string& name, const std::string& text,
-                    const std::string& input, const Expected& expected,
-                    const std::array<long, 3>& counts, long kernelDrops, long heldBound = -1) {
+                    const std::string& input, const Expected& expected, const Counts& counts,
+                    long kernelDrops, long heldBound = -1) {
   test::RecordTally t = tally(text, input);
   test::Loss loss = test::judge(t, expected);
   long unaccounted = loss.lost - counts[1] - kernelDrops;
@@ -274,6 +266,7 @@ Scenario load("collect-load", [](Run& run) {
       for (; !done.load(); usleep(2000)) printOne(procs, t, parentSeq[t]++);
     });
   while (parentSeq[0].load() < 10 || parentSeq[1].load() < 10) usleep(1000);  // links open
+  Counts* counts = sharedCounts(routes.size());
   double t0 = now();
   Procs result = inProcesses(procs, [&](int p) {
     std::vector<std::thread> ts;
@@ -282,12 +275,12 @@ Scenario load("collect-load", [](Run& run) {
         for (long i = 0; i < per; ++i) printOne(p, th, i);
       });
     for (auto& t : ts) t.join();
-    saveCounts(run, routes, p);
+    addCounts(routes, counts);
     return 0;
   });
   done = true;
   for (auto& t : parent) t.join();
-  saveCounts(run, routes, procs);
+  addCounts(routes, counts);
   result.report(run);
   run.figure("records/s", 4.0 * procs * threads * per / (now() - t0));
   Expected expected;
@@ -296,7 +289,6 @@ Scenario load("collect-load", [](Run& run) {
       expected[named("cw.", p, named(".", th).c_str())] = {0, per};
   for (int t = 0; t < 2; ++t)
     expected[named("cw.", procs, named(".", t).c_str())] = {0, parentSeq[t].load()};
-  auto counts = sumCounts(run, routes.size(), procs + 1);
   long kernel = rs.udpDrops();
   std::vector<long> due;
   for (size_t k = 0; k < 4; ++k) due.push_back(counts[k][0] - (k == 1 ? kernel : 0));
@@ -325,6 +317,7 @@ Scenario restart("collect-tcp-restart", [](Run& run) {
   // Shared with the child: [0] writers pause, [1] writers paused, [2] the
   // longest print in microseconds.
   auto shared = static_cast<std::atomic<long>*>(sharedMemory(3 * sizeof(std::atomic<long>)));
+  Counts* counts = sharedCounts(1);
   double t0 = now();
   pid_t child = test::forkChild([&] {
     std::vector<std::thread> ts;
@@ -345,7 +338,7 @@ Scenario restart("collect-tcp-restart", [](Run& run) {
         }
       });
     for (auto& t : ts) t.join();
-    saveCounts(run, routes, 0);
+    addCounts(routes, counts);
     return 0;
   });
   usleep(800000);
@@ -362,7 +355,6 @@ Scenario restart("collect-tcp-restart", [](Run& run) {
   waitpid(child, &status, 0);
   if (test::exitCode(status) != 0) run.faults("crashed", 1);
   run.figure("max_print_ms", shared[2].load() / 1000.0);
-  auto counts = sumCounts(run, 1, 1);
   // Each record here has 240 bytes or more (header and structured data alone
   // some 170), so the held bytes carry at most held / 240 of them.
   long heldRecords = held / 240 + 1;

@@ -189,6 +189,16 @@ unsigned long route(const std::string& routes) {
   return st;
 }
 
+void reportRecords(Run& run, const zar::test::RecordTally& tally, const zar::test::Loss& loss) {
+  run.figure("records", tally.records);
+  run.faults("torn", tally.torn);
+  run.faults("lost", loss.lost);
+  run.faults("duplicated", loss.duplicated + loss.unexpected);
+  run.faults("unordered", loss.unordered);
+  for (const std::string& b : tally.bad) run.fail(b);
+  if (!loss.detail.empty()) run.fail(loss.detail);
+}
+
 void tallyFile(const std::string& path, bool xml, zar::test::RecordTally* tally,
                const zar::test::Marker& marker) {
   std::ifstream in(path, std::ios::binary);

@@ -228,25 +228,22 @@ int main(int argc, char** argv) {
   std::string dir, only;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i], value = i + 1 < argc ? argv[i + 1] : "";
+    size_t eq = value.find('=');
     if (a == "--list") {
       for (const auto& entry : registry()) printf("%s\n", entry.first.c_str());
       return 0;
     } else if (a == "--soak" || registry().count(a) != 0) {
-      soak = soak || a == "--soak";
-      if (a != "--soak") names.push_back(a);
-      continue;
-    } else if (a == "--seed" && !value.empty()) {
+      a == "--soak" ? void(soak = true) : names.push_back(a);
+    } else if (a == "--seed" && ++i < argc) {
       seed = strtoull(value.c_str(), nullptr, 10);
-    } else if (a == "--set" && value.find('=') != std::string::npos) {
-      sets[value.substr(0, value.find('='))] =
-          strtol(value.c_str() + value.find('=') + 1, nullptr, 10);
-    } else if ((a == "--case" || a == "--dir") && !value.empty()) {
+    } else if (a == "--set" && eq != std::string::npos && ++i < argc) {
+      sets[value.substr(0, eq)] = strtol(value.c_str() + eq + 1, nullptr, 10);
+    } else if ((a == "--case" || a == "--dir") && ++i < argc) {
       (a == "--case" ? only : dir) = value;
     } else {
       fprintf(stderr, "zar_stress: unknown scenario or option %s (see --list)\n", a.c_str());
       return 2;
     }
-    ++i;
   }
   signal(SIGPIPE, SIG_IGN);  // a child that writes to a closed pipe must not end the run
   bool ok = true;

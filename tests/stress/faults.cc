@@ -38,10 +38,8 @@ namespace {
 using zar::fault::Op;
 
 // What one act did: succeeded, failed the documented way (a status, -1,
-// false, a lost or degraded record), or did something else. kPartial: what
-// it produced must be the start of the full result (a load that a failure
-// ended keeps what came before).
-constexpr int kOk = 0, kDocumented = 1, kWrong = 2, kPartial = 3;
+// false, a lost or degraded record), or did something else.
+constexpr int kOk = 0, kDocumented = 1, kWrong = 2;
 
 // Exit codes of a case's child; anything else (a signal, a sanitizer report)
 // is a crash.
@@ -312,19 +310,6 @@ const AllocCase kAllocCases[] = {
                            (failure == ZAR_S_NO_MEMORY || failure == ZAR_S_STZ_UPDATE_FAILED ||
                             failure == ZAR_S_STZ_INTERNAL));
      }},
-    {"stanza-memory", nullptr, How::kLocal, writeStanza,
-     [](Run& run, long, std::string* result) {
-       uint32_t st = 0;
-       zarStzFile* f =
-           zarStzFileOpen(run.file("s.conf").c_str(), ZAR_STZ_READ | ZAR_STZ_MEMORY, &st);
-       if (f == nullptr) return documentedIf(st == ZAR_S_NO_MEMORY);
-       for (zarStzMoveFirstStanza(f); f->stanzaName != nullptr; zarStzMoveNextStanza(f))
-         for (zarStzMoveFirstEntry(f); f->entryName != nullptr; zarStzMoveNextEntry(f))
-           *result += std::string(f->stanzaName) + "." + f->entryName + "=" +
-                      (f->value ? f->value : "") + ";";
-       zarStzFileClose(f);
-       return kPartial;  // a load that a failure ended keeps what came before it (and logs it)
-     }},
     {"uuid", nullptr, How::kLocal, nullptr,
      [](Run&, long, std::string*) {
        kp_uuid_t u, back;
@@ -383,16 +368,14 @@ int allocCase(Run& run, const AllocCase& c, long failAt, bool sticky) {
   if (failAt == 0) {
     shared()->calls = calls;
     keep(result);
-    return first == kOk || first == kPartial ? kFine : kWrongResult;
+    return first == kOk ? kFine : kWrongResult;
   }
   auto differs = [](const std::string& r) {
     return r.compare(0, sizeof(Shared::text) - 1, shared()->text) != 0;
   };
-  if (first == kPartial)
-    first = strncmp(shared()->text, result.c_str(), result.size()) == 0 ? kDocumented : kWrong;
   if (first == kWrong || (first == kOk && differs(result))) return kWrongResult;
   int next = act(1, &again);
-  if ((next != kOk && next != kPartial) || differs(again)) return kNotRecovered;
+  if (next != kOk || differs(again)) return kNotRecovered;
   if (leaks()) return kLeaked;
   return first == kDocumented ? kFineDocumented : kFine;
 }

@@ -62,8 +62,8 @@ std::vector<std::vector<std::string>> sockets(const char* file, size_t at, int p
   char want[24];
   snprintf(want, sizeof want, "0100007F:%04X", port);
   std::vector<std::vector<std::string>> found;
-  std::istringstream in(test::readFile(std::string("/proc/net/") + file));
-  for (std::string line; std::getline(in, line);) {
+  for (const std::string& line :
+       test::splitLines(test::readFile(std::string("/proc/net/") + file))) {
     std::istringstream words(line);
     std::vector<std::string> f;
     for (std::string w; words >> w;) f.push_back(w);
@@ -151,21 +151,19 @@ struct Journald {
   }
   std::string socket() const { return "/run/systemd/journal." + ns + "/socket"; }
   std::string records() {
-    std::string text;
-    FILE* p =
-        popen(("journalctl -o cat --no-pager ZAR_COMPONENT=wsc --namespace=" + ns).c_str(), "r");
-    char buf[65536];
-    for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) text.append(buf, n);
-    pclose(p);
-    return text;
+    std::string out = run.file("journal.txt");
+    system(
+        ("journalctl -o cat --no-pager ZAR_COMPONENT=wsc --namespace=" + ns + " >" + out).c_str());
+    return test::readFile(out);
   }
 };
 
+std::string writer(int proc, int thread) {
+  return named("cw.", proc, named(".", thread).c_str());
+}
 void printOne(int proc, int thread, long seq) {
-  char w[48];
-  snprintf(w, sizeof w, "cw.%d.%d", proc, thread);
   zar_svc_printf_withfile(zarsv_client_svc_handle, "collect", 1, "%s%d", 0, svc_c_sev_notice,
-                          0x38C5209C, w, static_cast<int>(seq));
+                          0x38C5209C, writer(proc, thread).c_str(), static_cast<int>(seq));
 }
 
 // Each writer's records of the lines that begin with input (all lines when
@@ -285,10 +283,8 @@ Scenario load("collect-load", [](Run& run) {
   run.figure("records/s", 4.0 * procs * threads * per / (now() - t0));
   Expected expected;
   for (int p = 0; p < procs; ++p)
-    for (int th = 0; th < threads; ++th)
-      expected[named("cw.", p, named(".", th).c_str())] = {0, per};
-  for (int t = 0; t < 2; ++t)
-    expected[named("cw.", procs, named(".", t).c_str())] = {0, parentSeq[t].load()};
+    for (int th = 0; th < threads; ++th) expected[writer(p, th)] = {0, per};
+  for (int t = 0; t < 2; ++t) expected[writer(procs, t)] = {0, parentSeq[t].load()};
   long kernel = rs.udpDrops();
   std::vector<long> due;
   for (size_t k = 0; k < 4; ++k) due.push_back(counts[k][0] - (k == 1 ? kernel : 0));
@@ -360,7 +356,7 @@ Scenario restart("collect-tcp-restart", [](Run& run) {
   long heldRecords = held / 240 + 1;
   awaitArrival([&](size_t) { return rs.records(); }, kInputs + 2, {counts[0][0] - heldRecords});
   Expected expected;
-  for (int th = 0; th < threads; ++th) expected[named("cw.0.", th)] = {0, per};
+  for (int th = 0; th < threads; ++th) expected[writer(0, th)] = {0, per};
   judgeTransport(run, "tcp", rs.records(), kInputs[2], expected, counts[0], 0, heldRecords);
   run.figure("seconds", now() - t0);
 });

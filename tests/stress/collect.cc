@@ -11,7 +11,6 @@
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -63,8 +62,8 @@ std::vector<std::vector<std::string>> sockets(const char* file, size_t at, int p
   char want[24];
   snprintf(want, sizeof want, "0100007F:%04X", port);
   std::vector<std::vector<std::string>> found;
-  std::istringstream in(test::readFile(std::string("/proc/net/") + file));
-  for (std::string line; std::getline(in, line);) {
+  for (const std::string& line :
+       test::splitLines(test::readFile(std::string("/proc/net/") + file))) {
     std::istringstream words(line);
     std::vector<std::string> f;
     for (std::string w; words >> w;) f.push_back(w);
@@ -152,67 +151,52 @@ struct Journald {
   }
   std::string socket() const { return "/run/systemd/journal." + ns + "/socket"; }
   std::string records() {
-    std::string text;
-    FILE* p =
-        popen(("journalctl -o cat --no-pager ZAR_COMPONENT=wsc --namespace=" + ns).c_str(), "r");
-    char buf[65536];
-    for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) text.append(buf, n);
-    pclose(p);
-    return text;
+    std::string out = run.file("journal.txt");
+    system(
+        ("journalctl -o cat --no-pager ZAR_COMPONENT=wsc --namespace=" + ns + " >" + out).c_str());
+    return test::readFile(out);
   }
 };
 
+std::string writer(int proc, int thread) {
+  return named("cw.", proc, named(".", thread).c_str());
+}
 void printOne(int proc, int thread, long seq) {
-  char w[48];
-  snprintf(w, sizeof w, "cw.%d.%d", proc, thread);
   zar_svc_printf_withfile(zarsv_client_svc_handle, "collect", 1, "%s%d", 0, svc_c_sev_notice,
-                          0x38C5209C, w, static_cast<int>(seq));
+                          0x38C5209C, writer(proc, thread).c_str(), static_cast<int>(seq));
 }
 
 // Each writer's records of the lines that begin with input (all lines when
 // it is empty); a line with a damaged record counts as torn.
 test::RecordTally tally(const std::string& text, const std::string& input) {
   test::RecordTally t;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
+  std::string key;
+  long seq = 0;
+  for (const std::string& line : test::splitLines(text)) {
     if (line.compare(0, input.size(), input) != 0) continue;
-    size_t at = line.find("The cw.");
-    int p, th;
-    long seq;
-    if (at != std::string::npos &&
-        sscanf(line.c_str() + at, "The cw.%d.%d system routine failed: system error code: %ld", &p,
-               &th, &seq) == 3) {
-      t.seqs[named("cw.", p, named(".", th).c_str())].push_back(seq), ++t.records;
-    } else if (line.find("cw.") != std::string::npos) {
-      ++t.torn;
-    }
+    if (test::sysRoutineMarker()(line, &key, &seq) == 1)
+      t.seqs[key].push_back(seq), ++t.records;
+    else
+      t.torn += line.find("cw.") != std::string::npos;
   }
   return t;
 }
 
-// What process proc's destinations counted, after a flush: sent, dropped and
-// queued of each route, written for the run to add up.
-void saveCounts(Run& run, const std::vector<std::string>& routes, int proc) {
-  zar_svc_collector_flush(30000);
-  std::ofstream out(run.file(named("counts.", proc)));
-  for (const std::string& r : routes) {
-    zar_svc_collector_counts c{};
-    zar_svc_collector_counts_get(r.c_str(), &c, nullptr);
-    out << c.sent << ' ' << c.dropped << ' ' << c.queued << ' ';
-  }
+// What the processes' destinations counted, after a flush: sent, dropped
+// and queued of each route, added up in memory shared with the run.
+using Counts = std::array<long, 3>;
+Counts* sharedCounts(size_t routes) {
+  return static_cast<Counts*>(sharedMemory(routes * sizeof(Counts)));
 }
-
-std::vector<std::array<long, 3>> sumCounts(Run& run, size_t routes, int procs) {
-  std::vector<std::array<long, 3>> sum(routes, {0, 0, 0});
-  for (int p = 0; p < procs; ++p) {
-    std::ifstream in(run.file(named("counts.", p)));
-    for (auto& r : sum)
-      for (long& v : r) {
-        long x = 0;
-        in >> x, v += x;
-      }
+void addCounts(const std::vector<std::string>& routes, Counts* sum) {
+  zar_svc_collector_flush(30000);
+  for (size_t r = 0; r < routes.size(); ++r) {
+    zar_svc_collector_counts c{};
+    zar_svc_collector_counts_get(routes[r].c_str(), &c, nullptr);
+    __atomic_add_fetch(&sum[r][0], c.sent, __ATOMIC_SEQ_CST);
+    __atomic_add_fetch(&sum[r][1], c.dropped, __ATOMIC_SEQ_CST);
+    __atomic_add_fetch(&sum[r][2], c.queued, __ATOMIC_SEQ_CST);
   }
-  return sum;
 }
 
 // The records that arrived through one transport against those printed and
@@ -221,8 +205,8 @@ std::vector<std::array<long, 3>> sumCounts(Run& run, size_t routes, int procs) {
 // its socket but never read are known to no sender: heldBound (-1: none)
 // allows that many beyond the counts.
 void judgeTransport(Run& run, const std::string& name, const std::string& text,
-                    const std::string& input, const Expected& expected,
-                    const std::array<long, 3>& counts, long kernelDrops, long heldBound = -1) {
+                    const std::string& input, const Expected& expected, const Counts& counts,
+                    long kernelDrops, long heldBound = -1) {
   test::RecordTally t = tally(text, input);
   test::Loss loss = test::judge(t, expected);
   long unaccounted = loss.lost - counts[1] - kernelDrops;
@@ -280,6 +264,7 @@ Scenario load("collect-load", [](Run& run) {
       for (; !done.load(); usleep(2000)) printOne(procs, t, parentSeq[t]++);
     });
   while (parentSeq[0].load() < 10 || parentSeq[1].load() < 10) usleep(1000);  // links open
+  Counts* counts = sharedCounts(routes.size());
   double t0 = now();
   Procs result = inProcesses(procs, [&](int p) {
     std::vector<std::thread> ts;
@@ -288,21 +273,18 @@ Scenario load("collect-load", [](Run& run) {
         for (long i = 0; i < per; ++i) printOne(p, th, i);
       });
     for (auto& t : ts) t.join();
-    saveCounts(run, routes, p);
+    addCounts(routes, counts);
     return 0;
   });
   done = true;
   for (auto& t : parent) t.join();
-  saveCounts(run, routes, procs);
+  addCounts(routes, counts);
   result.report(run);
   run.figure("records/s", 4.0 * procs * threads * per / (now() - t0));
   Expected expected;
   for (int p = 0; p < procs; ++p)
-    for (int th = 0; th < threads; ++th)
-      expected[named("cw.", p, named(".", th).c_str())] = {0, per};
-  for (int t = 0; t < 2; ++t)
-    expected[named("cw.", procs, named(".", t).c_str())] = {0, parentSeq[t].load()};
-  auto counts = sumCounts(run, routes.size(), procs + 1);
+    for (int th = 0; th < threads; ++th) expected[writer(p, th)] = {0, per};
+  for (int t = 0; t < 2; ++t) expected[writer(procs, t)] = {0, parentSeq[t].load()};
   long kernel = rs.udpDrops();
   std::vector<long> due;
   for (size_t k = 0; k < 4; ++k) due.push_back(counts[k][0] - (k == 1 ? kernel : 0));
@@ -330,9 +312,8 @@ Scenario restart("collect-tcp-restart", [](Run& run) {
   if (route(routes[0]) != 0) run.fail("routing");
   // Shared with the child: [0] writers pause, [1] writers paused, [2] the
   // longest print in microseconds.
-  auto shared = static_cast<std::atomic<long>*>(mmap(nullptr, 3 * sizeof(std::atomic<long>),
-                                                     PROT_READ | PROT_WRITE,
-                                                     MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  auto shared = static_cast<std::atomic<long>*>(sharedMemory(3 * sizeof(std::atomic<long>)));
+  Counts* counts = sharedCounts(1);
   double t0 = now();
   pid_t child = test::forkChild([&] {
     std::vector<std::thread> ts;
@@ -353,7 +334,7 @@ Scenario restart("collect-tcp-restart", [](Run& run) {
         }
       });
     for (auto& t : ts) t.join();
-    saveCounts(run, routes, 0);
+    addCounts(routes, counts);
     return 0;
   });
   usleep(800000);
@@ -370,16 +351,14 @@ Scenario restart("collect-tcp-restart", [](Run& run) {
   waitpid(child, &status, 0);
   if (test::exitCode(status) != 0) run.faults("crashed", 1);
   run.figure("max_print_ms", shared[2].load() / 1000.0);
-  auto counts = sumCounts(run, 1, 1);
   // Each record here has 240 bytes or more (header and structured data alone
   // some 170), so the held bytes carry at most held / 240 of them.
   long heldRecords = held / 240 + 1;
   awaitArrival([&](size_t) { return rs.records(); }, kInputs + 2, {counts[0][0] - heldRecords});
   Expected expected;
-  for (int th = 0; th < threads; ++th) expected[named("cw.0.", th)] = {0, per};
+  for (int th = 0; th < threads; ++th) expected[writer(0, th)] = {0, per};
   judgeTransport(run, "tcp", rs.records(), kInputs[2], expected, counts[0], 0, heldRecords);
   run.figure("seconds", now() - t0);
-  munmap(shared, 3 * sizeof(std::atomic<long>));
 });
 
 struct Canceled {

@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -99,6 +100,12 @@ double now() {
   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
 }
 
+void* sharedMemory(size_t bytes) {
+  void* m = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (m == MAP_FAILED) abort();
+  return m;
+}
+
 void Procs::count(int waitStatus) {
   hung += waitStatus == -1;
   crashed += waitStatus != -1 && (!WIFEXITED(waitStatus) || WEXITSTATUS(waitStatus) != 0);
@@ -182,6 +189,16 @@ unsigned long route(const std::string& routes) {
   return st;
 }
 
+void reportRecords(Run& run, const zar::test::RecordTally& tally, const zar::test::Loss& loss) {
+  run.figure("records", tally.records);
+  run.faults("torn", tally.torn);
+  run.faults("lost", loss.lost);
+  run.faults("duplicated", loss.duplicated + loss.unexpected);
+  run.faults("unordered", loss.unordered);
+  for (const std::string& b : tally.bad) run.fail(b);
+  if (!loss.detail.empty()) run.fail(loss.detail);
+}
+
 void tallyFile(const std::string& path, bool xml, zar::test::RecordTally* tally,
                const zar::test::Marker& marker) {
   std::ifstream in(path, std::ios::binary);
@@ -211,25 +228,22 @@ int main(int argc, char** argv) {
   std::string dir, only;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i], value = i + 1 < argc ? argv[i + 1] : "";
+    size_t eq = value.find('=');
     if (a == "--list") {
       for (const auto& entry : registry()) printf("%s\n", entry.first.c_str());
       return 0;
     } else if (a == "--soak" || registry().count(a) != 0) {
-      soak = soak || a == "--soak";
-      if (a != "--soak") names.push_back(a);
-      continue;
-    } else if (a == "--seed" && !value.empty()) {
+      a == "--soak" ? void(soak = true) : names.push_back(a);
+    } else if (a == "--seed" && ++i < argc) {
       seed = strtoull(value.c_str(), nullptr, 10);
-    } else if (a == "--set" && value.find('=') != std::string::npos) {
-      sets[value.substr(0, value.find('='))] =
-          strtol(value.c_str() + value.find('=') + 1, nullptr, 10);
-    } else if ((a == "--case" || a == "--dir") && !value.empty()) {
+    } else if (a == "--set" && eq != std::string::npos && ++i < argc) {
+      sets[value.substr(0, eq)] = strtol(value.c_str() + eq + 1, nullptr, 10);
+    } else if ((a == "--case" || a == "--dir") && ++i < argc) {
       (a == "--case" ? only : dir) = value;
     } else {
       fprintf(stderr, "zar_stress: unknown scenario or option %s (see --list)\n", a.c_str());
       return 2;
     }
-    ++i;
   }
   signal(SIGPIPE, SIG_IGN);  // a child that writes to a closed pipe must not end the run
   bool ok = true;

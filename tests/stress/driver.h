@@ -57,6 +57,8 @@ class Run {
 // prefix, the decimal n and suffix ("rot.", 4711, ".log").
 std::string named(const char* prefix, long n, const char* suffix = "");
 double now();  // seconds on the monotonic clock
+// Zeroed memory shared with the children of fork made after this call.
+void* sharedMemory(size_t bytes);
 
 // Children of fork that died (a signal or a non-zero status) or hung
 // (killed at their deadline).
@@ -90,6 +92,9 @@ void printRecord(const std::string& writer, long seq, size_t length);
 size_t recordLength(std::mt19937_64& rng);
 // Sets the routes of NOTICE; returns the status.
 unsigned long route(const std::string& routes);
+// The figures of records tallied against those expected: records, and the
+// faults torn, lost, duplicated and unordered, the first ones described.
+void reportRecords(Run& run, const zar::test::RecordTally& tally, const zar::test::Loss& loss);
 // Tallies the records of a log file read in pieces (nothing when missing).
 void tallyFile(const std::string& path, bool xml, zar::test::RecordTally* tally,
                const zar::test::Marker& marker = zar::test::stressMarker());

@@ -6,7 +6,6 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -39,24 +38,12 @@ namespace {
 using zar::fault::Op;
 
 // What one act did: succeeded, failed the documented way (a status, -1,
-// false, a lost or degraded record), or did something else. kPartial: what
-// it produced must be the start of the full result (a load that a failure
-// ended keeps what came before).
-constexpr int kOk = 0, kDocumented = 1, kWrong = 2, kPartial = 3;
+// false, a lost or degraded record), or did something else.
+constexpr int kOk = 0, kDocumented = 1, kWrong = 2;
 
 // Exit codes of a case's child; anything else (a signal, a sanitizer report)
 // is a crash.
 enum ChildExit { kFine, kFineDocumented = 9, kWrongResult, kNotRecovered, kLeaked };
-
-// The fault a child's wait status shows (null: none). Every fault also
-// fails the line through Run::fail.
-const char* faultOf(int status) {
-  static const char* const kNames[] = {"wrong", "unrecovered", "leaked"};
-  int code = zar::test::exitCode(status);
-  if (status == -1) return "hung";
-  if (code == kFine || code == kFineDocumented) return nullptr;
-  return code >= kWrongResult && code <= kLeaked ? kNames[code - kWrongResult] : "crashed";
-}
 
 // Child results, through a page shared with the driver: the allocations of
 // a case and its result without faults, or the problems of an I/O case.
@@ -65,9 +52,29 @@ struct Shared {
   char text[8192];
 };
 Shared* shared() {
-  static Shared* page = static_cast<Shared*>(
-      mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  static auto* page = static_cast<Shared*>(sharedMemory(sizeof(Shared)));
   return page;
+}
+void keep(const std::string& text) {
+  snprintf(shared()->text, sizeof shared()->text, "%s", text.c_str());
+}
+
+// Runs body in a fresh child of fork. A fault its end shows (crashed, hung,
+// wrong, unrecovered, leaked) is counted and fails the line, described by
+// the child's text with detailed. Returns the exit code (-1: hung).
+int inCase(Run& run, std::map<std::string, long>* faults, const std::string& name, bool detailed,
+           const std::function<int()>& body) {
+  static const char* const kNames[] = {"wrong", "unrecovered", "leaked"};
+  int status = inChild(60, body), code = status == -1 ? -1 : zar::test::exitCode(status);
+  const char* f = code == -1                                 ? "hung"
+                  : code == kFine || code == kFineDocumented ? nullptr
+                  : code >= kWrongResult && code <= kLeaked  ? kNames[code - kWrongResult]
+                                                             : "crashed";
+  if (f != nullptr) {
+    ++(*faults)[f];
+    run.fail(name + ": " + (detailed && code == kWrongResult ? shared()->text : f));
+  }
+  return code;
 }
 
 bool leaks() {
@@ -303,19 +310,6 @@ const AllocCase kAllocCases[] = {
                            (failure == ZAR_S_NO_MEMORY || failure == ZAR_S_STZ_UPDATE_FAILED ||
                             failure == ZAR_S_STZ_INTERNAL));
      }},
-    {"stanza-memory", nullptr, How::kLocal, writeStanza,
-     [](Run& run, long, std::string* result) {
-       uint32_t st = 0;
-       zarStzFile* f =
-           zarStzFileOpen(run.file("s.conf").c_str(), ZAR_STZ_READ | ZAR_STZ_MEMORY, &st);
-       if (f == nullptr) return documentedIf(st == ZAR_S_NO_MEMORY);
-       for (zarStzMoveFirstStanza(f); f->stanzaName != nullptr; zarStzMoveNextStanza(f))
-         for (zarStzMoveFirstEntry(f); f->entryName != nullptr; zarStzMoveNextEntry(f))
-           *result += std::string(f->stanzaName) + "." + f->entryName + "=" +
-                      (f->value ? f->value : "") + ";";
-       zarStzFileClose(f);
-       return kPartial;  // a load that a failure ended keeps what came before it (and logs it)
-     }},
     {"uuid", nullptr, How::kLocal, nullptr,
      [](Run&, long, std::string*) {
        kp_uuid_t u, back;
@@ -357,37 +351,33 @@ const AllocCase kAllocCases[] = {
      }},
 };
 
-// Runs a case in a fresh child with allocation failAt (0: count only) armed,
-// then once more unarmed. Returns the child's wait status.
-int allocChild(Run& run, const AllocCase& c, long failAt, bool sticky) {
-  return inChild(60, [&] {
-    unlink(run.file("out").c_str());
-    if (c.routes != nullptr) preparePrint(run, c);
-    if (c.prepare != nullptr) c.prepare(run);
-    auto act = [&](long attempt, std::string* result) {
-      return c.routes != nullptr ? printAndFind(run, c, attempt) : c.act(run, attempt, result);
-    };
-    std::string result, again;
-    zar::fault::arm(Op::kAlloc, failAt, sticky, ENOMEM);
-    int first = act(0, &result);
-    long calls = zar::fault::calls(Op::kAlloc);
-    zar::fault::disarmAll();
-    if (failAt == 0) {
-      shared()->calls = calls;
-      snprintf(shared()->text, sizeof shared()->text, "%s", result.c_str());
-      return first == kOk || first == kPartial ? kFine : kWrongResult;
-    }
-    auto differs = [](const std::string& r) {
-      return r.compare(0, sizeof(Shared::text) - 1, shared()->text) != 0;
-    };
-    if (first == kPartial)
-      first = strncmp(shared()->text, result.c_str(), result.size()) == 0 ? kDocumented : kWrong;
-    if (first == kWrong || (first == kOk && differs(result))) return kWrongResult;
-    int next = act(1, &again);
-    if ((next != kOk && next != kPartial) || differs(again)) return kNotRecovered;
-    if (leaks()) return kLeaked;
-    return first == kDocumented ? kFineDocumented : kFine;
-  });
+// A case's child: its act with allocation failAt (0: count only) armed,
+// then once more unarmed.
+int allocCase(Run& run, const AllocCase& c, long failAt, bool sticky) {
+  unlink(run.file("out").c_str());
+  if (c.routes != nullptr) preparePrint(run, c);
+  if (c.prepare != nullptr) c.prepare(run);
+  auto act = [&](long attempt, std::string* result) {
+    return c.routes != nullptr ? printAndFind(run, c, attempt) : c.act(run, attempt, result);
+  };
+  std::string result, again;
+  zar::fault::arm(Op::kAlloc, failAt, sticky, ENOMEM);
+  int first = act(0, &result);
+  long calls = zar::fault::calls(Op::kAlloc);
+  zar::fault::disarmAll();
+  if (failAt == 0) {
+    shared()->calls = calls;
+    keep(result);
+    return first == kOk ? kFine : kWrongResult;
+  }
+  auto differs = [](const std::string& r) {
+    return r.compare(0, sizeof(Shared::text) - 1, shared()->text) != 0;
+  };
+  if (first == kWrong || (first == kOk && differs(result))) return kWrongResult;
+  int next = act(1, &again);
+  if (next != kOk || differs(again)) return kNotRecovered;
+  if (leaks()) return kLeaked;
+  return first == kDocumented ? kFineDocumented : kFine;
 }
 
 Scenario allocFaults("alloc-faults", [](Run& run) {
@@ -395,24 +385,17 @@ Scenario allocFaults("alloc-faults", [](Run& run) {
   long scenarios = 0, points = 0, documented = 0;
   std::map<std::string, long> faults;
   for (const AllocCase& c : kAllocCases) {
-    if (!run.wants(c.name)) continue;
-    ++scenarios;
-    if (zar::test::exitCode(allocChild(run, c, 0, false)) != kFine) {
-      run.fail(std::string(c.name) + ": does not succeed without faults");
+    if (!run.wants(c.name) || ++scenarios == 0) continue;
+    if (inCase(run, &faults, std::string(c.name) + " without faults", false,
+               [&] { return allocCase(run, c, 0, false); }) != kFine)
       continue;
-    }
     long calls = shared()->calls;
     points += calls;
-    for (bool sticky : {false, true}) {
-      for (long k = 1; k <= calls; ++k) {
-        int status = allocChild(run, c, k, sticky);
-        documented += status != -1 && zar::test::exitCode(status) == kFineDocumented;
-        if (const char* f = faultOf(status)) {
-          ++faults[f];
-          run.fail(std::string(c.name) + named(": allocation ", k) + (sticky ? " on: " : ": ") + f);
-        }
-      }
-    }
+    for (bool sticky : {false, true})
+      for (long k = 1; k <= calls; ++k)
+        documented +=
+            inCase(run, &faults, c.name + named(": allocation ", k, sticky ? " on" : ""), false,
+                   [&] { return allocCase(run, c, k, sticky); }) == kFineDocumented;
     fprintf(stderr, "alloc-faults: %s: %ld allocations\n", c.name, calls);
   }
   run.figure("scenarios", scenarios);
@@ -514,47 +497,38 @@ Scenario ioFaults("io-faults", [](Run& run) {
   long cases = 0;
   std::map<std::string, long> faults;
   auto runCase = [&](const std::string& name, const std::function<std::string()>& body) {
-    if (!run.wants(name)) return;
-    ++cases;
-    int status = inChild(60, [&] {
+    if (!run.wants(name) || ++cases == 0) return;
+    inCase(run, &faults, name, true, [&] {
       for (int g = 0; g <= 9; ++g) unlink(run.file(named("io.log.", g)).c_str());
       for (const char* f : {"io.log", "err"}) unlink(run.file(f).c_str());
       captureFd(run, 2, "err");
       std::string problems = body();
-      snprintf(shared()->text, sizeof shared()->text, "%s", problems.c_str());
+      keep(problems);
       return problems.empty() ? kFine : kWrongResult;
     });
-    if (const char* f = faultOf(status)) {
-      ++faults[f];
-      run.fail(name + ": " + (f == std::string("wrong") ? shared()->text : f));
-    }
   };
   const std::string rotated = "TEXTFILE.9.20:" + run.file("io.log");
   for (const IoCase& io : kIoCases) {
-    for (int err : {EIO, ENOSPC, EINTR}) {
-      for (long failAt : {1, 2}) {
-        for (bool sticky : {false, true}) {
-          // An interrupted call is retried (a storm of signals is not
-          // modelled); undoing a failed stanza rewrite reads the journal back
-          // and truncates, so reads and truncations fail once only.
-          if (sticky && (err == EINTR || io.op == Op::kRead || io.op == Op::kTruncate)) continue;
-          runCase(std::string(io.name) + " " + strerror(err) + named(" at ", failAt) +
-                      (sticky ? " on" : ""),
-                  [&] {
-                    if (io.mayLose == nullptr)
-                      return stanzaRewrite(run, io.op, failAt, sticky, err);
-                    auto begin = [&] { zar::fault::arm(io.op, failAt, sticky, err); };
-                    return phases(
-                        run, rotated, begin,
-                        [&] {
-                          zar::fault::disarmAll();
-                          if (io.op == Op::kOpen)
-                            route(rotated);  // a route that fell back is set again
-                        },
-                        io.mayLose);
-                  });
-        }
-      }
+    for (int k = 0; k < 12; ++k) {  // EIO, ENOSPC, EINTR x at the first or second call x once, on
+      int err = k < 4 ? EIO : k < 8 ? ENOSPC : EINTR;
+      long failAt = 1 + k / 2 % 2;
+      bool sticky = k % 2 != 0;
+      // An interrupted call is retried (a storm of signals is not modelled);
+      // undoing a failed stanza rewrite reads the journal back and
+      // truncates, so reads and truncations fail once only.
+      if (sticky && (err == EINTR || io.op == Op::kRead || io.op == Op::kTruncate)) continue;
+      runCase(
+          std::string(io.name) + " " + strerror(err) + named(" at ", failAt, sticky ? " on" : ""),
+          [&] {
+            if (io.mayLose == nullptr) return stanzaRewrite(run, io.op, failAt, sticky, err);
+            auto end = [&] {
+              zar::fault::disarmAll();
+              if (io.op == Op::kOpen) route(rotated);  // a route that fell back is set again
+            };
+            return phases(
+                run, rotated, [&] { zar::fault::arm(io.op, failAt, sticky, err); }, end,
+                io.mayLose);
+          });
     }
   }
   runCase("/dev/full", [&] {

@@ -40,17 +40,6 @@ int printFromThreads(Run& run, const std::string& routes, int proc, int threads,
   return 0;
 }
 
-void report(Run& run, const RecordTally& tally, const Loss& loss, const Procs& procs) {
-  run.figure("records", tally.records);
-  run.faults("torn", tally.torn);
-  run.faults("lost", loss.lost);
-  run.faults("duplicated", loss.duplicated + loss.unexpected);
-  run.faults("unordered", loss.unordered);
-  procs.report(run);
-  for (const std::string& b : tally.bad) run.fail(b);
-  if (!loss.detail.empty()) run.fail(loss.detail);
-}
-
 void appends(Run& run, const std::string& kind) {
   int procs = run.size("processes", 8, 16), threads = run.size("threads", 4, 4);
   long count = run.size("per_thread", 5000, 100000);
@@ -64,7 +53,8 @@ void appends(Run& run, const std::string& kind) {
   Expected expected;
   for (int p = 0; p < procs; ++p)
     for (int t = 0; t < threads; ++t) expected[writerKey(p, t)] = {0, count};
-  report(run, tally, zar::test::judge(tally, expected), result);
+  reportRecords(run, tally, zar::test::judge(tally, expected));
+  result.report(run);
   run.figure("records/s", tally.records / elapsed);
 }
 
@@ -106,7 +96,8 @@ Scenario forkDuringLogging("fork", [](Run& run) {
     loss.add(zar::test::judge(child, {{named("c", i), {0, kChildRecords}}}));
     all.add(child);
   }
-  report(run, all, loss, procs);
+  reportRecords(run, all, loss);
+  procs.report(run);
   run.figure("forks/s", forks / elapsed);
 });
 
@@ -246,7 +237,8 @@ Scenario rotation("rotation", [](Run& run) {
   long overfull = 0;
   for (size_t p = 0; p < bases.size(); ++p)
     checkGenerations(run, bases[p], models[p], &all, &loss, &overfull);
-  report(run, all, loss, {result.crashed + again.crashed, result.hung + again.hung});
+  reportRecords(run, all, loss);
+  Procs{result.crashed + again.crashed, result.hung + again.hung}.report(run);
   run.faults("overfull", overfull);
   run.figure("records/s", procs * threads * (first + second) / elapsed);
 });

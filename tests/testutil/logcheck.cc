@@ -1,11 +1,11 @@
 #include "tests/testutil/logcheck.h"
 
+#include <ctype.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 
 #include <algorithm>
-#include <regex>
 #include <sstream>
 
 namespace zar::test {
@@ -89,12 +89,20 @@ void Loss::add(const Loss& other) {
 
 const Marker& sysRoutineMarker() {
   static const Marker marker = [](std::string_view text, std::string* key, long* seq) {
-    static const std::regex re(R"(The (\S+) system routine failed: system error code: (-?\d+))");
-    std::match_results<std::string_view::const_iterator> m;
-    if (!std::regex_search(text.begin(), text.end(), m, re)) return 0;
-    *key = m[1].str();
-    *seq = strtol(m[2].str().c_str(), nullptr, 10);
-    return 1;
+    static constexpr std::string_view kMid = " system routine failed: system error code: ";
+    for (size_t at = text.find(kMid); at != std::string_view::npos; at = text.find(kMid, at + 1)) {
+      size_t the = text.rfind("The ", at);
+      std::string word(the == std::string_view::npos ? "" : text.substr(the + 4, at - the - 4));
+      std::string number(text.substr(at + kMid.size(), 24));
+      char* end = nullptr;
+      *seq = strtol(number.c_str(), &end, 10);
+      if (!word.empty() && word.find_first_of(" \t\n") == std::string::npos &&
+          isdigit(static_cast<unsigned char>(number[number[0] == '-'])) && end != number.c_str()) {
+        *key = word;
+        return 1;
+      }
+    }
+    return 0;
   };
   return marker;
 }

@@ -8,8 +8,7 @@ freePort() {  # tcp|udp
   local p
   for _ in $(seq 50); do
     p=$((20000 + RANDOM % 40000))
-    if [ "$1" = tcp ]; then ss -Htln "sport = :$p" | grep -q . || { echo $p; return; }
-    else ss -Huln "sport = :$p" | grep -q . || { echo $p; return; }; fi
+    ss -H -"${1:0:1}"ln "sport = :$p" | grep -q . || { echo $p; return; }
   done
   fail "no free $1 port"
 }

@@ -12,6 +12,7 @@
 
 #include "base/zarmem.h"
 #include "core/svcutl/svcint.h"
+#include "core/zardigits.h"
 #include "platform/sysio.h"
 
 namespace zar::svc {
@@ -54,18 +55,7 @@ inline char* putHex8(char* w, unsigned long v, bool upper) {
 
 // Writes v in decimal at w; returns the end (at most 20 bytes are written).
 inline char* putDec(char* w, long long v) {
-  char tmp[24];
-  char* end = tmp + sizeof tmp;
-  char* p = end;
-  unsigned long long u =
-      v < 0 ? 0ULL - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
-  do {
-    *--p = static_cast<char>('0' + u % 10);
-    u /= 10;
-  } while (u != 0);
-  if (v < 0) *--p = '-';
-  memcpy(w, p, static_cast<size_t>(end - p));
-  return w + (end - p);
+  return digits::putSigned(w, v);
 }
 
 // Whether a stream is one of the library's log files. Only the library

@@ -16,6 +16,7 @@
 #include "base/zarmem.h"
 #include "core/svcutl/svccollect.h"
 #include "core/svcutl/svcint.h"
+#include "core/zardigits.h"
 #include "zar/printf.h"
 #include "zar/utc.h"
 
@@ -105,23 +106,7 @@ char* put(char* w, const char* end, const char* text) {
   return w + n;
 }
 
-// v in decimal, at least width digits (zero-padded), as printf's %0*d does.
-char* putDec(char* w, long long v, int width = 1) {
-  unsigned long long u = v < 0 ? 0ULL - static_cast<unsigned long long>(v) : v;
-  if (v < 0) {
-    *w++ = '-';
-    --width;
-  }
-  char digits[24];
-  int n = 0;
-  do {
-    digits[n++] = static_cast<char>('0' + u % 10);
-    u /= 10;
-  } while (u != 0);
-  while (width-- > n) *w++ = '0';
-  while (n > 0) *w++ = digits[--n];
-  return w;
-}
+using digits::putSigned;
 
 // "0x" and v in hex, at least 8 digits, as printf's 0x%08X (or 0x%08lx).
 char* putHex(char* w, unsigned long v, bool upper) {
@@ -217,32 +202,32 @@ void syslogPrint(void*, void* routeData, zar_svc_prolog* p, va_list args)
   if (zar_utc_anytime(&tm, &ns, nullptr, nullptr, &tdf, &p->t) != 0) tdf = 0;
   long offMin = (tdf < 0 ? -tdf : tdf) / 60;
   *w++ = '<';
-  w = putDec(w, route->facility * 8 + syslogSeverity(p->attributes));
+  w = putSigned(w, route->facility * 8 + syslogSeverity(p->attributes));
   w = put(w, end, ">1 ");
-  w = putDec(w, tm.tm_year + 1900, 4);
+  w = putSigned(w, tm.tm_year + 1900, 4);
   *w++ = '-';
-  w = putDec(w, tm.tm_mon + 1, 2);
+  w = putSigned(w, tm.tm_mon + 1, 2);
   *w++ = '-';
-  w = putDec(w, tm.tm_mday, 2);
+  w = putSigned(w, tm.tm_mday, 2);
   *w++ = 'T';
-  w = putDec(w, tm.tm_hour, 2);
+  w = putSigned(w, tm.tm_hour, 2);
   *w++ = ':';
-  w = putDec(w, tm.tm_min, 2);
+  w = putSigned(w, tm.tm_min, 2);
   *w++ = ':';
-  w = putDec(w, tm.tm_sec, 2);
+  w = putSigned(w, tm.tm_sec, 2);
   *w++ = '.';
-  w = putDec(w, ns / 1000, 6);
+  w = putSigned(w, ns / 1000, 6);
   *w++ = tdf < 0 ? '-' : '+';
-  w = putDec(w, offMin / 60, 2);
+  w = putSigned(w, offMin / 60, 2);
   *w++ = ':';
-  w = putDec(w, offMin % 60, 2);
+  w = putSigned(w, offMin % 60, 2);
   *w++ = ' ';
   memcpy(w, route->host, route->hostLen);
   w += route->hostLen;
   *w++ = ' ';
   w += headerField(w, 48, p->progname);
   *w++ = ' ';
-  w = putDec(w, zar_svc__get_pid());
+  w = putSigned(w, zar_svc__get_pid());
   *w++ = ' ';
   if (debug) {
     *w++ = '-';
@@ -253,12 +238,13 @@ void syslogPrint(void*, void* routeData, zar_svc_prolog* p, va_list args)
   w = put(w, end, kSdId);
   char field[32];
   if (debug) {
-    w = putPlainParam(w, end, " level=\"", field, putDec(field, p->attributes & svc_c_debug_mask));
+    w = putPlainParam(w, end, " level=\"", field,
+                      putSigned(field, p->attributes & svc_c_debug_mask));
   } else {
     w = putPlainParam(w, end, " status=\"", field, putHex(field, p->message_index, true));
   }
   w = putSourceParams(route, w, end, p);
-  w = putPlainParam(w, end, " line=\"", field, putDec(field, p->line));
+  w = putPlainParam(w, end, " line=\"", field, putSigned(field, p->line));
   w = putPlainParam(w, end, " thread=\"", field,
                     putHex(field, zar_svc__mapthreadid(&p->thread_id), false));
   w = put(w, end, "] \xEF\xBB\xBF");
@@ -280,7 +266,7 @@ void syslogPrint(void*, void* routeData, zar_svc_prolog* p, va_list args)
     }
     text = formatted;
     textLen = strnlen(text, static_cast<size_t>(n) < sizeof formatted ? static_cast<size_t>(n)
-                                                                        : sizeof formatted - 1);
+                                                                      : sizeof formatted - 1);
   }
   w += putUtf8(w, static_cast<size_t>(end - w), text, textLen, nullptr);
 
@@ -288,7 +274,7 @@ void syslogPrint(void*, void* routeData, zar_svc_prolog* p, va_list args)
   char* record = start;
   if (transportOf(route->link.dest) == Transport::kTcp) {
     char prefix[kFrameRoom + 1];
-    char* prefixEnd = putDec(prefix, static_cast<long long>(len));
+    char* prefixEnd = putSigned(prefix, static_cast<long long>(len));
     *prefixEnd++ = ' ';
     size_t plen = static_cast<size_t>(prefixEnd - prefix);
     record -= plen;

@@ -11,6 +11,7 @@
 #include <sys/time.h>
 
 #include "base/report.h"
+#include "core/zardigits.h"
 
 namespace zar::utc {
 namespace {
@@ -36,18 +37,7 @@ int64_t addSeconds(uint64_t time100, long tdf) {
   return static_cast<int64_t>(time100 + shift);
 }
 
-// Digits of v, at least width of them (leading zeros), like "%0*lu".
-char* putUnsigned(char* p, uint64_t v, int width) {
-  char tmp[24];
-  int n = 0;
-  do {
-    tmp[n++] = static_cast<char>('0' + v % 10);
-    v /= 10;
-  } while (v != 0);
-  while (n < width) tmp[n++] = '0';
-  while (n > 0) *p++ = tmp[--n];
-  return p;
-}
+using digits::putUnsigned;
 
 // Two digits of a value known to be 0 to 99.
 char* put2(char* p, int v) {

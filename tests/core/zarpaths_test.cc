@@ -51,6 +51,7 @@ TEST(ZarPaths, LocaleDirIsTheMostSpecificSubdirectory) {
       {"fr_FR", none, {"C"}, "C"},
       {"fr_FR", none, {}, ""},
       {"de_AT", none, {"file:de"}, "de"},  // any kind of file counts
+      {"fil_PH", none, {"fil"}, "fil"},    // a language of three letters
       {none, none, {"C"}, "C"},            // the process locale: "C"
       {"../x", none, {}, ""},              // a name that is no locale must not lead out of the base
   };

@@ -30,10 +30,10 @@
 #include <systemd/sd-journal.h>
 #include <unistd.h>
 
-#include <string>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <string>
 #include <thread>
 
 #include "zar/collect.h"

@@ -709,7 +709,7 @@ const char* givenText(const zar_svc_prolog* prolog, va_list args) {
   va_copy(copy, args);
   const char* text = va_arg(copy, const char*);
   va_end(copy);
-  return text != nullptr ? text : "(null)";
+  return text != nullptr ? text : "";  // as the printf engine writes a null string
 }
 
 char* formatText(zar_svc_prolog* prolog, va_list args) {

@@ -301,14 +301,7 @@ char* copyText(zar_msg_cat_s* e, uint32_t code, Reader* reader, unsigned long* s
     zar::setStatus(status, ZAR_S_MSG_NOT_IN_CATALOG);
     return nullptr;
   }
-  if (len < reader->cap) {
-    memcpy(reader->buf, t, len);
-    reader->buf[len] = '\0';
-    return reader->buf;
-  }
-  char* copy = zar::mem::strDupLen(t, len);
-  if (copy == nullptr) zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
-  return copy;
+  return zar::msg::copyInto(t, len, reader->buf, reader->cap, status);
 }
 
 }  // namespace

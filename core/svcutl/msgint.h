@@ -80,6 +80,10 @@ inline bool debugCatalogs() { return gMsg.debugMsg; }
 char* copyCatalogText(uint32_t code, unsigned long* status, char* buf = nullptr, size_t cap = 0)
     ZAR_REQUIRES(gMsg.mutex);
 
+// The len bytes of text, terminated: in buf when they fit in its cap bytes,
+// else in a new block; null with status 0x10652203 when memory is short.
+char* copyInto(const char* text, size_t len, char* buf, size_t cap, unsigned long* status);
+
 // zar_msg_get_msg with the same choice of result: buf when the text fits in
 // its cap bytes, else a new block (null only when memory is short).
 char* getMsgInto(uint32_t code, unsigned long* status, char* buf, size_t cap);

@@ -171,17 +171,22 @@ char* copyOrUnknown(const char* text, uint32_t code, unsigned long* status, char
     snprintf(unknown, sizeof unknown, kUnknownFormat, static_cast<unsigned long>(code));
     text = unknown;
   }
-  size_t len = strlen(text);
+  return zar::msg::copyInto(text, strlen(text), buf, cap, status);
+}
+
+}  // namespace
+
+char* zar::msg::copyInto(const char* text, size_t len, char* buf, size_t cap,
+                         unsigned long* status) {
   if (len < cap) {
-    memcpy(buf, text, len + 1);
+    memcpy(buf, text, len);
+    buf[len] = '\0';
     return buf;
   }
   char* copy = zar::mem::strDupLen(text, len);
   if (copy == nullptr) zar::setStatus(status, ZAR_S_MSG_NO_MEMORY);
   return copy;
 }
-
-}  // namespace
 
 char* zar::msg::getMsgInto(uint32_t code, unsigned long* status, char* buf, size_t cap) {
   if (!zar::msg::ensureInit()) {
